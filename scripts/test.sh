@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Builds and runs every test: a plain build (including the tests that boot the
+# SocketCAN VM), then the whole suite under AddressSanitizer + UBSan, then
+# under ThreadSanitizer. Any failure fails the run.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+scripts/install-deps.sh
+
+jobs=$(nproc)
+build() { # dir sanitizer
+  cmake -S . -B "$1" -DORVANE_SANITIZER="$2" >/dev/null
+  cmake --build "$1" -j "$jobs"
+}
+
+echo "=== plain build ==="
+build build ""
+(cd build && ctest --output-on-failure -j "$jobs")
+
+echo "=== AddressSanitizer + UndefinedBehaviorSanitizer ==="
+build build-asan address
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+   ctest --output-on-failure -j "$jobs" -LE vm)
+
+echo "=== ThreadSanitizer ==="
+build build-tsan thread
+(cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/scripts/tsan.supp" \
+   ctest --output-on-failure -j "$jobs" -LE vm)
+
+echo "=== all tests passed ==="
