@@ -1,0 +1,130 @@
+#include "libKelThread.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace
+{
+void* ThreadEntry(void* argument)
+{
+    return CKelThread::ThreadProc(static_cast<CKelThread*>(argument));
+}
+} // namespace
+
+CKelThread::CKelThread(unsigned int stackSize)
+    : m_hThread(0)
+    , m_bAttributesValid(false)
+    , m_nStackSize(stackSize)
+    , m_nState(eCreated)
+{
+    InitAttributes();
+}
+
+CKelThread::~CKelThread()
+{
+    JoinThread();
+    if (m_bAttributesValid)
+        pthread_attr_destroy(&m_oAttributes);
+}
+
+void CKelThread::InitAttributes()
+{
+    pthread_attr_init(&m_oAttributes);
+    if (m_nStackSize != 0)
+        pthread_attr_setstacksize(&m_oAttributes, m_nStackSize);
+    m_bAttributesValid = true;
+}
+
+bool CKelThread::Start()
+{
+    const int state = GetState();
+    if (state == eStarting || state == eRunning)
+        return false;
+
+    // A thread that finished by itself has not been joined yet; join it
+    // before its handle is replaced so that its resources are released.
+    if (m_hThread != 0)
+    {
+        pthread_join(m_hThread, nullptr);
+        m_hThread = 0;
+    }
+    if (!m_bAttributesValid)
+        InitAttributes();
+
+    m_nState.store(eStarting, std::memory_order_relaxed);
+    pthread_t handle;
+    if (pthread_create(&handle, &m_oAttributes, ThreadEntry, this) != 0)
+    {
+        m_nState.store(eFinished, std::memory_order_relaxed);
+        return false;
+    }
+    m_hThread = handle;
+    m_oStartedEvent.Wait(KEL_INFINITE);
+    return true;
+}
+
+void CKelThread::JoinThread()
+{
+    if (m_hThread == 0)
+        return;
+    m_oTerminationEvent.Signal();
+    pthread_join(m_hThread, nullptr);
+    if (m_bAttributesValid)
+    {
+        pthread_attr_destroy(&m_oAttributes);
+        m_bAttributesValid = false;
+    }
+    // Nobody else signals the event now that the thread is gone.
+    m_oTerminationEvent.Reset();
+    m_hThread = 0;
+}
+
+void CKelThread::Terminate()
+{
+    JoinThread();
+}
+
+bool CKelThread::IsTerminationRequested()
+{
+    return m_oTerminationEvent.Wait(0);
+}
+
+void* CKelThread::ThreadProc(CKelThread* thread)
+{
+    thread->Initialize();
+    thread->m_oStartedEvent.Signal();
+    thread->m_nState.store(eRunning, std::memory_order_relaxed);
+    thread->Run();
+    thread->m_nState.store(eFinished, std::memory_order_relaxed);
+    return nullptr;
+}
+
+void CKelThread::Sleep(long seconds, long milliseconds)
+{
+    usleep(static_cast<useconds_t>((seconds * 1000 + milliseconds) * 1000));
+}
+
+void CKelThread::GetTimeCurrent(long* seconds, long* nanoseconds)
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    *seconds = now.tv_sec;
+    *nanoseconds = now.tv_usec * 1000;
+}
+
+void CKelThread::GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds)
+{
+    long nowSeconds = 0;
+    long nowNanoseconds = 0;
+    GetTimeCurrent(&nowSeconds, &nowNanoseconds);
+    long long totalNs = static_cast<long long>(nowNanoseconds) + addNanoseconds;
+    long long totalS = static_cast<long long>(nowSeconds) + addSeconds + totalNs / 1000000000LL;
+    totalNs %= 1000000000LL;
+    if (totalNs < 0)
+    {
+        totalNs += 1000000000LL;
+        totalS -= 1;
+    }
+    *seconds = static_cast<long>(totalS);
+    *nanoseconds = static_cast<long>(totalNs);
+}

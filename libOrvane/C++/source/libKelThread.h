@@ -1,0 +1,73 @@
+// Base class of every worker thread of the library.
+//
+// A derived class implements Run() and polls IsTerminationRequested() (or
+// waits on the termination event) so that Terminate() and the destructor can
+// end it cooperatively. A derived class whose Run uses its own members must
+// call Terminate() in its own destructor, before those members are gone.
+#ifndef LIB_KEL_THREAD_H
+#define LIB_KEL_THREAD_H
+
+#include "libKelMutex.h"
+
+#include <pthread.h>
+
+#include <atomic>
+
+class CKelThread
+{
+public:
+    enum EThreadState
+    {
+        eCreated = 0,
+        eStarting = 1,
+        eRunning = 2,
+        eFinished = 3
+    };
+
+    // stackSize 0 keeps the system's default stack size.
+    explicit CKelThread(unsigned int stackSize = 0);
+    virtual ~CKelThread();
+
+    CKelThread(const CKelThread&) = delete;
+    CKelThread& operator=(const CKelThread&) = delete;
+
+    // Creates the thread and returns once its Initialize() has run. False
+    // when the thread is already starting or running, or cannot be created.
+    bool Start();
+    // Requests termination and joins the thread; nothing when none exists.
+    void Terminate();
+    // Consumes a pending termination request: true once per request.
+    bool IsTerminationRequested();
+
+    bool IsRunning() const { return GetState() == eRunning; }
+    // The state is a hint: it is written by the starter and the new thread.
+    int GetState() const { return m_nState.load(std::memory_order_relaxed); }
+
+    void Suspend() {}
+    void Resume() {}
+
+    static void Sleep(long seconds, long milliseconds);
+    static void GetTimeCurrent(long* seconds, long* nanoseconds);
+    static void GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds);
+    static void* ThreadProc(CKelThread* thread);
+
+protected:
+    virtual void Run() = 0;
+    virtual void Initialize() {}
+
+    // Signalled by Terminate and the destructor; Run may wait on it.
+    CKelEvent m_oTerminationEvent;
+
+private:
+    void JoinThread();
+    void InitAttributes();
+
+    pthread_t m_hThread;
+    pthread_attr_t m_oAttributes;
+    bool m_bAttributesValid;
+    unsigned int m_nStackSize;
+    CKelEvent m_oStartedEvent;
+    std::atomic<int> m_nState;
+};
+
+#endif
