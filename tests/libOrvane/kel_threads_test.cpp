@@ -1,0 +1,374 @@
+// Mutex, event and thread primitives, exercised with real threads.
+#include "libKelMutex.h"
+#include "libKelThread.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+
+long ElapsedMs(Clock::time_point since)
+{
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+}
+
+// Polls a condition (1 ms steps) for up to ten seconds.
+bool Eventually(const std::function<bool()>& condition)
+{
+    const auto start = Clock::now();
+    while (!condition())
+    {
+        if (ElapsedMs(start) > 10000)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+pid_t CurrentTid()
+{
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+// True once the kernel reports the thread as sleeping, i.e. blocked in the
+// wait it entered after publishing its id.
+bool IsBlocked(pid_t tid)
+{
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'S';
+}
+
+// Starts a thread that publishes its id and then waits on the event.
+struct Waiter
+{
+    explicit Waiter(CKelEvent& event)
+        : event(event)
+        , thread([this, &event] {
+            tid = CurrentTid();
+            result = event.Wait(KEL_INFINITE) ? 1 : 0;
+        })
+    {
+        EXPECT_TRUE(Eventually([this] { return tid.load() != 0 && IsBlocked(tid.load()); }));
+    }
+    // Result of the wait: 1 released, -1 still waiting after ten seconds.
+    int Released()
+    {
+        Eventually([this] { return result.load() != -1; });
+        return result.load();
+    }
+    ~Waiter()
+    {
+        // A waiter that was never released is freed so that the test ends.
+        while (result.load() == -1)
+        {
+            event.Signal();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        thread.join();
+    }
+    CKelEvent& event;
+    std::atomic<pid_t> tid{0};
+    std::atomic<int> result{-1};
+    std::thread thread;
+};
+} // namespace
+
+TEST(KelMutex, InfiniteLockBlocksUntilReleasedAndZeroTimeoutFailsAtOnce)
+{
+    CKelMutex mutex;
+    ASSERT_TRUE(mutex.Lock(KEL_INFINITE));
+
+    std::atomic<bool> acquired{false};
+    std::atomic<bool> zeroTimeoutResult{true};
+    std::atomic<long> zeroTimeoutMs{-1};
+    std::thread other([&] {
+        const auto start = Clock::now();
+        zeroTimeoutResult = mutex.Lock(0);
+        zeroTimeoutMs = ElapsedMs(start);
+        acquired = mutex.Lock(KEL_INFINITE);
+        mutex.Unlock();
+    });
+    ASSERT_TRUE(Eventually([&] { return zeroTimeoutMs.load() >= 0; }));
+    EXPECT_FALSE(zeroTimeoutResult.load());
+    EXPECT_LT(zeroTimeoutMs.load(), 1000);
+    EXPECT_FALSE(acquired.load());
+
+    EXPECT_TRUE(mutex.Unlock());
+    other.join();
+    EXPECT_TRUE(acquired.load());
+}
+
+TEST(KelMutex, TimedLockGivesUpAfterItsTimeoutAndSucceedsWhenFree)
+{
+    CKelMutex mutex;
+    std::atomic<bool> held{false};
+    std::atomic<bool> release{false};
+    std::thread holder([&] {
+        mutex.Lock(KEL_INFINITE);
+        held = true;
+        Eventually([&] { return release.load(); });
+        mutex.Unlock();
+    });
+    ASSERT_TRUE(Eventually([&] { return held.load(); }));
+
+    const auto start = Clock::now();
+    EXPECT_FALSE(mutex.Lock(150));
+    EXPECT_GE(ElapsedMs(start), 140);
+
+    release = true;
+    holder.join();
+    EXPECT_TRUE(mutex.Lock(1500));
+    EXPECT_TRUE(mutex.Unlock());
+}
+
+TEST(KelEvent, SignalIsStickyAndConsumedByOneWait)
+{
+    CKelEvent event;
+    EXPECT_FALSE(event.Wait(0));
+
+    event.Signal();
+    EXPECT_TRUE(event.Wait(KEL_INFINITE)); // returns at once: nobody waited, the flag stayed
+    EXPECT_FALSE(event.Wait(0));
+
+    event.Signal();
+    EXPECT_TRUE(event.Wait(0));
+    EXPECT_FALSE(event.Wait(0));
+
+    event.Signal();
+    event.Reset();
+    EXPECT_FALSE(event.Wait(0));
+}
+
+TEST(KelEvent, FiniteWaitTimesOut)
+{
+    CKelEvent event;
+    const auto start = Clock::now();
+    EXPECT_FALSE(event.Wait(120));
+    EXPECT_GE(ElapsedMs(start), 110);
+}
+
+TEST(KelEvent, FiniteWaitWakesOnSignalFromAnotherThread)
+{
+    CKelEvent event;
+    std::atomic<int> result{-1};
+    std::atomic<pid_t> tid{0};
+    std::thread waiter([&] {
+        tid = CurrentTid();
+        result = event.Wait(20000) ? 1 : 0;
+    });
+    ASSERT_TRUE(Eventually([&] { return tid.load() != 0 && IsBlocked(tid.load()); }));
+    const auto start = Clock::now();
+    event.Signal();
+    waiter.join();
+    EXPECT_EQ(result.load(), 1);
+    EXPECT_LT(ElapsedMs(start), 10000);
+}
+
+TEST(KelEvent, SignalFollowedByResetStillReleasesTheWaitingThread)
+{
+    CKelEvent event;
+    Waiter waiter(event);
+    // The flag is gone before the waiter runs; the signal count must still
+    // release it.
+    event.Signal();
+    event.Reset();
+    EXPECT_EQ(waiter.Released(), 1);
+}
+
+TEST(KelEvent, OneSignalReleasesEveryThreadWaitingAtThatTime)
+{
+    CKelEvent event;
+    Waiter first(event);
+    Waiter second(event);
+    event.Signal();
+    EXPECT_EQ(first.Released(), 1);
+    EXPECT_EQ(second.Released(), 1);
+    // Both wake-ups came from that one Signal; the flag is consumed.
+    EXPECT_FALSE(event.Wait(0));
+}
+
+TEST(KelEvent, MultiWaitReturnsLowestSignalledIndexAndConsumesOnlyIt)
+{
+    CKelEvent a, b, c;
+    std::vector<CKelEvent*> events{&a, &b, &c};
+    c.Signal();
+    b.Signal();
+    EXPECT_EQ(CKelEvent::Wait(events, 0), 1);
+    EXPECT_EQ(CKelEvent::Wait(events, 0), 2);
+    EXPECT_EQ(CKelEvent::Wait(events, 0), -1);
+}
+
+TEST(KelEvent, MultiWaitTimesOutAndWakesOnLateSignal)
+{
+    std::vector<CKelEvent*> none;
+    auto start = Clock::now();
+    EXPECT_EQ(CKelEvent::Wait(none, 60), -1);
+    EXPECT_GE(ElapsedMs(start), 55);
+
+    CKelEvent a, b;
+    std::vector<CKelEvent*> events{&a, &b};
+    std::atomic<int> index{-2};
+    std::thread waiter([&] { index = CKelEvent::Wait(events, 20000); });
+    b.Signal();
+    waiter.join();
+    EXPECT_EQ(index.load(), 1);
+}
+
+namespace
+{
+// Counts its runs; loops until termination is requested unless told to
+// return by itself.
+class CountingThread : public CKelThread
+{
+public:
+    explicit CountingThread(unsigned int stackSize = 0, bool loop = true)
+        : CKelThread(stackSize), m_bLoop(loop)
+    {
+    }
+    ~CountingThread() override { Terminate(); }
+
+    std::atomic<int> initialized{0};
+    std::atomic<int> runs{0};
+    std::atomic<int> secondTestAfterRequest{-1};
+    std::atomic<size_t> stackSize{0};
+    std::atomic<int> stateSeenInRun{-1};
+
+protected:
+    void Initialize() override { ++initialized; }
+    void Run() override
+    {
+        ++runs;
+        pthread_attr_t attributes;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0)
+        {
+            size_t size = 0;
+            pthread_attr_getstacksize(&attributes, &size);
+            stackSize = size;
+            pthread_attr_destroy(&attributes);
+        }
+        if (!m_bLoop)
+            return;
+        // The usual worker loop: poll for the termination request.
+        while (!IsTerminationRequested())
+            usleep(1000);
+        // The request was consumed by the test above.
+        secondTestAfterRequest = IsTerminationRequested() ? 1 : 0;
+    }
+
+private:
+    bool m_bLoop;
+};
+} // namespace
+
+TEST(KelThread, StartReturnsAfterInitializeAndRefusesASecondStart)
+{
+    CountingThread thread;
+    EXPECT_EQ(thread.GetState(), CKelThread::eCreated);
+    ASSERT_TRUE(thread.Start());
+    EXPECT_EQ(thread.initialized.load(), 1); // visible as soon as Start returns
+    EXPECT_TRUE(Eventually([&] { return thread.IsRunning(); }));
+    EXPECT_FALSE(thread.Start());
+    EXPECT_EQ(thread.runs.load(), 1);
+
+    thread.Terminate();
+    EXPECT_EQ(thread.GetState(), CKelThread::eFinished);
+    EXPECT_EQ(thread.secondTestAfterRequest.load(), 0);
+}
+
+TEST(KelThread, TerminateWithoutThreadDoesNothing)
+{
+    CountingThread thread;
+    thread.Terminate();
+    EXPECT_EQ(thread.GetState(), CKelThread::eCreated);
+    EXPECT_FALSE(thread.IsTerminationRequested());
+}
+
+TEST(KelThread, FinishedThreadCanBeStartedAgain)
+{
+    CountingThread thread(0, false);
+    ASSERT_TRUE(thread.Start());
+    ASSERT_TRUE(Eventually([&] { return thread.GetState() == CKelThread::eFinished; }));
+    ASSERT_TRUE(thread.Start());
+    ASSERT_TRUE(Eventually([&] { return thread.GetState() == CKelThread::eFinished; }));
+    EXPECT_EQ(thread.runs.load(), 2);
+    EXPECT_EQ(thread.initialized.load(), 2);
+}
+
+TEST(KelThread, TerminatedThreadCanBeStartedAgain)
+{
+    CountingThread thread;
+    ASSERT_TRUE(thread.Start());
+    thread.Terminate();
+    ASSERT_TRUE(thread.Start());
+    thread.Terminate();
+    EXPECT_EQ(thread.runs.load(), 2);
+}
+
+TEST(KelThread, StackSizeIsAppliedOnlyWhenGiven)
+{
+    pthread_attr_t defaults;
+    pthread_attr_init(&defaults);
+    size_t defaultSize = 0;
+    pthread_attr_getstacksize(&defaults, &defaultSize);
+    pthread_attr_destroy(&defaults);
+
+    CountingThread withDefault(0, false);
+    ASSERT_TRUE(withDefault.Start());
+    ASSERT_TRUE(Eventually([&] { return withDefault.GetState() == CKelThread::eFinished; }));
+    // glibc may hand a thread a cached stack that is larger than asked for,
+    // so only lower bounds are reliable.
+    EXPECT_GE(withDefault.stackSize.load(), defaultSize);
+
+    const unsigned int custom = 4 * static_cast<unsigned int>(defaultSize);
+    CountingThread withCustom(custom, false);
+    ASSERT_TRUE(withCustom.Start());
+    ASSERT_TRUE(Eventually([&] { return withCustom.GetState() == CKelThread::eFinished; }));
+    EXPECT_GE(withCustom.stackSize.load(), custom);
+}
+
+TEST(KelThread, DestructorEndsARunningThread)
+{
+    auto* thread = new CountingThread;
+    ASSERT_TRUE(thread->Start());
+    delete thread; // must not hang
+    SUCCEED();
+}
+
+TEST(KelThread, TimeHelpersNormaliseNanoseconds)
+{
+    long s0 = 0, ns0 = 0;
+    CKelThread::GetTimeCurrent(&s0, &ns0);
+    EXPECT_GE(ns0, 0);
+    EXPECT_LT(ns0, 1000000000L);
+    EXPECT_EQ(ns0 % 1000, 0); // microsecond resolution
+
+    long s = 0, ns = 0;
+    CKelThread::GetTime(&s, &ns, 2, 1999999999L);
+    EXPECT_GE(ns, 0);
+    EXPECT_LT(ns, 1000000000L);
+    // now + 3.999999999 s, give or take the time between the two reads
+    const long long target = (static_cast<long long>(s0) + 3) * 1000000000LL + ns0 + 999999999LL;
+    const long long got = static_cast<long long>(s) * 1000000000LL + ns;
+    EXPECT_GE(got, target);
+    EXPECT_LT(got - target, 5000000000LL);
+
+    const auto start = Clock::now();
+    CKelThread::Sleep(0, 30);
+    EXPECT_GE(ElapsedMs(start), 29);
+}
