@@ -1,0 +1,228 @@
+// SocketCAN adapter: one raw CAN socket with a controller-like interface.
+//
+// The bridge reads on its main thread and writes from the gateway library's
+// callback thread on the same descriptor, without a lock; the status bits are
+// atomics so that both threads may update them.
+#include "socket_can.h"
+
+#include <linux/can/raw.h>
+#include <linux/sockios.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace socket_can {
+
+constexpr int kInitialFamily = 29;  // PF_CAN
+constexpr int kInitialType = 3;     // SOCK_RAW
+constexpr int kInitialProtocol = 1; // CAN_RAW
+
+std::atomic<int> init{0};
+std::atomic<unsigned char> can_state{CAN_STATUS_NOT_STARTED};
+char ifname[kIfNameLength + 1] = "";
+int family = kInitialFamily;
+int type = kInitialType;
+int protocol = kInitialProtocol;
+std::atomic<int> descriptor{-1};
+
+namespace {
+
+void setBits(unsigned char bits) { can_state.fetch_or(bits); }
+void clearBits(unsigned char bits) { can_state.fetch_and(static_cast<unsigned char>(~bits)); }
+bool started() { return (can_state.load() & CAN_STATUS_NOT_STARTED) == 0; }
+
+// Closes a socket that could not be set up, keeping the errno of the call
+// that failed for the caller's perror.
+int failSetup(int fd) {
+    const int reason = errno;
+    close(fd);
+    descriptor = -1;
+    errno = reason;
+    return CAN_RC_SYSTEM;
+}
+
+// Fills the record's time stamp with the socket's last receive time. The
+// zeroing branch is never taken (the call returns 0 or -1); it is kept so the
+// record behaves exactly as the bridge has always seen it.
+void stampFromSocket(int fd, _can_msg_t *msg) {
+    if (ioctl(fd, SIOCGSTAMP, &msg->timestamp) > 0) {
+        msg->timestamp.tv_sec = 0;
+        msg->timestamp.tv_usec = 0;
+    }
+}
+
+struct ErrorText {
+    int code;
+    const char *text;
+};
+
+constexpr ErrorText kErrorTexts[] = {
+    {CAN_RC_OTHER, "SocketCAN: USR - other errors"},
+    {CAN_RC_NOT_SUPPORTED, "SocketCAN: USR - not supported"},
+    {CAN_RC_ALREADY_INIT, "SocketCAN: USR - already initialized"},
+    {CAN_RC_NOT_INIT, "SocketCAN: USR - not initialized"},
+    {CAN_RC_NULL_POINTER, "SocketCAN: USR - null-pointer assignement"},
+    {CAN_RC_ILLEGAL_PARAMETER, "SocketCAN: USR - illegal parameter"},
+    {CAN_RC_ILLEGAL_BAUDRATE, "SocketCAN: USR - illegal baudrate"},
+    {CAN_RC_TIMEOUT, "SocketCAN: USR - time-out"},
+    {CAN_RC_RX_EMPTY, "SocketCAN: USR - receiver empty"},
+    {CAN_RC_TX_BUSY, "SocketCAN: USR - transmitter busy"},
+    {CAN_RC_LEC_CHECKSUM, "SocketCAN: LEC - checksum error"},
+    {CAN_RC_LEC_DOMINANT_BIT, "SocketCAN: LEC - dominant bit error"},
+    {CAN_RC_LEC_RECESSIVE_BIT, "SocketCAN: LEC - recessive bit error"},
+    {CAN_RC_LEC_ACKNOWLEDGE, "SocketCAN: LEC - acknowledge error"},
+    {CAN_RC_LEC_FORM, "SocketCAN: LEC - form error"},
+    {CAN_RC_LEC_STUFF, "SocketCAN: LEC - stuff error"},
+    {CAN_RC_MESSAGE_LOST, "SocketCAN: CAN - message lost"},
+    {CAN_RC_NOT_STARTED, "SocketCAN: CAN - not started"},
+    {CAN_RC_ALREADY_STARTED, "SocketCAN: CAN - already started"},
+    {CAN_RC_BUS_ERROR, "SocketCAN: CAN - bus error"},
+    {CAN_RC_ERROR_WARNING, "SocketCAN: CAN - error warning status"},
+    {CAN_RC_BUS_OFF, "SocketCAN: CAN - busoff status"},
+};
+
+} // namespace
+} // namespace socket_can
+
+using namespace socket_can;
+
+extern "C" int can_init(int channel, const can_socket_params_t *params, const struct can_filter * /*filters*/,
+                        int /*filter_count*/, bool /*flag1*/, bool /*flag2*/) {
+    if (init) return CAN_RC_ALREADY_INIT;
+    if (channel != -1) return CAN_RC_ILLEGAL_PARAMETER;
+    if (params == nullptr) return CAN_RC_NULL_POINTER;
+
+    const char *name = params->ifname != nullptr ? params->ifname : "";
+    const size_t length = strnlen(name, kIfNameLength);
+    memcpy(ifname, name, length);
+    ifname[length] = '\0';
+    family = params->family;
+    type = params->type;
+    protocol = params->protocol;
+
+    const int fd = socket(family, type, protocol);
+    if (fd < 0) return CAN_RC_SYSTEM;
+    descriptor = fd;
+
+    // The look-up's result is deliberately not checked: a missing interface
+    // leaves the index at -1, which names no interface, so bind fails with
+    // ENODEV (index 0 would instead bind to every CAN interface).
+    struct ifreq request;
+    memset(&request, 0, sizeof request);
+    memcpy(request.ifr_name, ifname, strnlen(ifname, sizeof request.ifr_name));
+    request.ifr_ifindex = -1;
+    ioctl(fd, SIOCGIFINDEX, &request);
+
+    struct sockaddr_can address;
+    memset(&address, 0, sizeof address);
+    address.can_family = static_cast<sa_family_t>(family);
+    address.can_ifindex = request.ifr_ifindex;
+    if (bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) < 0) return failSetup(fd);
+
+    // Deliver every error class as an error frame; can_receive drops them.
+    const can_err_mask_t errorMask = CAN_ERR_MASK;
+    if (setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) < 0) {
+        const int reason = errno;
+        printf("Error setsockopt: CAN_RAW_ERR_FILTER\n");
+        errno = reason;
+        return failSetup(fd);
+    }
+
+    can_state = CAN_STATUS_NOT_STARTED;
+    init = 1;
+    return 0;
+}
+
+extern "C" int can_start(int channel) {
+    if (!init) return CAN_RC_NOT_INIT;
+    if (started()) return CAN_RC_ALREADY_STARTED;
+    if (channel != -1) return CAN_RC_ILLEGAL_BAUDRATE;
+    can_state = 0;
+    return 0;
+}
+
+extern "C" int can_transmit(_can_msg_t *msg) {
+    if (!init) return CAN_RC_NOT_INIT;
+    if (!started()) return CAN_RC_NOT_STARTED;
+    if (msg == nullptr) return CAN_RC_NULL_POINTER;
+    if (msg->len > CAN_MAX_DLEN) return CAN_RC_ILLEGAL_PARAMETER;
+
+    // The identifier is passed on unmasked; only the flag bits are added.
+    struct can_frame frame;
+    memset(&frame, 0, sizeof frame);
+    frame.can_id = msg->id;
+    if (msg->ext) frame.can_id |= CAN_EFF_FLAG;
+    if (msg->rtr) frame.can_id |= CAN_RTR_FLAG;
+    frame.can_dlc = msg->len;
+    memcpy(frame.data, msg->data, msg->len);
+
+    const int fd = descriptor;
+    if (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+        setBits(CAN_STATUS_TX_FAILED);
+        return CAN_RC_TX_BUSY;
+    }
+    stampFromSocket(fd, msg);
+    clearBits(CAN_STATUS_TX_FAILED);
+    return 0;
+}
+
+extern "C" int can_receive(_can_msg_t *msg) {
+    if (!init) return CAN_RC_NOT_INIT;
+    if (!started()) return CAN_RC_NOT_STARTED;
+    if (msg == nullptr) return CAN_RC_NULL_POINTER;
+
+    const int fd = descriptor;
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    struct timeval limit = {1, 0};
+    if (select(fd + 1, &readable, nullptr, nullptr, &limit) > 0 && FD_ISSET(fd, &readable)) {
+        struct can_frame frame;
+        if (read(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+            setBits(CAN_STATUS_RX_READ_FAILED);
+            return CAN_RC_MESSAGE_LOST;
+        }
+        if ((frame.can_id & CAN_ERR_FLAG) == 0) {
+            msg->id = frame.can_id & CAN_EFF_MASK;
+            msg->rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
+            msg->ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
+            msg->len = frame.can_dlc;
+            memcpy(msg->data, frame.data, sizeof msg->data);
+            stampFromSocket(fd, msg);
+            clearBits(CAN_STATUS_RX_READ_FAILED | CAN_STATUS_RX_EMPTY);
+            return 0;
+        }
+        // An error frame is never handed on: the caller sees an empty receiver.
+    }
+    setBits(CAN_STATUS_RX_EMPTY);
+    return CAN_RC_RX_EMPTY;
+}
+
+extern "C" int can_exit(void) {
+    if (init) {
+        close(descriptor);
+        descriptor = -1;
+    }
+    setBits(CAN_STATUS_NOT_STARTED);
+    ifname[0] = '\0';
+    family = kInitialFamily;
+    type = kInitialType;
+    protocol = kInitialProtocol;
+    init = 0;
+    return 0;
+}
+
+extern "C" void can_error(int code) {
+    for (const ErrorText &entry : kErrorTexts) {
+        if (entry.code == code) {
+            printf("%s\n", entry.text);
+            return;
+        }
+    }
+}
