@@ -1,0 +1,399 @@
+#include "TraceServer.h"
+
+#include "TraceTelegram.h"
+#include "libKelMutex.h"
+#include "libKelThread.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace
+{
+// Where the server reports its own activation, when the viewer asks for it.
+const unsigned char kActivationLevel = 0x04;
+const unsigned char kActivationCategory = 1;
+const unsigned int kActivationMask = 0x02;
+const unsigned short kActivationLine = 460;
+const char* const kActivationFile = "libOrvane/C++/source/TraceServer";
+const char* const kActivationText = "CTraceServer::CReceiveThread::Run(): received ActivateRequest";
+
+const int kReceivePollMs = 1000;
+const size_t kMaxDatagram = 65535;
+
+unsigned short TextLength(const char* text)
+{
+    if (text == nullptr)
+    {
+        return 0;
+    }
+    const size_t length = std::strlen(text);
+    return static_cast<unsigned short>(length > 0xFFFF ? 0xFFFF : length);
+}
+
+// Port of an IPv4 or IPv6 address, 0 for any other family.
+unsigned short PortOf(const sockaddr_storage& address)
+{
+    if (address.ss_family == AF_INET)
+    {
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    }
+    if (address.ss_family == AF_INET6)
+    {
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    }
+    return 0;
+}
+
+std::string NumericHostOf(const sockaddr_storage& address, socklen_t length)
+{
+    char host[NI_MAXHOST] = "";
+    if (getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host, sizeof(host), nullptr, 0,
+                    NI_NUMERICHOST) != 0)
+    {
+        return std::string();
+    }
+    return host;
+}
+
+int SendTelegram(int socket, const CTraceTelegram& telegram, const sockaddr_storage& address, socklen_t length)
+{
+    const std::vector<char> bytes = telegram.Serialize();
+    const ssize_t sent = sendto(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&address), length);
+    return sent >= 0 && static_cast<size_t>(sent) == bytes.size() ? 0 : -6;
+}
+} // namespace
+
+// ---------------------------------------------------------------- receive thread
+
+// Serves the viewer's requests: activate, get categories. Polls the socket
+// once a second for the termination request; Stop() also wakes the poll at
+// once by shutting the socket down.
+class CTraceServer::CReceiveThread : public CKelThread
+{
+public:
+    CReceiveThread() : CKelThread(0), m_bStopping(false), m_acBuffer(kMaxDatagram) {}
+    ~CReceiveThread() override { Terminate(); }
+
+    void Stop(int socket)
+    {
+        m_bStopping.store(true);
+        shutdown(socket, SHUT_RDWR);
+        Terminate();
+    }
+
+protected:
+    void Run() override
+    {
+        while (!m_bStopping.load() && !IsTerminationRequested())
+        {
+            const int socket = CTraceServer::m_nSocket.load(std::memory_order_relaxed);
+            pollfd readable = {socket, POLLIN, 0};
+            if (poll(&readable, 1, kReceivePollMs) <= 0 || m_bStopping.load())
+            {
+                continue;
+            }
+            sockaddr_storage sender = {};
+            socklen_t senderLen = sizeof(sender);
+            const ssize_t received = recvfrom(socket, m_acBuffer.data(), m_acBuffer.size(), 0,
+                                              reinterpret_cast<sockaddr*>(&sender), &senderLen);
+            if (received < 0)
+            {
+                continue;
+            }
+            Dispatch(static_cast<unsigned short>(received), sender, senderLen);
+        }
+    }
+
+private:
+    void Dispatch(unsigned short size, const sockaddr_storage& sender, socklen_t senderLen)
+    {
+        const CTraceTelegram telegram(size, m_acBuffer.data());
+        switch (telegram.GetType())
+        {
+        case TRACE_ACTIVATE_REQ:
+            OnActivateRequest(CTraceActivateReqTelegram(size, m_acBuffer.data()), sender, senderLen);
+            break;
+        case TRACE_GET_CATEGORIES_REQ:
+            OnGetCategoriesRequest(sender, senderLen);
+            break;
+        default:
+            std::fprintf(stderr, "received unexpected telegram with type 0x%02x\n", telegram.GetType());
+            break;
+        }
+    }
+
+    static void OnActivateRequest(const CTraceActivateReqTelegram& request, const sockaddr_storage& sender,
+                                  socklen_t senderLen)
+    {
+        const unsigned char crc = request.CalcCrc();
+        if (request.GetCrc() != crc)
+        {
+            std::fprintf(stderr, "received activate request telegram with invalid CRC\n");
+            std::fprintf(stderr, "received CRC=%02x\tcalculated CRC=%02x\n", request.GetCrc(), crc);
+            return;
+        }
+        m_nActiveLevels.store(request.GetTraceLevel(), std::memory_order_relaxed);
+        for (unsigned char category = 0; category < kCategoryCount; ++category)
+        {
+            // Masks beyond the requested count are switched off.
+            m_anCategoryFilters[category].store(request.GetFilterBitmask(category), std::memory_order_relaxed);
+        }
+        {
+            CKelLockGuard lock(m_oTelegramCounterMutex);
+            m_sSockAddr = sender;
+            m_nAddrLen.store(senderLen, std::memory_order_relaxed);
+            m_sClientHost = NumericHostOf(sender, senderLen);
+            m_nClientUdpPort = PortOf(sender);
+        }
+        if ((m_nActiveLevels.load(std::memory_order_relaxed) & kActivationLevel) != 0 &&
+            (m_anCategoryFilters[kActivationCategory].load(std::memory_order_relaxed) & kActivationMask) != 0)
+        {
+            SendTraceMessage(kActivationLevel, kActivationCategory, kActivationMask, kActivationLine,
+                             kActivationFile, kActivationText, 0);
+        }
+    }
+
+    static void OnGetCategoriesRequest(const sockaddr_storage& sender, socklen_t senderLen)
+    {
+        CTraceGetCategoriesCnfTelegram confirmation;
+        {
+            CKelLockGuard lock(m_oTelegramCounterMutex);
+            confirmation.SetCounter(m_nTelegramCounter++);
+            int highest = static_cast<int>(kCategoryCount) - 1;
+            while (highest >= 0 && m_asCategoryNames[highest].empty())
+            {
+                --highest;
+            }
+            for (int category = 0; category <= highest; ++category)
+            {
+                const std::string& name = m_asCategoryNames[category];
+                confirmation.SetCategoryName(static_cast<unsigned char>(category),
+                                             static_cast<unsigned char>(name.size() > 0xFF ? 0xFF : name.size()),
+                                             name.data());
+            }
+        }
+        SendTelegram(m_nSocket.load(std::memory_order_relaxed), confirmation, sender, senderLen);
+    }
+
+    std::atomic<bool> m_bStopping;
+    std::vector<char> m_acBuffer;
+};
+
+// ---------------------------------------------------------------- server state
+
+std::atomic<int> CTraceServer::m_nSocket{-1};
+unsigned short CTraceServer::m_nServerUdpPort = 0;
+CTraceServer::CReceiveThread* CTraceServer::m_poReceiveThread = nullptr;
+std::atomic<unsigned char> CTraceServer::m_nActiveLevels{0};
+std::atomic<unsigned int> CTraceServer::m_anCategoryFilters[CTraceServer::kCategoryCount] = {};
+std::string CTraceServer::m_asCategoryNames[CTraceServer::kCategoryCount];
+sockaddr_storage CTraceServer::m_sSockAddr = {};
+std::atomic<socklen_t> CTraceServer::m_nAddrLen{0};
+std::string CTraceServer::m_sClientHost;
+unsigned short CTraceServer::m_nClientUdpPort = 0;
+unsigned short CTraceServer::m_nTelegramCounter = 0;
+CKelMutex CTraceServer::m_oTelegramCounterMutex;
+
+// ---------------------------------------------------------------- interface
+
+int CTraceServer::Init(unsigned short port)
+{
+    addrinfo hints = {};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* addresses = nullptr;
+    const int resolved = getaddrinfo(nullptr, std::to_string(port).c_str(), &hints, &addresses);
+    if (resolved != 0)
+    {
+        std::fprintf(stderr, "getaddrinfo: %s\n", gai_strerror(resolved));
+        return resolved;
+    }
+    int boundSocket = -1;
+    for (const addrinfo* address = addresses; address != nullptr && boundSocket < 0; address = address->ai_next)
+    {
+        const int candidate = socket(address->ai_family, address->ai_socktype, address->ai_protocol);
+        if (candidate < 0)
+        {
+            continue;
+        }
+        if (bind(candidate, address->ai_addr, address->ai_addrlen) == 0)
+        {
+            boundSocket = candidate;
+        }
+        else
+        {
+            close(candidate);
+        }
+    }
+    freeaddrinfo(addresses);
+    if (boundSocket < 0)
+    {
+        std::fprintf(stderr, "CTraceServer: Could not bind to port %u.\n", static_cast<unsigned int>(port));
+        return -2;
+    }
+    // Port 0 lets the system choose; keep the port actually bound.
+    sockaddr_in bound = {};
+    socklen_t boundLen = sizeof(bound);
+    if (port == 0 && getsockname(boundSocket, reinterpret_cast<sockaddr*>(&bound), &boundLen) == 0)
+    {
+        port = ntohs(bound.sin_port);
+    }
+    m_nServerUdpPort = port;
+    m_nSocket.store(boundSocket);
+    m_poReceiveThread = new CReceiveThread();
+    m_poReceiveThread->Start();
+    return 0;
+}
+
+int CTraceServer::Init(unsigned short defaultPort, int argc, const char* const* argv)
+{
+    unsigned short port = defaultPort;
+    // The option needs a value after it, so the last argument is never the option.
+    for (int i = 1; argv != nullptr && i < argc - 1; ++i)
+    {
+        if (argv[i] == nullptr || std::strcmp(argv[i], "-traceport") != 0)
+        {
+            continue;
+        }
+        const char* value = argv[++i];
+        const unsigned long requested = value != nullptr ? std::strtoul(value, nullptr, 0) : 0;
+        if (requested >= 1 && requested <= 65535)
+        {
+            port = static_cast<unsigned short>(requested);
+            std::printf("CTraceServer: Found traceport parameter: Using port %lu instead of the default of %u.\n",
+                        requested, static_cast<unsigned int>(defaultPort));
+        }
+        else
+        {
+            std::fprintf(stderr,
+                         "CTraceServer: Invalid trace port %s: valid values are 1-65535. Using default value of %u "
+                         "instead.\n",
+                         value != nullptr ? value : "", static_cast<unsigned int>(defaultPort));
+        }
+    }
+    return Init(port);
+}
+
+int CTraceServer::Disable()
+{
+    const int socket = m_nSocket.load();
+    if (socket < 0)
+    {
+        return -1;
+    }
+    if (m_poReceiveThread != nullptr)
+    {
+        m_poReceiveThread->Stop(socket);
+        delete m_poReceiveThread;
+        m_poReceiveThread = nullptr;
+    }
+    // Senders see -1 before the descriptor goes away.
+    m_nSocket.store(-1);
+    const int closed = close(socket);
+    m_nServerUdpPort = 0;
+    {
+        CKelLockGuard lock(m_oTelegramCounterMutex);
+        m_sClientHost.clear();
+        m_nClientUdpPort = 0;
+        m_nAddrLen.store(0, std::memory_order_relaxed);
+        m_nTelegramCounter = 0;
+    }
+    m_nActiveLevels.store(0, std::memory_order_relaxed);
+    for (std::atomic<unsigned int>& filter : m_anCategoryFilters)
+    {
+        filter.store(0, std::memory_order_relaxed);
+    }
+    return closed;
+}
+
+int CTraceServer::SetCategoryName(unsigned char category, unsigned char length, const char* name)
+{
+    if (category >= kCategoryCount)
+    {
+        return -1;
+    }
+    CKelLockGuard lock(m_oTelegramCounterMutex);
+    m_asCategoryNames[category] = name != nullptr ? std::string(name, length) : std::string();
+    return 0;
+}
+
+int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
+                                   unsigned short line, const char* file, const char* text, unsigned char flags)
+{
+    // The inactive path: plain loads and comparisons only.
+    const int socket = m_nSocket.load(std::memory_order_relaxed);
+    if (socket < 0)
+    {
+        return -1;
+    }
+    if (m_nAddrLen.load(std::memory_order_relaxed) == 0)
+    {
+        return -2;
+    }
+    if ((level & m_nActiveLevels.load(std::memory_order_relaxed)) == 0)
+    {
+        return -3;
+    }
+    if (category >= kCategoryCount)
+    {
+        return -4;
+    }
+    if ((filterMask & m_anCategoryFilters[category].load(std::memory_order_relaxed)) == 0)
+    {
+        return -5;
+    }
+
+    CTraceMessageTelegram telegram;
+    timeval now = {};
+    const bool clockRead = gettimeofday(&now, nullptr) == 0;
+    if (clockRead)
+    {
+        telegram.SetTime(static_cast<unsigned int>(now.tv_sec), static_cast<unsigned int>(now.tv_usec));
+    }
+    sockaddr_storage viewer;
+    socklen_t viewerLen;
+    {
+        CKelLockGuard lock(m_oTelegramCounterMutex);
+        if (clockRead)
+        {
+            telegram.SetCounter(m_nTelegramCounter++);
+        }
+        viewer = m_sSockAddr;
+        viewerLen = m_nAddrLen.load(std::memory_order_relaxed);
+    }
+    if (viewerLen == 0)
+    {
+        return -2; // disabled meanwhile
+    }
+    telegram.SetTraceLevel(level);
+    telegram.SetCategory(category);
+    telegram.SetFilterBitmask(filterMask);
+    telegram.SetFlags(flags);
+    telegram.SetLine(line);
+    telegram.SetFileName(TextLength(file), file);
+    telegram.SetMessageText(TextLength(text), text);
+    return SendTelegram(socket, telegram, viewer, viewerLen);
+}
+
+int CTraceServer::RegisterStatusSource(CStatusSource* /*source*/, unsigned char /*category*/,
+                                       unsigned int /*filterMask*/)
+{
+    return -1;
+}
+
+int CTraceServer::UnRegisterStatusSource(CStatusSource* /*source*/)
+{
+    return -1;
+}
