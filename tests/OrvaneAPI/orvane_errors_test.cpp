@@ -1,0 +1,140 @@
+#include "OrvaneErrors.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace
+{
+
+// The texts users see, kept here as a separate copy so that a changed
+// character in the library's table fails.
+const std::vector<std::pair<int, std::string>> kExpectedTexts = {
+    {0x000000, "no error"},
+    {0x020000, "TCP/IP socket error"},
+    {0x030000, "Not connected to TCP/IP partner"},
+    {0x040000, "TCP/IP timeout occured"},
+    {0x050000, "TCP/IP request not allowed now, stack is intializing"},
+    {0x060000, "TCP/IP stack is not initialized"},
+    {0x0A0000, "Orvane TCP/IP telegram has invalid CRC"},
+    {0x0B0000, "Orvane TCP/IP telegram is not confirmed by partner"},
+    {0x0C0000, "Orvane TCP/IP telegram confirmation is invalid"},
+    {0x900000, "Device handle is invalid"},
+    {0x910000, "Device type invalid (handle is connected device type, which does not support called function"},
+    {0x920000, "Invalid function parameter"},
+    {0x001, "Open failed, maximum number of connections reached"},
+    {0x002, "Read/write request to internal eeprom failed"},
+    {0x0FF, "Orvane command failed"},
+    {0x120, "I2C NACK (No Acknowledge)"},
+    {0x121, "I2C timeout occured (no response)"},
+    {0x125, "I2C Acknowledge Polling timeout occured"},
+    {0x220, "CAN NACK (No Acknowledge)"},
+    {0x221, "CAN transmit error"},
+    {0x222, "CAN buffer overflow"},
+    {0x223, "CAN lost arbitration"},
+    {0x224, "CAN no valid baudrate"},
+    {0x2FC, "CANOpen block timeout"},
+    {0x2FD, "CANOpen NACK (No Acknowledge)"},
+    {0x2FE, "CANOpen mode not switched on"},
+    {0x320, "SPI inconsistent telegram data"},
+    {0x321, "SPI error while sending"},
+    {0x330, "SPI sequence unknown command op code"},
+    {0x331, "SPI sequence timeout"},
+    {0x920, "Renesas timeout"},
+    {0x921, "Renesas invalid ID"},
+    {0x922, "Renesas failed erase the flash"},
+    {0x923, "Renesas program the page failed"},
+    {0xA20, "Display wrong bitmap size x"},
+    {0xA21, "Display wrong bitmap size y"},
+    {0xA22, "Display wrong bitmap size data"},
+    {0xD20, "File could not be opened"},
+    {0xD21, "File transfer did not complete successfully"},
+    {0xD22, "File CRC mismatch"},
+    {0xD23, "Requested configuration is already active"},
+    {0xD24, "Could not stop configuration"},
+    {0xD25, "Could not start configuration"},
+    {0xE20, "File could not be opened"},
+    {0xE21, "A transfer currently is in progress"},
+    {0xE22, "SetConfig failed to initialize target"},
+    {0xE23, "SetConfig failed to read Flash or Page size"},
+    {0xE24, "EraseBlock not supported"},
+    {0xE25, "Failed to erase target"},
+    {0xE26, "Failed to read data from target"},
+};
+
+} // namespace
+
+TEST(OrvaneErrorMsg, EveryTableRowGivesItsExactText)
+{
+    ASSERT_EQ(kExpectedTexts.size(), 50u);
+    for (const auto& oRow : kExpectedTexts)
+        EXPECT_EQ(OrvaneErrorMsg(oRow.first), oRow.second) << "code 0x" << std::hex << oRow.first;
+}
+
+TEST(OrvaneErrorMsg, ConstantsMatchTheirTexts)
+{
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_OK), "no error");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_SOCKET), "TCP/IP socket error");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_NOT_CONNECTED), "Not connected to TCP/IP partner");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_TIMEOUT), "TCP/IP timeout occured");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_INITIALIZING), "TCP/IP request not allowed now, stack is intializing");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_NOT_INITIALIZED), "TCP/IP stack is not initialized");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_CRC), "Orvane TCP/IP telegram has invalid CRC");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_NOT_CONFIRMED), "Orvane TCP/IP telegram is not confirmed by partner");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_CNF_INVALID), "Orvane TCP/IP telegram confirmation is invalid");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_INVALID_HANDLE), "Device handle is invalid");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_INVALID_PARAMETER), "Invalid function parameter");
+    EXPECT_EQ(ORVANE_ERR_INVALID_DEVICE_TYPE, 0x910000);
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_MAX_CONNECTIONS), "Open failed, maximum number of connections reached");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_EEPROM), "Read/write request to internal eeprom failed");
+    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_COMMAND_FAILED), "Orvane command failed");
+}
+
+TEST(OrvaneErrorMsg, UnknownCodeRetriesWithDeviceTypeBitsCleared)
+{
+    // Bits 8-15 already zero: straight to the fallback.
+    EXPECT_EQ(OrvaneErrorMsg(0x20021), "Unknown error code: 131105");
+    EXPECT_EQ(OrvaneErrorMsg(0x2000FF), "Unknown error code: 2097407");
+    // Looked up again as 0x34; the fallback names the cleared code.
+    EXPECT_EQ(OrvaneErrorMsg(0x1234), "Unknown error code: 52");
+    // -1 becomes 0xFFFF00FF.
+    EXPECT_EQ(OrvaneErrorMsg(-1), "Unknown error code: -65281");
+    // The retry finds common texts: an empty CAN confirmation, a failed
+    // command on any device type, a device code of an unknown type.
+    EXPECT_EQ(OrvaneErrorMsg(0xC0200), "Orvane TCP/IP telegram confirmation is invalid");
+    EXPECT_EQ(OrvaneErrorMsg(0x2FF), "Orvane command failed");
+    EXPECT_EQ(OrvaneErrorMsg(0x5001), "Open failed, maximum number of connections reached");
+    // A row that exists is taken as it is, not cleared first.
+    EXPECT_EQ(OrvaneErrorMsg(0x221), "CAN transmit error");
+    EXPECT_EQ(OrvaneErrorMsg(0x920), "Renesas timeout");
+}
+
+TEST(OrvaneDeviceName, NamesOneToNineAndUnknownOtherwise)
+{
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneI2C), "Orvane I2C");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneCAN), "Orvane CAN");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneSPI), "Orvane SPI");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneRS232), "Orvane RS232");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneDIO), "Orvane DIO");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneAudio), "Orvane Audio");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneAD), "Orvane AD");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneUniversalProgrammer), "Orvane Universal Programmer");
+    EXPECT_EQ(OrvaneDeviceName(eOrvaneRenesas), "Orvane Renesas");
+    for (int nType : {0, 10, 11, 14, -1, 0x102})
+        EXPECT_EQ(OrvaneDeviceName(nType), "Orvane ???") << nType;
+}
+
+TEST(OrvaneDeviceName, DeviceTypeValues)
+{
+    EXPECT_EQ(eOrvaneI2C, 1);
+    EXPECT_EQ(eOrvaneCAN, 2);
+    EXPECT_EQ(eOrvaneSPI, 3);
+    EXPECT_EQ(eOrvaneUniversalProgrammer, 8);
+    EXPECT_EQ(eOrvaneRenesas, 9);
+    EXPECT_EQ(eOrvaneTestSystemIO, 11);
+    EXPECT_EQ(eOrvaneTestSystemPWR, 12);
+    EXPECT_EQ(eOrvaneTestSystemCOM, 13);
+    EXPECT_EQ(eOrvaneAWire, 14);
+}

@@ -1,0 +1,248 @@
+#include "OrvaneMsg.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace
+{
+
+using Bytes = std::vector<unsigned char>;
+
+Bytes ToBytes(const std::string& s)
+{
+    return Bytes(s.begin(), s.end());
+}
+
+COrvaneMsg Parse(const Bytes& oRaw)
+{
+    return COrvaneMsg(oRaw.data(), static_cast<unsigned short>(oRaw.size()));
+}
+
+// A CAN write request: identifier 0x12345678, flags 0x01, one data byte 0xAB.
+const unsigned char kCanWritePayload[] = {0x78, 0x56, 0x34, 0x12, 0x01, 0xAB};
+
+// Worked out by hand from the layout: length 11, code 0x0203, ID 0x0105,
+// the payload, and CRC = 03^02^05^01^78^56^34^12^01^AB = A7.
+const Bytes kCanWriteWire = {0x0B, 0x00, 0x03, 0x02, 0x05, 0x01, 0x78,
+                             0x56, 0x34, 0x12, 0x01, 0xAB, 0xA7};
+
+} // namespace
+
+TEST(OrvaneMsgBuild, SerialisesCanWriteTelegramByteForByte)
+{
+    COrvaneMsg oMsg(0x0203, 0x0105, kCanWritePayload, sizeof(kCanWritePayload));
+    EXPECT_EQ(oMsg.GetLength(), 11);
+    EXPECT_EQ(oMsg.GetCRC(), 0xA7);
+    EXPECT_TRUE(oMsg.IsValid());
+    EXPECT_TRUE(oMsg.IsCRCValid());
+    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), kCanWriteWire);
+}
+
+TEST(OrvaneMsgBuild, EmptyRequestIsSevenBytesStartingWithLengthFive)
+{
+    COrvaneMsg oMsg(0x0209, 0x1234, nullptr, 0);
+    const Bytes oExpected = {0x05, 0x00, 0x09, 0x02, 0x34, 0x12, 0x09 ^ 0x02 ^ 0x34 ^ 0x12};
+    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), oExpected);
+    EXPECT_TRUE(oMsg.GetData().empty());
+}
+
+TEST(OrvaneMsgBuild, NullPointerOrZeroSizeGivesEmptyData)
+{
+    const unsigned char acData[] = {1, 2, 3};
+    COrvaneMsg oZeroSize(0x0101, 1, acData, 0);
+    COrvaneMsg oNullData(0x0101, 1, nullptr, 3);
+    for (const COrvaneMsg* pMsg : {&oZeroSize, &oNullData})
+    {
+        EXPECT_TRUE(pMsg->GetData().empty());
+        EXPECT_EQ(pMsg->GetLength(), 5);
+        EXPECT_EQ(pMsg->GetMessageData().size(), 7u);
+    }
+}
+
+TEST(OrvaneMsgBuild, SetMessageReturnsCrcAndReplacesEverything)
+{
+    COrvaneMsg oMsg(0x0203, 7, kCanWritePayload, sizeof(kCanWritePayload));
+    const unsigned char acData[] = {0xF0, 0x0F};
+    // CRC over code 0x820A, ID -2 (0xFFFE) and data.
+    const unsigned char nExpected = 0x0A ^ 0x82 ^ 0xFE ^ 0xFF ^ 0xF0 ^ 0x0F;
+    EXPECT_EQ(oMsg.SetMessage(0x820A, -2, acData, 2), nExpected);
+    EXPECT_EQ(oMsg.GetCmdCode(), 0x820A);
+    EXPECT_EQ(oMsg.GetMsgID(), -2);
+    EXPECT_EQ(oMsg.GetData(), std::string("\xF0\x0F", 2));
+    EXPECT_EQ(oMsg.GetLength(), 7);
+    EXPECT_EQ(oMsg.GetCRC(), nExpected);
+}
+
+TEST(OrvaneMsgBuild, DefaultIsEmptyAndValid)
+{
+    COrvaneMsg oMsg;
+    EXPECT_EQ(oMsg.GetCmdCode(), 0);
+    EXPECT_EQ(oMsg.GetMsgID(), 0);
+    EXPECT_EQ(oMsg.GetLength(), 5);
+    EXPECT_EQ(oMsg.GetCRC(), 0);
+    EXPECT_TRUE(oMsg.IsValid());
+    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), (Bytes{5, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(OrvaneMsgParse, RoundTripRestoresEveryField)
+{
+    COrvaneMsg oParsed = Parse(kCanWriteWire);
+    EXPECT_TRUE(oParsed.IsValid());
+    EXPECT_TRUE(oParsed.IsCRCValid());
+    EXPECT_EQ(oParsed.GetCmdCode(), 0x0203);
+    EXPECT_EQ(oParsed.GetMsgID(), 0x0105);
+    EXPECT_EQ(ToBytes(oParsed.GetData()), Bytes(std::begin(kCanWritePayload), std::end(kCanWritePayload)));
+    EXPECT_EQ(ToBytes(oParsed.GetMessageData()), kCanWriteWire);
+}
+
+TEST(OrvaneMsgParse, SevenBytesGiveEmptyDataAndReceivedCrc)
+{
+    const Bytes oRaw = {0x05, 0x00, 0x0C, 0x82, 0xFF, 0x7F, 0x5A};
+    COrvaneMsg oMsg;
+    EXPECT_TRUE(oMsg.SetMessage(oRaw.data(), 7));
+    EXPECT_TRUE(oMsg.GetData().empty());
+    EXPECT_EQ(oMsg.GetCmdCode(), 0x820C);
+    EXPECT_EQ(oMsg.GetMsgID(), 0x7FFF);
+    EXPECT_EQ(oMsg.GetCRC(), 0x5A);
+}
+
+TEST(OrvaneMsgParse, SixBytesOrNullGiveEmptyInvalidResult)
+{
+    const Bytes oRaw = {0x05, 0x00, 0x03, 0x02, 0x01, 0x00};
+    COrvaneMsg oMsg(0x0203, 9, kCanWritePayload, sizeof(kCanWritePayload));
+    EXPECT_FALSE(oMsg.SetMessage(oRaw.data(), 6));
+    EXPECT_EQ(oMsg.GetCmdCode(), 0);
+    EXPECT_EQ(oMsg.GetMsgID(), 0);
+    EXPECT_EQ(oMsg.GetLength(), 5);
+    EXPECT_EQ(oMsg.GetCRC(), 0);
+    EXPECT_TRUE(oMsg.GetData().empty());
+
+    COrvaneMsg oNull(nullptr, 20);
+    EXPECT_EQ(oNull.GetCmdCode(), 0);
+    EXPECT_TRUE(oNull.GetData().empty());
+    EXPECT_FALSE(COrvaneMsg().SetMessage(nullptr, 20));
+}
+
+TEST(OrvaneMsgParse, WrongCrcByteStillParsesButIsReported)
+{
+    Bytes oRaw = kCanWriteWire;
+    oRaw.back() ^= 0x01;
+    COrvaneMsg oMsg = Parse(oRaw);
+    EXPECT_TRUE(oMsg.IsValid());
+    EXPECT_FALSE(oMsg.IsCRCValid());
+    EXPECT_EQ(oMsg.GetCRC(), 0xA6);
+    // Serialising keeps the received CRC instead of repairing it.
+    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), oRaw);
+}
+
+TEST(OrvaneMsgParse, CorruptedCoveredByteFailsCrc)
+{
+    // Every byte after the length field is covered by the checksum.
+    for (std::size_t i = 2; i + 1 < kCanWriteWire.size(); ++i)
+    {
+        Bytes oRaw = kCanWriteWire;
+        oRaw[i] ^= 0x40;
+        EXPECT_FALSE(Parse(oRaw).IsCRCValid()) << "byte " << i;
+    }
+    // The length field is not.
+    Bytes oRaw = kCanWriteWire;
+    oRaw[1] = 0x01;
+    EXPECT_TRUE(Parse(oRaw).IsCRCValid());
+}
+
+TEST(OrvaneMsgParse, LengthMismatchIsInvalidButFieldsAreFilled)
+{
+    Bytes oRaw = kCanWriteWire;
+    oRaw[0] = 0x0C;
+    COrvaneMsg oMsg;
+    EXPECT_FALSE(oMsg.SetMessage(oRaw.data(), static_cast<unsigned short>(oRaw.size())));
+    EXPECT_FALSE(oMsg.IsValid());
+    EXPECT_EQ(oMsg.GetLength(), 12);
+    EXPECT_EQ(oMsg.GetCmdCode(), 0x0203);
+    EXPECT_EQ(oMsg.GetMsgID(), 0x0105);
+    EXPECT_EQ(oMsg.GetData().size(), 6u);
+    EXPECT_EQ(oMsg.GetCRC(), 0xA7);
+
+    // A high length byte must not be ignored either.
+    oRaw[0] = 0x0B;
+    oRaw[1] = 0x01;
+    EXPECT_FALSE(Parse(oRaw).IsValid());
+}
+
+TEST(OrvaneMsgKind, ConfirmationBitAndCommandCodes)
+{
+    EXPECT_TRUE(COrvaneMsg(0x820C, 1, nullptr, 0).IsConfirmation());
+    EXPECT_FALSE(COrvaneMsg(0x020C, 1, nullptr, 0).IsConfirmation());
+    EXPECT_EQ(COrvaneMsg::MakeCmdCode(2, 0x03), 0x0203);
+    EXPECT_EQ(COrvaneMsg::MakeCmdCode(1, 0x09), 0x0109);
+    EXPECT_EQ(COrvaneMsg::MakeCmdCode(0x82, 0x0C), 0x020C); // type masked to 7 bits
+}
+
+TEST(OrvaneMsgKind, CopiesByValueAndOverridesThroughBase)
+{
+    struct CFixedCrcMsg : COrvaneMsg
+    {
+        using COrvaneMsg::COrvaneMsg;
+        unsigned char ComputeCRC() const override { return 0x99; }
+    };
+    static_assert(std::has_virtual_destructor<COrvaneMsg>::value, "polymorphic telegram");
+
+    COrvaneMsg oOriginal(0x0203, 3, kCanWritePayload, sizeof(kCanWritePayload));
+    COrvaneMsg oCopy;
+    oCopy = oOriginal;
+    oOriginal.SetMessage(0x0101, 4, nullptr, 0);
+    EXPECT_EQ(ToBytes(oCopy.GetMessageData()), (Bytes{0x0B, 0x00, 0x03, 0x02, 0x03, 0x00, 0x78, 0x56,
+                                                       0x34, 0x12, 0x01, 0xAB, 0xA0}));
+
+    CFixedCrcMsg oDerived;
+    oDerived.SetMessage(0x0203, 3, kCanWritePayload, sizeof(kCanWritePayload));
+    const COrvaneMsg& oBase = oDerived;
+    EXPECT_EQ(oBase.GetCRC(), 0x99);
+    EXPECT_TRUE(oBase.IsCRCValid());
+}
+
+TEST(OrvaneMsgByteOrder, ToCharWritesLittleEndianOfEachWidth)
+{
+    EXPECT_EQ(COrvaneMsg::ToChar(static_cast<short>(-2)), std::string("\xFE\xFF", 2));
+    EXPECT_EQ(COrvaneMsg::ToChar(static_cast<unsigned short>(0x1234)), std::string("\x34\x12", 2));
+    EXPECT_EQ(COrvaneMsg::ToChar(0x12345678), std::string("\x78\x56\x34\x12", 4));
+    EXPECT_EQ(COrvaneMsg::ToChar(-1), std::string(4, '\xFF'));
+    EXPECT_EQ(COrvaneMsg::ToChar(0x80000001u), std::string("\x01\x00\x00\x80", 4));
+    EXPECT_EQ(COrvaneMsg::ToChar(0x0102030405060708LL), std::string("\x08\x07\x06\x05\x04\x03\x02\x01", 8));
+    EXPECT_EQ(COrvaneMsg::ToChar(0xF000000000000000ULL), std::string("\0\0\0\0\0\0\0\xF0", 8));
+}
+
+TEST(OrvaneMsgByteOrder, FromCharReadsBackEveryWidthAndSign)
+{
+    const unsigned char acBytes[] = {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x80, 0x55};
+    short nShort = 0;
+    unsigned short nUShort = 0;
+    int nInt = 0;
+    unsigned int nUInt = 0;
+    long long nLong = 0;
+    unsigned long long nULong = 0;
+    COrvaneMsg::FromChar(nShort, acBytes);
+    COrvaneMsg::FromChar(nUShort, acBytes);
+    COrvaneMsg::FromChar(nInt, acBytes);
+    COrvaneMsg::FromChar(nUInt, acBytes + 1);
+    COrvaneMsg::FromChar(nLong, acBytes);
+    COrvaneMsg::FromChar(nULong, acBytes + 1);
+    EXPECT_EQ(nShort, -2);
+    EXPECT_EQ(nUShort, 0xFFFE);
+    EXPECT_EQ(nInt, -2);
+    EXPECT_EQ(nUInt, 0xFFFFFFFFu);
+    EXPECT_EQ(nLong, static_cast<long long>(0x80FFFFFFFFFFFFFEULL));
+    EXPECT_EQ(nULong, 0x5580FFFFFFFFFFFFULL);
+
+    // Through a char string as a payload is usually held.
+    const std::string sPayload = COrvaneMsg::ToChar(0x7654321) + COrvaneMsg::ToChar(-12345678901LL);
+    int nBack = 0;
+    long long nLongBack = 0;
+    COrvaneMsg::FromChar(nBack, sPayload.data());
+    COrvaneMsg::FromChar(nLongBack, sPayload.data() + 4);
+    EXPECT_EQ(nBack, 0x7654321);
+    EXPECT_EQ(nLongBack, -12345678901LL);
+}
