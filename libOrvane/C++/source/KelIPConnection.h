@@ -1,0 +1,213 @@
+// CKelIPConnection: one TCP or UDP endpoint with a read thread that cuts the
+// stream into whole messages, connection-level messages (connect, disconnect,
+// alive) and the alive protocol.
+//
+// Framing: every message starts with a 2-byte little-endian length word that
+// counts the bytes after it. The read thread hands each whole message, length
+// word included, to BaseDataInd, which answers connection messages itself and
+// passes every other message to DataInd. The pointer handed to DataInd points
+// into the read thread's buffer and is valid only during the call.
+//
+// Using it:
+// - Client: derive, override ConnectInd / DataInd, then
+//     ConnectReq("127.0.0.1", port, timeoutMs, id, CKelIPBase::eTCP, "", true)
+//   which returns 1 once the peer confirmed the connect request. Send with
+//   DataReq, end with DisconnectReq / CloseConnection, watch the peer with
+//   SetAlive(periodMs).
+// - Server: a CKelIPServerContainer creates one connection per accepted
+//   socket through its CreateNewClass (override it to return a subclass with
+//   its own DataInd); the connect request of the peer is answered here.
+//
+// Threads and hooks: DataInd, ConnectInd and IsConnectMsgAccepted run on the
+// read thread (ConnectInd(false) also on the thread that detects the loss: a
+// sender's thread on a send time-out, the alive thread on silence). They must
+// return soon and must never wait for a reply that only the read thread can
+// deliver (so no ConnectReq / DisconnectReq from inside them). The end of a
+// connection is reported exactly once by ConnectInd(false).
+// DataReq takes no lock that spans its wait: concurrent DataReq calls on one
+// connection must be serialised by the caller (the alive thread's requests and
+// the read thread's automatic confirmations are small whole messages).
+//
+// Lifetime: a derived class whose hooks use its own members must call
+// Shutdown() first thing in its own destructor; after it no thread enters
+// the hooks any more.
+//
+// Return codes: EKelIPResult (KelIPBase.h).
+#ifndef KEL_IP_CONNECTION_H
+#define KEL_IP_CONNECTION_H
+
+#include "KelIPBase.h"
+#include "libKelMutex.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+class CKelIPServerContainer;
+class CKelMsg;
+
+// Numeric text of an IPv4 (family 2) or IPv6 (family 10) address written into
+// `buffer`; null for any other family or when it does not fit.
+const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size);
+
+// True when both lengths and families agree and, for IPv4, port and address
+// agree; for any other family the whole structures must be byte-equal.
+bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
+                       unsigned int secondLength);
+
+class CKelIPConnection : public CKelIPBase
+{
+public:
+    class CReadThread;
+    class CAliveThread;
+
+    // Alive modes.
+    enum EAliveMode
+    {
+        eAliveOff = 0,
+        eAliveActive = 1,  // this side sends alive requests
+        eAlivePassive = 2  // the peer sends them, this side only watches
+    };
+
+    // Client instance: state 1, id 0, connection messages off.
+    CKelIPConnection();
+    // Server-side instance for an accepted socket (-1 leaves it disconnected).
+    // TCP sockets get SetSocketOptions; on failure, or when the peer address
+    // cannot be read, the socket is closed and the state stays 1. Otherwise
+    // state 3 with the read thread created but not started.
+    CKelIPConnection(CKelIPServerContainer* container, unsigned char id, CKelIPBase::EProtocol protocol, int socket,
+                     bool useConnectionMessages);
+    // Server-side datagram endpoint bound to `port` (IPv4, SO_REUSEADDR):
+    // state 5 on success, 1 on failure. Its read thread is created but not
+    // started; it answers connect requests from any sender and then talks to
+    // that sender.
+    CKelIPConnection(unsigned char id, unsigned short port, bool useConnectionMessages);
+    // If connected DisconnectReq(500); then the threads are stopped.
+    ~CKelIPConnection() override;
+
+    // Connects to host:port over every resolved address within timeoutMs.
+    // 1 connected; 2 error; 3 unreachable / not connected; 4 no connect
+    // confirmation in time; 5 not in state 1; 7 the peer's connection limit.
+    unsigned int ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs, unsigned char id,
+                            CKelIPBase::EProtocol protocol, const std::string& connectData,
+                            bool useConnectionMessages);
+    // Sends the bytes as they are (they must carry their own length word).
+    // 1 sent; 3 not connected; 5/6 other states; 2 send error; 4 time-out.
+    // A time-out or a failed wait ends the connection. Does not allocate.
+    unsigned int DataReq(const char* data, unsigned short length, unsigned int timeoutMs);
+    unsigned int DataReq(const CKelMsg& message, unsigned int timeoutMs);
+    // With connection messages: disconnect request, wait for its confirmation
+    // (4 none, 2 refused); then the connection ends. 5 when not connected.
+    unsigned int DisconnectReq(unsigned int timeoutMs);
+    // Ends the connection without any message; 5 when not connected.
+    unsigned int CloseConnection();
+
+    // Alive protocol: periodMs > 0 makes this side send alive requests and
+    // end the connection after about one period without anything received;
+    // 0 switches it off. 3 when not connected, else the alive request's result.
+    unsigned int SetAlive(unsigned int periodMs);
+    // Sends an alive request carrying the stored period.
+    unsigned int AliveReq(unsigned int timeoutMs);
+    // Answers a received alive request (read thread).
+    void HandleAliveReq(const char* bytes, unsigned short count);
+
+    // Dispatcher the read thread calls once per whole message; `from` is the
+    // sender for datagrams, null for the stream.
+    void BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from, unsigned int fromLength);
+
+    // SO_KEEPALIVE 1, TCP_KEEPIDLE 5 s, TCP_KEEPINTVL 1 s, TCP_KEEPCNT 5,
+    // TCP_NODELAY 1. 1 on success, 2 on the first failing option (the
+    // result of TCP_NODELAY is ignored).
+    static unsigned int SetSocketOptions(int socket);
+
+    // Hooks (see the threading notes above).
+    virtual void ConnectInd(bool connected);
+    // One whole message, length word included; valid only during the call.
+    // Messages longer than 65,535 bytes in all are passed with the length
+    // truncated to 16 bits; their length word still tells the true size.
+    virtual void DataInd(const char* data, unsigned short length);
+    // Decides a peer's connect request (its connect data); default accepts.
+    virtual bool IsConnectMsgAccepted(const std::string& connectData);
+
+    unsigned char GetId() const { return m_nId; }
+    bool UsesConnectionMessages() const { return m_bUseConnectionMessages.load(std::memory_order_relaxed); }
+    bool IsDatagramServer() const { return m_bDatagramServer; }
+    CKelIPServerContainer* GetServerContainer() const { return m_poServerContainer; }
+    std::string GetPeerAddress() const;  // numeric address text, "" when unknown
+    std::string GetHost() const;         // host given to ConnectReq (server side: peer address)
+    unsigned short GetPort() const;      // the peer's port
+    unsigned char GetConnectResult() const { return m_nConnectResult.load(std::memory_order_relaxed); }
+    unsigned char GetDisconnectResult() const { return m_nDisconnectResult.load(std::memory_order_relaxed); }
+    unsigned int GetAliveMode() const { return m_nAliveMode.load(std::memory_order_relaxed); }
+    unsigned int GetAlivePeriod() const { return m_nAlivePeriod.load(std::memory_order_relaxed); }
+    // Thread state of the read thread (CKelThread::EThreadState); 3 when
+    // there is none.
+    int GetReadThreadState() const;
+    // Starts the read thread unless it runs; false when there is none or it
+    // cannot be started. Used by the server container.
+    bool StartReadThread();
+
+protected:
+    // What the destructor does: DisconnectReq(500) if connected, close the
+    // datagram endpoint's socket, stop the read thread and the alive thread.
+    // Safe to call more than once; derived destructors call it first.
+    void Shutdown();
+
+private:
+    friend class CReadThread;
+    friend class CAliveThread;
+
+    void SetIdentifiers(unsigned char id);
+    // Ends a connected connection: state 4, ConnectInd(false), then peer
+    // forgotten and state 5 (datagram server) or socket closed and state 1.
+    // Only the thread that moves the state out of 3 does this; false for the
+    // others.
+    bool EndConnection();
+    // Stores the peer address and its texts.
+    void SetPeer(const sockaddr_storage& address, unsigned int length, const char* host);
+    unsigned int SendStream(const char* data, unsigned short length, unsigned int timeoutMs);
+    unsigned int SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs);
+    void SendReply(unsigned short command, unsigned short number, unsigned char result, unsigned int timeoutMs);
+    void CreateAliveThread();
+    void DestroyAliveThread();
+
+    CKelIPServerContainer* m_poServerContainer;
+    CKelEvent m_oConnectEvent;
+    CKelEvent m_oDisconnectEvent;
+    std::atomic<unsigned char> m_nConnectResult;
+    std::atomic<unsigned char> m_nDisconnectResult;
+
+    unsigned short m_nConnectReqId;
+    unsigned short m_nConnectCnfId;
+    unsigned short m_nDisconnectReqId;
+    unsigned short m_nDisconnectCnfId;
+    unsigned short m_nAliveReqId;
+    unsigned short m_nAliveCnfId;
+    unsigned char m_nId;
+    std::atomic<bool> m_bUseConnectionMessages;
+
+    // Guarded by m_oPeerGuard.
+    std::string m_sPeerAddress;
+    std::string m_sHost;
+    unsigned short m_nPort;
+
+    std::unique_ptr<CReadThread> m_poReadThread;
+    std::unique_ptr<CAliveThread> m_poAliveThread;
+    CKelMutex m_oAliveThreadGuard;  // creation and destruction of the alive thread
+
+    // Alive fields: single relaxed stores; a late update shifts a decision by
+    // one tick at most.
+    std::atomic<unsigned int> m_nAliveMode;
+    std::atomic<unsigned int> m_nAliveTick;
+    std::atomic<unsigned int> m_nAlivePeriod;
+    std::atomic<unsigned int> m_nAliveLastSend;
+    std::atomic<unsigned int> m_nAliveLastReceive;
+
+    bool m_bDatagramServer;
+    char m_acReserved[128];
+};
+
+#endif

@@ -1,0 +1,102 @@
+// CKelMsg: the connection message two CKelIPConnections exchange about the
+// connection itself (connect, disconnect, alive), and the little-endian wire
+// helpers the transport shares.
+//
+// Wire layout (little-endian words), n data bytes, n + 7 bytes in all:
+//   0 length = n + 5 | 2 command | 4 number | 6 data (n) | 6 + n CRC
+// The CRC is the XOR of the command's two bytes, the number's two bytes and
+// every data byte; the length word is not included. Bit 15 of the command
+// marks a confirmation. The commands of one connection carry its id byte
+// (low 7 bits) in their high byte, e.g. for the CAN device type 2:
+// connect request 0x0201, its confirmation 0x8201.
+#ifndef KEL_MSG_H
+#define KEL_MSG_H
+
+#include <string>
+
+class CKelMsg
+{
+public:
+    // Low parts of the connection-level commands.
+    enum ECommand : unsigned short
+    {
+        eConnectReq = 0x0001,
+        eDisconnectReq = 0x0002,
+        eAliveReq = 0x000D,
+        eConfirmation = 0x8000
+    };
+
+    static const unsigned short kHeaderSize = 6;  // length word, command, number
+    static const unsigned short kOverhead = 7;    // header plus CRC
+
+    // The command `code` (one of ECommand, optionally ORed with
+    // eConfirmation) for connection identifier `id`: (id & 127) * 256 + code.
+    static unsigned short Command(unsigned char id, unsigned short code)
+    {
+        return static_cast<unsigned short>(((id & 127u) << 8) + code);
+    }
+
+    // All fields 0, no data.
+    CKelMsg();
+    // Sets the fields and computes length and CRC (see SetMessage).
+    CKelMsg(unsigned short command, unsigned short number, const char* data, unsigned short dataLength);
+    // Parses wire bytes (see SetMessage).
+    CKelMsg(const char* bytes, unsigned short count);
+    virtual ~CKelMsg();
+
+    // True when the length field equals data length + 5.
+    virtual bool IsValid() const;
+
+    // No data when `data` is null or `dataLength` is 0; length = dataLength + 5.
+    void SetMessage(unsigned short command, unsigned short number, const char* data, unsigned short dataLength);
+    // count > 6: length, command, number from bytes 0-5, data = bytes 6 ..
+    // count - 2, CRC = last byte; returns IsValid(). count <= 6: the message is
+    // cleared (length 5, everything else 0) and the result is false.
+    bool SetMessage(const char* bytes, unsigned short count);
+
+    bool IsCRCValid() const { return ComputeCRC() == m_nCRC; }
+    unsigned char ComputeCRC() const;
+    bool IsConfirmation() const { return (m_nCommand & eConfirmation) != 0; }
+
+    // The wire bytes; `out` is cleared first.
+    void GetMessageData(std::string& out) const;
+    // Writes the wire bytes into `buffer` without allocating; returns their
+    // number, or 0 when they do not fit into `size`.
+    unsigned int WriteTo(char* buffer, unsigned int size) const;
+    unsigned int GetWireSize() const { return static_cast<unsigned int>(m_sData.size()) + kOverhead; }
+
+    unsigned short GetLength() const { return m_nLength; }
+    unsigned short GetCommand() const { return m_nCommand; }
+    unsigned short GetNumber() const { return m_nNumber; }
+    const std::string& GetData() const { return m_sData; }
+    unsigned char GetCRC() const { return m_nCRC; }
+
+    // Builds a whole message into `buffer` without a CKelMsg object; returns
+    // the byte count (dataLength + 7), or 0 when it does not fit.
+    static unsigned int Build(char* buffer, unsigned int size, unsigned short command, unsigned short number,
+                              const char* data, unsigned short dataLength);
+    static unsigned char ComputeCRC(unsigned short command, unsigned short number, const char* data,
+                                    unsigned int dataLength);
+
+    // Little-endian byte-order helpers.
+    static std::string ToChar(short value);      // 2 bytes
+    static std::string ToChar(int value);        // 4 bytes
+    static std::string ToChar(long long value);  // 8 bytes
+    static void FromChar(short& value, const char* bytes);
+    static void FromChar(int& value, const char* bytes);
+    static void FromChar(long long& value, const char* bytes);
+    // Allocation-free forms for the hot paths.
+    static void PutU16(char* out, unsigned short value);
+    static void PutU32(char* out, unsigned int value);
+    static unsigned short GetU16(const char* bytes);
+    static unsigned int GetU32(const char* bytes);
+
+private:
+    unsigned short m_nLength;
+    unsigned short m_nCommand;
+    unsigned short m_nNumber;
+    std::string m_sData;
+    unsigned char m_nCRC;
+};
+
+#endif
