@@ -49,7 +49,8 @@ public:
     // A 2-byte length followed by that many bytes (or what is left of them).
     std::string Text()
     {
-        const size_t length = std::min<size_t>(U16(), m_roData.size() - m_nPos);
+        const size_t announced = U16();
+        const size_t length = std::min(announced, m_roData.size() - m_nPos);
         std::string text(m_roData.data() + m_nPos, length);
         m_nPos += length;
         return text;

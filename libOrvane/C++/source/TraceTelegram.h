@@ -33,8 +33,9 @@ class CTraceTelegram
 {
 public:
     static constexpr unsigned short kHeaderSize = 6;
-    // Largest data length that the 16-bit length field (data length + 4) can express.
-    static constexpr unsigned short kMaxDataLen = 0xFFFF - 4;
+    // Largest data length whose whole telegram (header included) still fits
+    // the 16-bit sizes of the length field and of the parsing constructor.
+    static constexpr unsigned short kMaxDataLen = 0xFFFF - kHeaderSize;
 
     CTraceTelegram();
     // Parses a received datagram. Fewer than 7 bytes give an empty telegram of
@@ -253,8 +254,7 @@ public:
     void SetFilterBitmask(unsigned int mask);
     void SetFlags(unsigned char flags);
     void SetLine(unsigned short line);
-    // File name and text are cut where the telegram would outgrow its 16-bit
-    // length field.
+    // File name and text are cut where the telegram would exceed kMaxDataLen.
     void SetFileName(unsigned short length, const char* name);
     void SetMessageText(unsigned short length, const char* text);
 
