@@ -1,0 +1,116 @@
+#include "Outbox.h"
+
+#include <utility>
+
+namespace GatewaySim
+{
+
+COutbox::COutbox(ITelegramLink& oLink, SSimCounters& oCounters, std::size_t nMaxQueued)
+    : m_roLink(oLink), m_roCounters(oCounters), m_nMaxQueued(nMaxQueued), m_oWriter(*this)
+{
+}
+
+COutbox::~COutbox()
+{
+    Stop();
+    m_oWriter.Terminate();
+}
+
+bool COutbox::Start()
+{
+    return m_oWriter.Start();
+}
+
+void COutbox::PostConfirmation(const std::string& sBytes)
+{
+    Post(EKind::eConfirmation, sBytes);
+}
+
+bool COutbox::PostIndication(const std::string& sBytes)
+{
+    {
+        CKelLockGuard oLock(m_oMutex);
+        if (m_bStop.load())
+            return false;
+        if (m_aoQueue.size() >= m_nMaxQueued)
+        {
+            ++m_roCounters.nFramesDropped;
+            return false;
+        }
+        m_aoQueue.push_back(SItem{EKind::eIndication, sBytes});
+    }
+    m_oWake.Signal();
+    return true;
+}
+
+void COutbox::PostClose()
+{
+    Post(EKind::eClose, std::string());
+}
+
+void COutbox::Post(EKind eKind, const std::string& sBytes)
+{
+    {
+        CKelLockGuard oLock(m_oMutex);
+        if (m_bStop.load())
+            return;
+        m_aoQueue.push_back(SItem{eKind, sBytes});
+    }
+    m_oWake.Signal();
+}
+
+bool COutbox::OnWriterThread() const
+{
+    return m_bWriterKnown.load() && pthread_equal(pthread_self(), m_hWriter) != 0;
+}
+
+void COutbox::Stop()
+{
+    {
+        CKelLockGuard oLock(m_oMutex);
+        m_bStop.store(true);
+        m_aoQueue.clear();
+    }
+    m_oWake.Signal();
+    if (!OnWriterThread())
+        m_oWriter.Terminate();
+}
+
+void COutbox::WriterLoop()
+{
+    m_hWriter = pthread_self();
+    m_bWriterKnown.store(true);
+    std::deque<SItem> aoBatch;
+    while (!m_bStop.load())
+    {
+        m_oWake.Wait(200);
+        {
+            CKelLockGuard oLock(m_oMutex);
+            aoBatch.swap(m_aoQueue);
+        }
+        for (SItem& oItem : aoBatch)
+        {
+            if (m_bStop.load())
+                break;
+            if (oItem.eKind == EKind::eClose)
+            {
+                m_bStop.store(true);
+                m_roLink.CloseLink();
+                break;
+            }
+            if (!m_roLink.SendBytes(oItem.sBytes))
+            {
+                ++m_roCounters.nSendErrors;
+                m_bStop.store(true);
+                break;
+            }
+            if (oItem.eKind == EKind::eConfirmation)
+                ++m_roCounters.nConfirmations;
+            else
+                ++m_roCounters.nFramesOut;
+        }
+        aoBatch.clear();
+    }
+}
+
+} // namespace GatewaySim
