@@ -67,7 +67,8 @@ public:
     long long GetHighResolutionLocaltime() const override;
     void SetLocaltime(long long nMilliSeconds) override;
 
-    // Local reading moved by the difference, to the millisecond; the zone stays.
+    // Local reading moved by the difference's whole milliseconds (truncated
+    // toward zero, so a negative difference moves back); the zone stays.
     CKelLocalTime& operator+=(const CKelTimeDiff& oDiff);
     CKelLocalTime& operator-=(const CKelTimeDiff& oDiff);
 
