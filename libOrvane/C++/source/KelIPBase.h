@@ -2,9 +2,10 @@
 // socket, its protocol, a connection state and the peer's address.
 //
 // Thread safety: the state, the protocol and the socket are read and written
-// by several threads (owner, read thread, alive thread) without a lock; they
-// are relaxed atomics and serve as hints, exactly one thread wins the move out
-// of the connected state (see CKelIPConnection). Closing the socket takes the
+// by several threads (owner, read thread, alive thread) without a lock. They
+// are atomics: a store of the state publishes the fields written before it
+// (release/acquire, free on the usual hardware), and exactly one thread wins
+// the move out of the connected state (see CKelIPConnection). Closing the socket takes the
 // socket guard, which the connection also holds around each non-blocking
 // send/recv call (never across a wait), so a descriptor closed by one thread
 // is never used by another after its number may have been given out again.
@@ -59,12 +60,12 @@ public:
     // up), close it, socket = -1, state = 1.
     void CloseSocket();
 
-    int GetState() const { return m_nState.load(std::memory_order_relaxed); }
+    int GetState() const { return m_nState.load(std::memory_order_acquire); }
     EProtocol GetProtocol() const { return static_cast<EProtocol>(m_nProtocol.load(std::memory_order_relaxed)); }
     int GetSocket() const { return m_nSocket.load(std::memory_order_relaxed); }
 
 protected:
-    void SetState(int state) { m_nState.store(state, std::memory_order_relaxed); }
+    void SetState(int state) { m_nState.store(state, std::memory_order_release); }
     // Moves the state from `from` to `to`; false when it was not `from`.
     bool ChangeState(int from, int to)
     {

@@ -1,0 +1,1031 @@
+#include "KelIPConnection.h"
+
+#include "KelIPServerContainer.h"
+#include "KelMsg.h"
+#include "KelSocketWait.h"
+#include "libKelThread.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace
+{
+// Stream framing: a read never fills past this offset unless it completes a
+// message that started before it; the buffer holds the longest such message.
+const size_t kStreamFillLimit = 65537;
+const size_t kReceiveBufferSize = 131072;
+const size_t kDatagramBufferSize = 65527;
+const int kReadWaitMs = 1000;
+const unsigned int kReplyTimeoutMs = 1000;
+const unsigned int kMinTickMs = 10;
+// Silent ticks after which the alive thread ends the connection, and quiet
+// ticks after which it sends an alive request.
+const unsigned int kSilentTicks = 4;
+const unsigned int kQuietTicks = 2;
+// Command let through by a datagram server endpoint from any sender.
+const unsigned short kDatagramOpenCommand = 0x020C;
+// Messages up to this size are serialised on the stack.
+const unsigned int kStackMessageSize = 512;
+
+unsigned int TickMs(unsigned int periodMs)
+{
+    return std::max(kMinTickMs, periodMs / 4);
+}
+
+// A connection message is valid when its length word counts the bytes after
+// it, and intact when its CRC matches.
+bool IsIntactMessage(const char* data, unsigned short length)
+{
+    if (length < CKelMsg::kOverhead || CKelMsg::GetU16(data) + 2u != length)
+        return false;
+    const unsigned char crc = CKelMsg::ComputeCRC(CKelMsg::GetU16(data + 2), CKelMsg::GetU16(data + 4),
+                                                  data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead);
+    return crc == static_cast<unsigned char>(data[length - 1]);
+}
+
+unsigned short PortOf(const sockaddr_storage& address)
+{
+    if (address.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    if (address.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return 0;
+}
+
+bool SetBlocking(int socket, bool blocking)
+{
+    const int flags = fcntl(socket, F_GETFL, 0);
+    if (flags < 0)
+        return false;
+    const int wanted = blocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
+    return fcntl(socket, F_SETFL, wanted) == 0;
+}
+} // namespace
+
+// ------------------------------------------------------------ free helpers
+
+const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size)
+{
+    if (address == nullptr || buffer == nullptr)
+        return nullptr;
+    if (address->sa_family == AF_INET)
+        return inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, buffer, size);
+    if (address->sa_family == AF_INET6)
+        return inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, buffer, size);
+    return nullptr;
+}
+
+bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
+                       unsigned int secondLength)
+{
+    if (first == nullptr || second == nullptr || firstLength != secondLength || first->sa_family != second->sa_family)
+        return false;
+    if (first->sa_family == AF_INET)
+    {
+        const sockaddr_in* a = reinterpret_cast<const sockaddr_in*>(first);
+        const sockaddr_in* b = reinterpret_cast<const sockaddr_in*>(second);
+        return a->sin_port == b->sin_port && a->sin_addr.s_addr == b->sin_addr.s_addr;
+    }
+    return std::memcmp(first, second, firstLength) == 0;
+}
+
+// ------------------------------------------------------------ read thread
+
+class CKelIPConnection::CReadThread : public CKelThread
+{
+public:
+    explicit CReadThread(CKelIPConnection* owner)
+        : CKelThread(0), m_poOwner(owner), m_oBuffer(new char[kReceiveBufferSize])
+    {
+    }
+    ~CReadThread() override { Terminate(); }
+
+protected:
+    void Run() override
+    {
+        if (m_poOwner->IsDatagramServer())
+            RunDatagramServer();
+        else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
+            RunDatagramClient();
+        else
+            RunStream();
+    }
+
+private:
+    // recv/recvfrom on `socket` while it is still the connection's socket.
+    ssize_t Receive(int socket, char* buffer, size_t size, sockaddr_storage* from, socklen_t* fromLength)
+    {
+        CKelLockGuard guard(m_poOwner->m_oSocketGuard);
+        if (m_poOwner->GetSocket() != socket)
+        {
+            errno = EBADF;
+            return -1;
+        }
+        if (from != nullptr)
+            return recvfrom(socket, buffer, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(from), fromLength);
+        return recv(socket, buffer, size, MSG_DONTWAIT);
+    }
+
+    static bool IsRetry(ssize_t received)
+    {
+        return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    }
+
+    // Waits for the connected socket to become readable; false when the
+    // thread should leave (not connected any more).
+    enum EWaitResult { eLeave, eAgain, eReadable };
+    EWaitResult WaitConnected(int& socket)
+    {
+        if (m_poOwner->GetState() != CKelIPBase::eConnected)
+            return eLeave;
+        socket = m_poOwner->GetSocket();
+        const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+        if (ready == 0)
+            return eAgain;
+        if (ready < 0)
+        {
+            m_poOwner->EndConnection();
+            return eAgain;
+        }
+        return eReadable;
+    }
+
+    void RunStream()
+    {
+        char* const buffer = m_oBuffer.get();
+        size_t fill = 0;
+        size_t consumed = 0;
+        while (!IsTerminationRequested())
+        {
+            int socket = -1;
+            const EWaitResult wait = WaitConnected(socket);
+            if (wait == eLeave)
+                return;
+            if (wait == eAgain)
+                continue;
+
+            // Read up to the fill limit, or exactly the rest of a message
+            // that started early enough but ends beyond it.
+            size_t request = kStreamFillLimit - fill;
+            if (fill - consumed >= 2)
+            {
+                const size_t end = consumed + CKelMsg::GetU16(buffer + consumed) + 2;
+                if (end > kStreamFillLimit)
+                    request = end - fill;
+            }
+            const ssize_t received = Receive(socket, buffer + fill, request, nullptr, nullptr);
+            if (IsRetry(received))
+                continue;
+            if (received <= 0)
+            {
+                m_poOwner->EndConnection();
+                continue;
+            }
+            fill += static_cast<size_t>(received);
+
+            while (fill - consumed >= 2)
+            {
+                const size_t length = CKelMsg::GetU16(buffer + consumed) + 2u;
+                if (fill - consumed < length)
+                    break;
+                m_poOwner->BaseDataInd(buffer + consumed, static_cast<unsigned short>(length), nullptr, 0);
+                consumed += length;
+            }
+            if (consumed == fill)
+            {
+                fill = 0;
+                consumed = 0;
+            }
+            else if (fill - consumed == 1)
+            {
+                buffer[0] = buffer[consumed];
+                fill = 1;
+                consumed = 0;
+            }
+        }
+    }
+
+    // Hands the messages of one datagram up; a message whose length word
+    // points past the datagram's end is dropped with the rest.
+    void CutDatagram(size_t received, const sockaddr_storage* from, unsigned int fromLength)
+    {
+        if (received < 3)
+            return;
+        const char* const buffer = m_oBuffer.get();
+        size_t offset = 0;
+        while (received - offset >= 2)
+        {
+            const size_t length = CKelMsg::GetU16(buffer + offset) + 2u;
+            if (received - offset < length)
+                return;
+            m_poOwner->BaseDataInd(buffer + offset, static_cast<unsigned short>(length), from, fromLength);
+            offset += length;
+        }
+    }
+
+    void RunDatagramClient()
+    {
+        while (!IsTerminationRequested())
+        {
+            int socket = -1;
+            const EWaitResult wait = WaitConnected(socket);
+            if (wait == eLeave)
+                return;
+            if (wait == eAgain)
+                continue;
+            const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, nullptr, nullptr);
+            if (IsRetry(received))
+                continue;
+            if (received < 0)
+            {
+                m_poOwner->EndConnection();
+                continue;
+            }
+            CutDatagram(static_cast<size_t>(received), nullptr, 0);
+        }
+    }
+
+    void RunDatagramServer()
+    {
+        while (!IsTerminationRequested())
+        {
+            const int socket = m_poOwner->GetSocket();
+            if (socket < 0)
+                return;
+            const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+            if (ready <= 0)
+                continue;
+            sockaddr_storage from;
+            socklen_t fromLength = sizeof(from);
+            const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, &from, &fromLength);
+            if (IsRetry(received))
+                continue;
+            if (received < 0)
+                return;
+            CutDatagram(static_cast<size_t>(received), &from, fromLength);
+        }
+    }
+
+    CKelIPConnection* m_poOwner;
+    std::unique_ptr<char[]> m_oBuffer;
+};
+
+// ------------------------------------------------------------ alive thread
+
+class CKelIPConnection::CAliveThread : public CKelThread
+{
+public:
+    explicit CAliveThread(CKelIPConnection* owner) : CKelThread(0), m_poOwner(owner) {}
+    ~CAliveThread() override { Terminate(); }
+
+protected:
+    void Run() override
+    {
+        CKelIPConnection& owner = *m_poOwner;
+        while (!IsTerminationRequested())
+        {
+            const unsigned int mode = owner.m_nAliveMode.load(std::memory_order_relaxed);
+            const unsigned int period = owner.m_nAlivePeriod.load(std::memory_order_relaxed);
+            if (mode == eAliveOff)
+            {
+                if (Pause(TickMs(period)))
+                    return;
+                continue;
+            }
+            if (owner.GetState() != CKelIPBase::eConnected)
+            {
+                // After a loss the protocol must be switched on again.
+                owner.m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
+                owner.m_nAlivePeriod.store(0, std::memory_order_relaxed);
+                owner.m_nAliveTick.store(0, std::memory_order_relaxed);
+                owner.m_nAliveLastSend.store(0, std::memory_order_relaxed);
+                owner.m_nAliveLastReceive.store(0, std::memory_order_relaxed);
+                if (Pause(kMinTickMs))
+                    return;
+                continue;
+            }
+
+            const unsigned int tick = owner.m_nAliveTick.fetch_add(1, std::memory_order_relaxed) + 1;
+            if (tick > owner.m_nAliveLastReceive.load(std::memory_order_relaxed) + kSilentTicks)
+                owner.DisconnectReq(kReplyTimeoutMs);
+            if (mode == eAliveActive)
+            {
+                const unsigned int lastSend = owner.m_nAliveLastSend.load(std::memory_order_relaxed);
+                const unsigned int lastReceive = owner.m_nAliveLastReceive.load(std::memory_order_relaxed);
+                if (lastSend + kQuietTicks < tick || tick > lastReceive + kQuietTicks)
+                    owner.AliveReq(period / 2);
+            }
+            if (Pause(TickMs(period)))
+                return;
+        }
+    }
+
+private:
+    // Sleeps one tick; true when termination was requested meanwhile.
+    bool Pause(unsigned int ms) { return m_oTerminationEvent.Wait(ms); }
+
+    CKelIPConnection* m_poOwner;
+};
+
+// ------------------------------------------------------------ construction
+
+CKelIPConnection::CKelIPConnection()
+    : m_poServerContainer(nullptr)
+    , m_nConnectResult(0)
+    , m_nDisconnectResult(0)
+    , m_nId(0)
+    , m_bUseConnectionMessages(false)
+    , m_nPort(0)
+    , m_nAliveMode(eAliveOff)
+    , m_nAliveTick(0)
+    , m_nAlivePeriod(0)
+    , m_nAliveLastSend(0)
+    , m_nAliveLastReceive(0)
+    , m_bDatagramServer(false)
+{
+    std::memset(m_acReserved, 0, sizeof(m_acReserved));
+    SetIdentifiers(0);
+}
+
+CKelIPConnection::CKelIPConnection(CKelIPServerContainer* container, unsigned char id,
+                                   CKelIPBase::EProtocol protocol, int socket, bool useConnectionMessages)
+    : CKelIPConnection()
+{
+    m_poServerContainer = container;
+    SetIdentifiers(id);
+    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
+    if (socket == -1)
+        return;
+
+    sockaddr_storage address;
+    socklen_t length = sizeof(address);
+    if ((protocol == eTCP && SetSocketOptions(socket) != eKelIPSuccess) ||
+        getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    {
+        close(socket);
+        return;
+    }
+    SetPeer(address, length, nullptr);
+    SetProtocol(protocol);
+    SetSocket(socket);
+    SetState(eConnected);
+    m_poReadThread.reset(new CReadThread(this));
+}
+
+CKelIPConnection::CKelIPConnection(unsigned char id, unsigned short port, bool useConnectionMessages)
+    : CKelIPConnection()
+{
+    SetIdentifiers(id);
+    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
+    m_bDatagramServer = true;
+    SetProtocol(eUDP);
+
+    char portText[8];
+    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* addresses = nullptr;
+    if (getaddrinfo(nullptr, portText, &hints, &addresses) != 0 || addresses == nullptr)
+        return;
+
+    const int socket = ::socket(addresses->ai_family, addresses->ai_socktype, addresses->ai_protocol);
+    if (socket >= 0)
+    {
+        const int on = 1;
+        if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
+            bind(socket, addresses->ai_addr, addresses->ai_addrlen) == 0)
+        {
+            SetSocket(socket);
+            SetState(eWaitingForPeer);
+            m_poReadThread.reset(new CReadThread(this));
+        }
+        else
+        {
+            close(socket);
+        }
+    }
+    freeaddrinfo(addresses);
+}
+
+CKelIPConnection::~CKelIPConnection()
+{
+    Shutdown();
+}
+
+void CKelIPConnection::Shutdown()
+{
+    if (GetState() == eConnected)
+        DisconnectReq(500);
+    if (m_bDatagramServer)
+        CloseSocket();
+    if (m_poReadThread)
+        m_poReadThread->Terminate();
+    DestroyAliveThread();
+}
+
+void CKelIPConnection::SetIdentifiers(unsigned char id)
+{
+    m_nId = id;
+    m_nConnectReqId = CKelMsg::Command(id, CKelMsg::eConnectReq);
+    m_nConnectCnfId = CKelMsg::Command(id, CKelMsg::eConnectReq | CKelMsg::eConfirmation);
+    m_nDisconnectReqId = CKelMsg::Command(id, CKelMsg::eDisconnectReq);
+    m_nDisconnectCnfId = CKelMsg::Command(id, CKelMsg::eDisconnectReq | CKelMsg::eConfirmation);
+    m_nAliveReqId = CKelMsg::Command(id, CKelMsg::eAliveReq);
+    m_nAliveCnfId = CKelMsg::Command(id, CKelMsg::eAliveReq | CKelMsg::eConfirmation);
+}
+
+void CKelIPConnection::SetPeer(const sockaddr_storage& address, unsigned int length, const char* host)
+{
+    char text[INET6_ADDRSTRLEN];
+    const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&address), text, sizeof(text));
+    CKelLockGuard guard(m_oPeerGuard);
+    m_sPeerAddr = address;
+    m_nPeerAddrLen = length;
+    m_sPeerAddress = numeric != nullptr ? numeric : "";
+    m_sHost = host != nullptr ? host : m_sPeerAddress;
+    m_nPort = PortOf(address);
+}
+
+std::string CKelIPConnection::GetPeerAddress() const
+{
+    CKelLockGuard guard(m_oPeerGuard);
+    return m_sPeerAddress;
+}
+
+std::string CKelIPConnection::GetHost() const
+{
+    CKelLockGuard guard(m_oPeerGuard);
+    return m_sHost;
+}
+
+unsigned short CKelIPConnection::GetPort() const
+{
+    CKelLockGuard guard(m_oPeerGuard);
+    return m_nPort;
+}
+
+int CKelIPConnection::GetReadThreadState() const
+{
+    return m_poReadThread ? m_poReadThread->GetState() : static_cast<int>(CKelThread::eFinished);
+}
+
+bool CKelIPConnection::StartReadThread()
+{
+    if (!m_poReadThread)
+        return false;
+    return m_poReadThread->IsRunning() || m_poReadThread->Start();
+}
+
+unsigned int CKelIPConnection::SetSocketOptions(int socket)
+{
+    const int on = 1;
+    const int idleSeconds = 5;
+    const int intervalSeconds = 1;
+    const int probes = 5;
+    if (setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
+        setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof(idleSeconds)) != 0 ||
+        setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof(intervalSeconds)) != 0 ||
+        setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes)) != 0)
+        return eKelIPError;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    return eKelIPSuccess;
+}
+
+// ------------------------------------------------------------ hooks
+
+void CKelIPConnection::ConnectInd(bool) {}
+
+void CKelIPConnection::DataInd(const char*, unsigned short) {}
+
+bool CKelIPConnection::IsConnectMsgAccepted(const std::string&)
+{
+    return true;
+}
+
+// ------------------------------------------------------------ connecting
+
+unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs,
+                                          unsigned char id, CKelIPBase::EProtocol protocol,
+                                          const std::string& connectData, bool useConnectionMessages)
+{
+    if (GetState() != eDisconnected)
+        return eKelIPWrongState;
+    if (protocol != eTCP && protocol != eUDP)
+        return eKelIPError;
+
+    // A read thread of the previous connection leaves by itself once the
+    // state is not 3 any more; join it so that exactly one reader serves the
+    // new socket.
+    if (m_poReadThread)
+        m_poReadThread->Terminate();
+
+    SetIdentifiers(id);
+    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
+    m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
+    SetProtocol(protocol);
+    m_oConnectEvent.Reset();
+    SetState(eConnecting);
+
+    const CKelDeadline deadline(timeoutMs);
+
+    char portText[8];
+    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = protocol == eTCP ? SOCK_STREAM : SOCK_DGRAM;
+    addrinfo* addresses = nullptr;
+    if (getaddrinfo(host, portText, &hints, &addresses) != 0)
+    {
+        SetState(eDisconnected);
+        return eKelIPNotConnected;
+    }
+
+    // Start a non-blocking connect on every address.
+    std::vector<pollfd> pending;
+    for (addrinfo* address = addresses; address != nullptr; address = address->ai_next)
+    {
+        const int socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
+        if (socket < 0)
+            continue;
+        if (!SetBlocking(socket, false) ||
+            (connect(socket, address->ai_addr, address->ai_addrlen) != 0 && errno != EINPROGRESS))
+        {
+            close(socket);
+            continue;
+        }
+        pending.push_back(pollfd{socket, POLLOUT, 0});
+    }
+    freeaddrinfo(addresses);
+
+    auto closeAll = [&pending](int keep) {
+        for (const pollfd& entry : pending)
+            if (entry.fd != keep)
+                close(entry.fd);
+    };
+
+    // No address left that could become writable: the host cannot be reached.
+    if (pending.empty())
+    {
+        SetState(eDisconnected);
+        return eKelIPNotConnected;
+    }
+
+    const int ready = poll(pending.data(), pending.size(),
+                           timeoutMs == KEL_INFINITE ? -1 : static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)));
+    if (ready < 0)
+    {
+        // The state deliberately stays "connecting".
+        closeAll(-1);
+        return eKelIPError;
+    }
+    if (ready == 0)
+    {
+        closeAll(-1);
+        SetState(eDisconnected);
+        return eKelIPNotConnected;
+    }
+
+    // The lowest writable descriptor that takes the socket options wins.
+    std::sort(pending.begin(), pending.end(), [](const pollfd& a, const pollfd& b) { return a.fd < b.fd; });
+    int chosen = -1;
+    for (const pollfd& entry : pending)
+    {
+        if (entry.revents == 0 || (entry.revents & POLLNVAL) != 0)
+            continue;
+        if (!SetBlocking(entry.fd, true))
+            continue;
+        if (protocol == eTCP && SetSocketOptions(entry.fd) != eKelIPSuccess)
+            continue;
+        chosen = entry.fd;
+        break;
+    }
+    closeAll(chosen);
+    if (chosen < 0)
+    {
+        SetState(eDisconnected);
+        return eKelIPNotConnected;
+    }
+    SetSocket(chosen);
+
+    // Writability alone does not prove success: a refused connect ends here.
+    sockaddr_storage peer;
+    socklen_t peerLength = sizeof(peer);
+    if (getpeername(chosen, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0)
+    {
+        {
+            CKelLockGuard guard(m_oPeerGuard);
+            m_nPeerAddrLen = 0;
+        }
+        CloseSocket();
+        return eKelIPError;
+    }
+    SetPeer(peer, peerLength, host != nullptr ? host : "");
+    SetState(eConnected);
+
+    if (!m_poReadThread)
+        m_poReadThread.reset(new CReadThread(this));
+    StartReadThread();
+
+    if (useConnectionMessages)
+    {
+        const CKelMsg request(m_nConnectReqId, 1, connectData.data(), static_cast<unsigned short>(connectData.size()));
+        const unsigned int sent = DataReq(request, deadline.RemainingMs());
+        if (sent != eKelIPSuccess)
+        {
+            CloseConnection();
+            return sent;
+        }
+        if (!m_oConnectEvent.Wait(deadline.RemainingMs()))
+        {
+            CloseConnection();
+            return eKelIPTimeout;
+        }
+        const unsigned char result = m_nConnectResult.load(std::memory_order_relaxed);
+        if (result == 1)
+        {
+            CloseConnection();
+            return eKelIPRefused;
+        }
+        if (result != 0)
+        {
+            CloseConnection();
+            return eKelIPNotConnected;
+        }
+    }
+
+    ConnectInd(true);
+    return eKelIPSuccess;
+}
+
+// ------------------------------------------------------------ sending
+
+unsigned int CKelIPConnection::DataReq(const char* data, unsigned short length, unsigned int timeoutMs)
+{
+    const int state = GetState();
+    if (state != eConnected)
+    {
+        if (state == eState6)
+            return eKelIPState6;
+        return state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
+    }
+    if (GetProtocol() == eTCP)
+        return SendStream(data, length, timeoutMs);
+    return SendDatagram(data, length, timeoutMs);
+}
+
+unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int timeoutMs)
+{
+    char stackBuffer[kStackMessageSize];
+    const unsigned int size = message.WriteTo(stackBuffer, sizeof(stackBuffer));
+    if (size != 0)
+        return DataReq(stackBuffer, static_cast<unsigned short>(size), timeoutMs);
+    std::string bytes;
+    message.GetMessageData(bytes);
+    return DataReq(bytes.data(), static_cast<unsigned short>(bytes.size()), timeoutMs);
+}
+
+unsigned int CKelIPConnection::SendStream(const char* data, unsigned short length, unsigned int timeoutMs)
+{
+    if (length == 0)
+        return eKelIPSuccess;
+    const int socket = GetSocket();
+    const CKelDeadline deadline(timeoutMs);
+    size_t sent = 0;
+    // The socket is tried first: while it takes the bytes, this saves one
+    // wait per message; when it is full the wait below takes over.
+    for (;;)
+    {
+        ssize_t result;
+        {
+            CKelLockGuard guard(m_oSocketGuard);
+            if (GetSocket() != socket)
+            {
+                EndConnection();
+                return eKelIPError;
+            }
+            result = send(socket, data + sent, length - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        }
+        if (result >= 0)
+        {
+            sent += static_cast<size_t>(result);
+            if (sent == length)
+            {
+                if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveActive)
+                    m_nAliveLastSend.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+                return eKelIPSuccess;
+            }
+        }
+        else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+        {
+            return eKelIPError;  // the connection stays open
+        }
+
+        if (deadline.HasPassed())
+        {
+            EndConnection();
+            return eKelIPTimeout;
+        }
+        const int ready = KelWaitForSocket(socket, POLLOUT, deadline.RemainingPollMs());
+        if (ready == 0)
+        {
+            EndConnection();
+            return eKelIPTimeout;
+        }
+        if (ready < 0)
+        {
+            EndConnection();
+            return eKelIPError;
+        }
+    }
+}
+
+unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs)
+{
+    const int socket = GetSocket();
+    const int ready = KelWaitForSocket(socket, POLLOUT,
+                                       timeoutMs == KEL_INFINITE ? -1 : static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)));
+    if (ready == 0)
+    {
+        EndConnection();
+        return eKelIPTimeout;
+    }
+    if (ready < 0)
+    {
+        EndConnection();
+        return eKelIPError;
+    }
+    sockaddr_storage peer;
+    socklen_t peerLength;
+    {
+        CKelLockGuard guard(m_oPeerGuard);
+        peer = m_sPeerAddr;
+        peerLength = m_nPeerAddrLen;
+    }
+    ssize_t result;
+    {
+        CKelLockGuard guard(m_oSocketGuard);
+        if (GetSocket() != socket)
+            return eKelIPError;
+        result = sendto(socket, data, length, MSG_DONTWAIT | MSG_NOSIGNAL,
+                        peerLength != 0 ? reinterpret_cast<const sockaddr*>(&peer) : nullptr, peerLength);
+    }
+    if (result < 0)
+        return eKelIPError;
+    if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveActive)
+        m_nAliveLastSend.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    return eKelIPSuccess;
+}
+
+void CKelIPConnection::SendReply(unsigned short command, unsigned short number, unsigned char result,
+                                 unsigned int timeoutMs)
+{
+    char reply[CKelMsg::kOverhead + 1];
+    const char data = static_cast<char>(result);
+    const unsigned int size = CKelMsg::Build(reply, sizeof(reply), command, number, &data, 1);
+    DataReq(reply, static_cast<unsigned short>(size), timeoutMs);
+}
+
+// ------------------------------------------------------------ ending
+
+bool CKelIPConnection::EndConnection()
+{
+    // Whoever moves the state out of "connected" reports the end, once.
+    if (!ChangeState(eConnected, eDisconnecting))
+        return false;
+    ConnectInd(false);
+    if (m_bDatagramServer)
+    {
+        {
+            CKelLockGuard guard(m_oPeerGuard);
+            m_nPeerAddrLen = 0;
+        }
+        SetState(eWaitingForPeer);
+    }
+    else
+    {
+        CloseSocket();
+        SetState(eDisconnected);
+    }
+    return true;
+}
+
+unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
+{
+    if (GetState() != eConnected)
+        return eKelIPWrongState;
+
+    unsigned int result = eKelIPSuccess;
+    if (m_bUseConnectionMessages.load(std::memory_order_relaxed))
+    {
+        // Drop a confirmation nobody asked for, so only ours releases the wait.
+        m_oDisconnectEvent.Wait(0);
+        char request[CKelMsg::kOverhead];
+        const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nDisconnectReqId, 0, nullptr, 0);
+        result = DataReq(request, static_cast<unsigned short>(size), timeoutMs);
+        if (result == eKelIPSuccess)
+        {
+            if (!m_oDisconnectEvent.Wait(timeoutMs))
+                result = eKelIPTimeout;
+            else if (m_nDisconnectResult.load(std::memory_order_relaxed) != 0)
+                result = eKelIPError;
+        }
+        if (GetState() != eConnected)
+            return result;
+    }
+    EndConnection();
+    return result;
+}
+
+unsigned int CKelIPConnection::CloseConnection()
+{
+    return EndConnection() ? eKelIPSuccess : eKelIPWrongState;
+}
+
+// ------------------------------------------------------------ alive protocol
+
+void CKelIPConnection::CreateAliveThread()
+{
+    CKelLockGuard guard(m_oAliveThreadGuard);
+    if (!m_poAliveThread)
+        m_poAliveThread.reset(new CAliveThread(this));
+    if (!m_poAliveThread->IsRunning())
+        m_poAliveThread->Start();
+}
+
+void CKelIPConnection::DestroyAliveThread()
+{
+    std::unique_ptr<CAliveThread> thread;
+    {
+        CKelLockGuard guard(m_oAliveThreadGuard);
+        thread.swap(m_poAliveThread);
+    }
+    // Joined outside the guard: the alive thread may be ending the connection.
+    thread.reset();
+}
+
+unsigned int CKelIPConnection::SetAlive(unsigned int periodMs)
+{
+    if (GetState() != eConnected)
+        return eKelIPNotConnected;
+    if (periodMs == 0)
+    {
+        m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
+        DestroyAliveThread();
+        // The peer is told the period stored before, not 0.
+        return AliveReq(0);
+    }
+    m_nAlivePeriod.store(periodMs, std::memory_order_relaxed);
+    CreateAliveThread();
+    m_nAliveMode.store(eAliveActive, std::memory_order_relaxed);
+    return AliveReq(periodMs);
+}
+
+unsigned int CKelIPConnection::AliveReq(unsigned int timeoutMs)
+{
+    char period[4];
+    CKelMsg::PutU32(period, m_nAlivePeriod.load(std::memory_order_relaxed));
+    char request[CKelMsg::kOverhead + sizeof(period)];
+    const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nAliveReqId, 0, period, sizeof(period));
+    return DataReq(request, static_cast<unsigned short>(size), timeoutMs);
+}
+
+void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
+{
+    if (!IsIntactMessage(bytes, count))
+        return;
+    unsigned char result = 0xFF;
+    unsigned int replyTimeoutMs = kReplyTimeoutMs;
+    if (count > CKelMsg::kOverhead + 3)
+    {
+        const unsigned int period = CKelMsg::GetU32(bytes + CKelMsg::kHeaderSize);
+        m_nAlivePeriod.store(period, std::memory_order_relaxed);
+        if (period == 0)
+        {
+            m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
+            DestroyAliveThread();
+        }
+        else
+        {
+            if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveOff)
+            {
+                m_nAliveMode.store(eAlivePassive, std::memory_order_relaxed);
+                CreateAliveThread();
+            }
+            replyTimeoutMs = period;
+        }
+        result = 0;
+    }
+    SendReply(m_nAliveCnfId, CKelMsg::GetU16(bytes + 4), result, replyTimeoutMs);
+}
+
+// ------------------------------------------------------------ dispatching
+
+void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from,
+                                   unsigned int fromLength)
+{
+    if (!m_bUseConnectionMessages.load(std::memory_order_relaxed))
+    {
+        DataInd(data, length);
+        return;
+    }
+    if (m_nAliveMode.load(std::memory_order_relaxed) != eAliveOff)
+        m_nAliveLastReceive.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+
+    const unsigned short command = length >= 4 ? CKelMsg::GetU16(data + 2) : 0;
+    if (m_bDatagramServer)
+    {
+        if (from == nullptr)
+            return;
+        const sockaddr* sender = reinterpret_cast<const sockaddr*>(from);
+        if (length > CKelMsg::kHeaderSize && command == m_nConnectReqId)
+        {
+            if (!IsIntactMessage(data, length))
+                return;
+            SetPeer(*from, fromLength, nullptr);
+            SetState(eConnected);
+            ConnectInd(true);
+            const bool accepted = IsConnectMsgAccepted(
+                std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead));
+            SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), accepted ? 0 : 0xFF, kReplyTimeoutMs);
+            if (!accepted)
+                EndConnection();
+            return;
+        }
+        bool fromPeer = false;
+        if (GetState() == eConnected)
+        {
+            CKelLockGuard guard(m_oPeerGuard);
+            fromPeer = SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_sPeerAddr),
+                                         m_nPeerAddrLen);
+        }
+        if (!fromPeer && command != kDatagramOpenCommand)
+            return;
+    }
+
+    if (length < CKelMsg::kOverhead)
+    {
+        DataInd(data, length);
+        return;
+    }
+
+    if (command == m_nAliveReqId)
+    {
+        HandleAliveReq(data, length);
+    }
+    else if (command == m_nAliveCnfId)
+    {
+        // Nothing to do: any received message already counts as a sign of life.
+    }
+    else if (command == m_nConnectReqId)
+    {
+        if (!IsIntactMessage(data, length))
+            return;
+        unsigned char result = 0;
+        if (m_poServerContainer != nullptr && m_poServerContainer->IsConnectionLimitExceeded())
+            result = 1;
+        else if (!IsConnectMsgAccepted(std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead)))
+            result = 0xFF;
+        SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), result, kReplyTimeoutMs);
+        if (result != 0)
+            EndConnection();
+    }
+    else if (command == m_nConnectCnfId)
+    {
+        if (length == CKelMsg::kOverhead || !IsIntactMessage(data, length))
+            return;
+        m_nConnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
+        m_oConnectEvent.Signal();
+    }
+    else if (command == m_nDisconnectReqId)
+    {
+        if (!IsIntactMessage(data, length))
+            return;
+        SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(data + 4), 0, kReplyTimeoutMs);
+        EndConnection();
+    }
+    else if (command == m_nDisconnectCnfId)
+    {
+        if (length == CKelMsg::kOverhead || !IsIntactMessage(data, length))
+            return;
+        m_nDisconnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
+        m_oDisconnectEvent.Signal();
+    }
+    else
+    {
+        DataInd(data, length);
+    }
+}

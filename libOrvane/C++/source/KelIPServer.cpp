@@ -1,0 +1,106 @@
+#include "KelIPServer.h"
+
+#include "KelIPServerContainer.h"
+#include "KelSocketWait.h"
+#include "libKelThread.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace
+{
+const int kAcceptWaitMs = 100;
+}
+
+// Accepts connections while the server listens and hands every new socket
+// to the container.
+class CKelIPServer::CListenThread : public CKelThread
+{
+public:
+    explicit CListenThread(CKelIPServer* server) : CKelThread(0), m_poServer(server) {}
+    ~CListenThread() override { Terminate(); }
+
+protected:
+    void Run() override
+    {
+        if (m_poServer->GetState() != eWaitingForPeer)
+            return;
+        while (!IsTerminationRequested())
+        {
+            const int listening = m_poServer->GetSocket();
+            if (listening < 0)
+                return;
+            if (KelWaitForSocket(listening, POLLIN, kAcceptWaitMs) <= 0)
+                continue;
+            sockaddr_storage address;
+            socklen_t length = sizeof(address);
+            const int socket = accept(listening, reinterpret_cast<sockaddr*>(&address), &length);
+            if (socket < 0)
+                continue;
+            m_poServer->GetContainer()->AddClient(eTCP, socket);
+        }
+    }
+
+private:
+    CKelIPServer* m_poServer;
+};
+
+CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port) : m_poContainer(container)
+{
+    char portText[8];
+    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
+    addrinfo hints{};
+    hints.ai_flags = AI_PASSIVE;
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* addresses = nullptr;
+    if (getaddrinfo(nullptr, portText, &hints, &addresses) != 0)
+        return;
+
+    int bound = -1;
+    for (addrinfo* address = addresses; address != nullptr && bound < 0; address = address->ai_next)
+    {
+        const int socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
+        if (socket < 0)
+            continue;
+        const int on = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        if (bind(socket, address->ai_addr, address->ai_addrlen) == 0)
+            bound = socket;
+        else
+            close(socket);
+    }
+    freeaddrinfo(addresses);
+    if (bound < 0)
+        return;
+    if (listen(bound, container->GetConnectionLimit()) != 0)
+    {
+        close(bound);
+        return;
+    }
+    SetSocket(bound);
+    SetState(eWaitingForPeer);
+    m_poListenThread.reset(new CListenThread(this));
+    m_poListenThread->Start();
+}
+
+CKelIPServer::~CKelIPServer()
+{
+    m_poListenThread.reset();
+    CloseSocket();
+}
+
+unsigned short CKelIPServer::GetBoundPort() const
+{
+    const int socket = GetSocket();
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    if (socket < 0 || getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return 0;
+    return ntohs(address.sin_port);
+}
