@@ -12,8 +12,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace
@@ -437,6 +440,55 @@ TEST_F(TraceServerTest, LevelZeroSwitchesTracingOffButKeepsTheViewer)
     ASSERT_FALSE(viewer.RoundTrip().empty());
     EXPECT_EQ(-3, CTraceServer::SendTraceMessage(0x10, 3, 0xFFFFFFFF, 1, "f", "t", 0));
     EXPECT_EQ(viewer.Port(), ClientPort());
+}
+
+TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
+{
+    StartServer();
+    CTestViewer viewer;
+    Activate(viewer, 0x10, {0, 0, 0, 0xFFFFFFFF});
+
+    const int kSenders = 4;
+    const int kSendsEach = 300;
+    const int kActivations = 20;
+    std::atomic<int> sent{0};
+    std::atomic<int> unexpected{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < kSenders; ++t)
+    {
+        senders.emplace_back([&] {
+            for (int i = 0; i < kSendsEach; ++i)
+            {
+                const int result = CTraceServer::SendTraceMessage(0x10, 3, 0x1, 1, "f", "t", 0);
+                if (result == 0 || result == -6) // -6: stamped, but the socket buffer was full
+                    ++sent;
+                else if (result != -3)
+                    ++unexpected;
+            }
+        });
+    }
+    // Level 0x10 on and off while the senders run; 0x04 stays on, so every
+    // activation traces itself.
+    for (int i = 0; i < kActivations; ++i)
+        viewer.Send(ActivateRequest(i % 2 == 0 ? 0x04 : 0x14, {0, 0x02, 0, 0xFFFFFFFF}));
+    for (std::thread& sender : senders)
+        sender.join();
+    // The viewer's socket is full of trace messages, so ask from elsewhere;
+    // the answer comes after all activations were handled.
+    CTestViewer asker;
+    ASSERT_FALSE(asker.RoundTrip().empty());
+
+    EXPECT_EQ(0, unexpected.load());
+    {
+        // Every telegram took exactly one counter value: the sends, the first
+        // activation, the later ones and the categories answer.
+        CKelLockGuard lock(CTraceServer::m_oTelegramCounterMutex);
+        EXPECT_EQ(static_cast<unsigned short>(sent.load() + 1 + kActivations + 1), CTraceServer::m_nTelegramCounter);
+    }
+    // Whatever arrived (a full receive buffer drops datagrams) has distinct counters.
+    std::set<unsigned short> counters;
+    for (Bytes bytes = viewer.Receive(0); !bytes.empty(); bytes = viewer.Receive(0))
+        EXPECT_TRUE(counters.insert(U16At(bytes, 4)).second);
 }
 
 TEST_F(TraceServerTest, DisableResetsEverything)
