@@ -1,0 +1,40 @@
+# orvane_add_vm_test: registers a CTest test that boots the SocketCAN VM once
+# and runs a scenario script in it (see run-vm.sh for what the VM offers).
+#
+#   orvane_add_vm_test(NAME <test name>
+#                      SCENARIO <shell script run inside the VM>
+#                      BINARIES <target or path>...   # put on PATH, with their shared libraries
+#                      [FILES <path>...]              # copied to /opt/vm/files
+#                      [TIMEOUT <seconds>])           # limit for the VM run, default 300
+#
+# The test carries the label "vm" and fails (never skips) when the VM cannot start.
+set(ORVANE_VM_RUNNER ${CMAKE_CURRENT_LIST_DIR}/run-vm.sh CACHE INTERNAL "VM test runner")
+
+function(orvane_add_vm_test)
+  cmake_parse_arguments(VM "" "NAME;SCENARIO;TIMEOUT" "BINARIES;FILES" ${ARGN})
+  if(NOT VM_NAME OR NOT VM_SCENARIO)
+    message(FATAL_ERROR "orvane_add_vm_test needs NAME and SCENARIO")
+  endif()
+  if(NOT VM_TIMEOUT)
+    set(VM_TIMEOUT 300)
+  endif()
+  get_filename_component(scenario ${VM_SCENARIO} ABSOLUTE BASE_DIR ${CMAKE_CURRENT_SOURCE_DIR})
+  set(arguments --name ${VM_NAME} --scenario ${scenario}
+                --workdir ${CMAKE_CURRENT_BINARY_DIR}/${VM_NAME}.vm --timeout ${VM_TIMEOUT})
+  foreach(file IN LISTS VM_FILES)
+    get_filename_component(file ${file} ABSOLUTE BASE_DIR ${CMAKE_CURRENT_SOURCE_DIR})
+    list(APPEND arguments --file ${file})
+  endforeach()
+  list(APPEND arguments --)
+  foreach(binary IN LISTS VM_BINARIES)
+    if(TARGET ${binary})
+      list(APPEND arguments $<TARGET_FILE:${binary}>)
+    else()
+      list(APPEND arguments ${binary})
+    endif()
+  endforeach()
+  add_test(NAME ${VM_NAME} COMMAND bash ${ORVANE_VM_RUNNER} ${arguments})
+  # Room for the one-time kernel download and packing on top of the VM's own limit.
+  math(EXPR ctest_timeout "${VM_TIMEOUT} + 300")
+  set_tests_properties(${VM_NAME} PROPERTIES LABELS vm TIMEOUT ${ctest_timeout})
+endfunction()
