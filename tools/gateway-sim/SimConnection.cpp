@@ -1,0 +1,101 @@
+#include "SimConnection.h"
+
+namespace GatewaySim
+{
+
+namespace
+{
+
+// A client that reads nothing gets this long for each telegram before the
+// transport gives it up.
+constexpr unsigned int SEND_TIMEOUT_MS = 2000;
+
+} // namespace
+
+CSimConnection::CSimConnection(SPortContext& oPort, CKelIPServerContainer* pContainer, int nSocket)
+    : CKelIPConnection(pContainer, CAN_DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true),
+      m_roPort(oPort),
+      m_nClient(oPort.nNextClient++),
+      m_oSession(oPort.roModel, oPort.roBus, oPort.oSession, oPort.roCounters, oPort.roLog, *this,
+                 oPort.sName + " client " + std::to_string(m_nClient))
+{
+    if (GetState() == eConnected && !m_oSession.Start())
+        CloseConnection();
+}
+
+CSimConnection::~CSimConnection()
+{
+    // No more sends from the session, then no more hooks from the transport.
+    m_oSession.OnLinkLost();
+    Shutdown();
+}
+
+void CSimConnection::ConnectInd(bool bConnected)
+{
+    if (bConnected)
+    {
+        m_roPort.roLog.Line(m_oSession.Name() + ": TCP connection from " + GetPeerAddress() + ":" +
+                            std::to_string(GetPort()));
+        return;
+    }
+    if (m_bEnded.exchange(true))
+        return;
+    m_oSession.OnLinkLost();
+    if (m_bAccepted.load())
+    {
+        --m_roPort.nConnected;
+        m_roPort.roLog.Line(m_oSession.Name() + ": disconnected");
+    }
+    else
+    {
+        ++m_roPort.roCounters.nRefused;
+        if (m_roPort.nConnected.load() >= m_roPort.nMaxClients)
+            m_roPort.roLog.Line(m_oSession.Name() + ": refused, connection limit of " +
+                                std::to_string(m_roPort.nMaxClients) + " reached");
+        else
+            m_roPort.roLog.Line(m_oSession.Name() + ": closed before connecting");
+    }
+}
+
+bool CSimConnection::IsConnectMsgAccepted(const std::string&)
+{
+    if (m_bAccepted.exchange(true))
+        return true; // a repeated connect request changes nothing
+    ++m_roPort.nConnected;
+    ++m_roPort.roCounters.nConnections;
+    m_oSession.JoinBus();
+    m_roPort.roLog.Line(m_oSession.Name() + ": connected");
+    return true;
+}
+
+void CSimConnection::DataInd(const char* pData, unsigned short nLength)
+{
+    m_oSession.OnTelegram(pData, nLength);
+}
+
+bool CSimConnection::SendBytes(const std::string& sBytes)
+{
+    return DataReq(sBytes.data(), static_cast<unsigned short>(sBytes.size()), SEND_TIMEOUT_MS) == eKelIPSuccess;
+}
+
+void CSimConnection::CloseLink()
+{
+    CloseConnection();
+}
+
+CSimContainer::CSimContainer(SPortContext& oPort, unsigned short nTcpPort)
+    : CKelIPServerContainer(CAN_DEVICE_TYPE, oPort.nMaxClients, nTcpPort, false), m_roPort(oPort)
+{
+}
+
+CSimContainer::~CSimContainer()
+{
+    Shutdown();
+}
+
+CKelIPConnection* CSimContainer::CreateNewClass(CKelIPBase::EProtocol, int nSocket)
+{
+    return new CSimConnection(m_roPort, this, nSocket);
+}
+
+} // namespace GatewaySim

@@ -1,0 +1,244 @@
+#include "SimOptions.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace GatewaySim
+{
+
+namespace
+{
+
+// Highest CAN port whose TCP port 5001 + 100 * P still fits 16 bits.
+constexpr unsigned long MAX_CAN_PORT = 645;
+
+enum ELongOnly
+{
+    eOptLoadId = 1000,
+    eOptFreezeAfter,
+    eOptCloseAfter
+};
+
+// Decimal, 0x hexadecimal; the whole text must be a number <= nMax.
+bool ParseNumber(const char* pText, unsigned long nMax, unsigned long& nValue)
+{
+    if (pText == nullptr || *pText == '\0' || *pText == '-')
+        return false;
+    char* pEnd = nullptr;
+    errno = 0;
+    nValue = std::strtoul(pText, &pEnd, 0);
+    return errno == 0 && *pEnd == '\0' && nValue <= nMax;
+}
+
+// "0x207=0x24": command code (a low byte alone means the CAN command with
+// that low byte) and the device result byte.
+bool ParseFail(const std::string& sText, SFaultSettings& oFaults)
+{
+    const std::size_t nEquals = sText.find('=');
+    if (nEquals == std::string::npos)
+        return false;
+    unsigned long nCode = 0, nResult = 0;
+    if (!ParseNumber(sText.substr(0, nEquals).c_str(), 0x7FFF, nCode) ||
+        !ParseNumber(sText.substr(nEquals + 1).c_str(), 0xFF, nResult) || nResult == 0)
+        return false;
+    if (nCode <= 0xFF)
+        nCode |= 0x200;
+    oFaults.aoFailCommands[static_cast<unsigned short>(nCode)] = static_cast<unsigned char>(nResult);
+    return true;
+}
+
+} // namespace
+
+EParseResult ParseSimOptions(int nArgc, char** apArgv, SSimOptions& oOptions, std::string& sError)
+{
+    static const option s_aoLong[] = {
+        {"bind", required_argument, nullptr, 'b'},
+        {"tcp-base", required_argument, nullptr, 't'},
+        {"echo", no_argument, nullptr, 'e'},
+        {"socketcan", required_argument, nullptr, 's'},
+        {"load", required_argument, nullptr, 'l'},
+        {"load-id", required_argument, nullptr, eOptLoadId},
+        {"max-clients", required_argument, nullptr, 'm'},
+        {"fail", required_argument, nullptr, 'f'},
+        {"freeze-after", required_argument, nullptr, eOptFreezeAfter},
+        {"close-after", required_argument, nullptr, eOptCloseAfter},
+        {"quiet", no_argument, nullptr, 'q'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    optind = 0; // full re-initialisation, so the parser can run more than once
+    opterr = 0;
+    unsigned long nValue = 0;
+    int nOption;
+    while ((nOption = getopt_long(nArgc, apArgv, "b:t:es:l:m:f:qh", s_aoLong, nullptr)) != -1)
+    {
+        const std::string sArg = optarg != nullptr ? optarg : "";
+        switch (nOption)
+        {
+        case 'b':
+            oOptions.sBindAddress = sArg;
+            break;
+        case 't':
+            if (!ParseNumber(optarg, 65535, nValue))
+            {
+                sError = "invalid TCP base port \"" + sArg + "\"";
+                return EParseResult::eError;
+            }
+            oOptions.nTcpBase = static_cast<unsigned int>(nValue);
+            break;
+        case 'e':
+            oOptions.bEcho = true;
+            break;
+        case 's':
+            oOptions.sSocketCan = sArg;
+            break;
+        case 'l':
+            if (!ParseNumber(optarg, 1000000, nValue))
+            {
+                sError = "invalid load rate \"" + sArg + "\" (frames per second, at most 1000000)";
+                return EParseResult::eError;
+            }
+            oOptions.nLoadRate = static_cast<unsigned int>(nValue);
+            break;
+        case eOptLoadId:
+            if (!ParseNumber(optarg, 0x1FFFFFFF, nValue))
+            {
+                sError = "invalid load identifier \"" + sArg + "\"";
+                return EParseResult::eError;
+            }
+            oOptions.nLoadIdentifier = static_cast<unsigned int>(nValue);
+            break;
+        case 'm':
+            if (!ParseNumber(optarg, 1000, nValue) || nValue == 0)
+            {
+                sError = "invalid connection limit \"" + sArg + "\" (1 to 1000)";
+                return EParseResult::eError;
+            }
+            oOptions.oFaults.nMaxClients = static_cast<int>(nValue);
+            break;
+        case 'f':
+            if (!ParseFail(sArg, oOptions.oFaults))
+            {
+                sError = "invalid --fail \"" + sArg + "\" (expected COMMAND=RESULT, e.g. 0x207=0x24)";
+                return EParseResult::eError;
+            }
+            break;
+        case eOptFreezeAfter:
+        case eOptCloseAfter:
+            if (!ParseNumber(optarg, 0xFFFFFFFFul, nValue))
+            {
+                sError = "invalid telegram count \"" + sArg + "\"";
+                return EParseResult::eError;
+            }
+            (nOption == eOptFreezeAfter ? oOptions.oFaults.nFreezeAfter : oOptions.oFaults.nCloseAfter) =
+                static_cast<unsigned int>(nValue);
+            break;
+        case 'q':
+            oOptions.bQuiet = true;
+            break;
+        case 'h':
+            return EParseResult::eHelp;
+        default:
+            sError = "unknown or incomplete option \"" + std::string(apArgv[optind - 1]) + "\"";
+            return EParseResult::eError;
+        }
+    }
+    for (int i = optind; i < nArgc; ++i)
+    {
+        if (!ParseNumber(apArgv[i], MAX_CAN_PORT, nValue))
+        {
+            sError = "invalid CAN port \"" + std::string(apArgv[i]) + "\" (0 to 645)";
+            return EParseResult::eError;
+        }
+        for (int nPort : oOptions.anCanPorts)
+            if (nPort == static_cast<int>(nValue))
+            {
+                sError = "CAN port " + std::to_string(nValue) + " given twice";
+                return EParseResult::eError;
+            }
+        oOptions.anCanPorts.push_back(static_cast<int>(nValue));
+    }
+    if (oOptions.anCanPorts.empty())
+        oOptions.anCanPorts.push_back(0);
+    for (int nPort : oOptions.anCanPorts)
+        if (oOptions.nTcpBase != 0 && oOptions.nTcpBase + 100u * static_cast<unsigned int>(nPort) > 65535u)
+        {
+            sError = "TCP port of CAN port " + std::to_string(nPort) + " would exceed 65535";
+            return EParseResult::eError;
+        }
+    if (!oOptions.sSocketCan.empty() && oOptions.anCanPorts.size() != 1)
+    {
+        sError = "--socketcan needs exactly one CAN port";
+        return EParseResult::eError;
+    }
+    return EParseResult::eRun;
+}
+
+std::string HelpText(const char* pProgram)
+{
+    std::string sText = std::string("Usage: ") + pProgram + " [<options>] [<CAN port> ...]\n";
+    sText +=
+        "\n"
+        "Simulates the CAN ports of an Orvane CAN gateway on this machine, so that the\n"
+        "bridge and programs using the Orvane client library can run without hardware.\n"
+        "CAN port P is served on TCP port 5001 + 100 * P (CAN port 0, TCP port 5001, when\n"
+        "no port is given). Connect, disconnect and alive requests are answered by the\n"
+        "library's own transport; every CAN, CANopen and common command is confirmed.\n"
+        "Set commands store their values and the get commands return them.\n"
+        "\n"
+        "Each CAN port has its own bus: a frame a client writes is indicated to every\n"
+        "other client of that port (with an 8-byte time stamp when that client switched\n"
+        "time stamps on with SET_GLOBALS). With data confirmations on (SET_CONFIG), a\n"
+        "write is confirmed with its transmit time.\n"
+        "\n"
+        "Options:\n"
+        "  -b, --bind ADDRESS     listen on this IPv4 address (default 127.0.0.1)\n"
+        "  -t, --tcp-base PORT    CAN port P listens on PORT + 100 * P (default 5001;\n"
+        "                         0 lets the system choose a free port for each)\n"
+        "  -e, --echo             also indicate a client's own writes back to it\n"
+        "  -s, --socketcan IFACE  the bus is the SocketCAN interface IFACE (e.g. vcan1):\n"
+        "                         client frames go out on IFACE, frames on IFACE reach\n"
+        "                         the clients (needs exactly one CAN port)\n"
+        "  -l, --load RATE        generate RATE frames per second on every bus\n"
+        "      --load-id ID       identifier of generated frames (default 0x1F0; above\n"
+        "                         0x7FF they are extended frames)\n"
+        "Fault injection:\n"
+        "  -m, --max-clients N    accept N connections per CAN port; the next connect\n"
+        "                         request is refused with result 1 (default 32)\n"
+        "  -f, --fail CMD=RESULT  answer command CMD (code such as 0x207, or its low\n"
+        "                         byte) with device result RESULT (e.g. 0x24) instead of\n"
+        "                         executing it; may be repeated\n"
+        "      --freeze-after N   after N telegrams on a connection, answer nothing more\n"
+        "                         and indicate no frames, keeping the TCP connection open\n"
+        "                         (the transport still answers alive requests)\n"
+        "      --close-after N    close a connection after its N-th telegram\n"
+        "Other:\n"
+        "  -q, --quiet            no log lines\n"
+        "  -h, --help             this text\n"
+        "\n"
+        "Telegrams with a wrong CRC or an invalid length are counted, logged and not\n"
+        "answered; unknown commands and payloads too short for their command are\n"
+        "answered with device result 0xFF. The program logs one line per connection\n"
+        "event and prints its counters when SIGINT or SIGTERM stops it.\n"
+        "\n"
+        "Commands answered (CAN device type, confirmation = code | 0x8000):\n"
+        "  0x209 INFO, 0x20A status, 0x20C CLOSE (restart), 0x240/0x241 READ/WRITE\n"
+        "  DIGITAL, 0x242/0x243 READ/WRITE ANALOG, 0x203 WRITE, 0x205/0x206 SET/GET_CONFIG,\n"
+        "  0x207/0x208 SET/GET_GLOBALS, 0x20B SET_TIME, 0x20E GET_TIME, 0x220/0x221\n"
+        "  SET/GET_FILTER, 0x222 GET_POWERSTATUS, 0x223 SET_POWERRELAIS,\n"
+        "  0x224 SET_POWERACTIVESUPPLIES, 0x251/0x252 SET/GET_ZCARD_PI,\n"
+        "  0x260/0x261 CANOPEN_SET/GET_CONFIG, 0x262 CANOPEN_SYNC_MODE, 0x263 CANOPEN_NMT,\n"
+        "  0x264 CANOPEN_SYNC, 0x265 CANOPEN_TIME, 0x267 CANOPEN_PDO, 0x268/0x269\n"
+        "  CANOPEN_SDO_READ/WRITE, 0x26A/0x26B CANOPEN_SDO_READ/WRITE_BLOCK.\n"
+        "CANopen services need CANopen mode on (else result 0xFE); NMT, SYNC, TIME and\n"
+        "PDO (types 1-4) go onto the bus as frames, SDOs are answered from a simulated\n"
+        "object dictionary per node. In CANopen mode, received SYNC, EMCY, PDO and GUARD\n"
+        "frames are indicated as such, every other frame as an undefined message.\n"
+        "\n"
+        "Example: " + std::string(pProgram) + " --echo 0 1\n";
+    return sText;
+}
+
+} // namespace GatewaySim
