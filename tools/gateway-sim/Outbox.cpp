@@ -13,7 +13,6 @@ COutbox::COutbox(ITelegramLink& oLink, SSimCounters& oCounters, std::size_t nMax
 COutbox::~COutbox()
 {
     Stop();
-    m_oWriter.Terminate();
 }
 
 bool COutbox::Start()
@@ -72,8 +71,12 @@ void COutbox::Stop()
         m_aoQueue.clear();
     }
     m_oWake.Signal();
-    if (!OnWriterThread())
-        m_oWriter.Terminate();
+    if (OnWriterThread())
+        return;
+    // The read thread (connection lost) and the owner (connection destroyed)
+    // may both stop the outbox; one joins the writer at a time.
+    CKelLockGuard oLock(m_oJoinMutex);
+    m_oWriter.Terminate();
 }
 
 void COutbox::WriterLoop()

@@ -87,6 +87,7 @@ private:
     CKelMutex m_oMutex; // guards m_aoQueue
     std::deque<SItem> m_aoQueue;
     CKelEvent m_oWake;
+    CKelMutex m_oJoinMutex; // serialises joining the writer
     std::atomic<bool> m_bStop{false};
     std::atomic<bool> m_bWriterKnown{false};
     pthread_t m_hWriter{};

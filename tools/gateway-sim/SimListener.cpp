@@ -53,14 +53,13 @@ bool CSimListener::Open(const std::string& sAddress, unsigned short nPort, int n
     socklen_t nLength = sizeof(oBound);
     getsockname(m_nSocket, reinterpret_cast<sockaddr*>(&oBound), &nLength);
     m_nBoundPort = ntohs(oBound.sin_port);
-    m_bStop.store(false);
-    if (!m_oThread.Start())
-    {
-        sError = "cannot start the accept thread";
-        Close();
-        return false;
-    }
     return true;
+}
+
+bool CSimListener::Start()
+{
+    m_bStop.store(false);
+    return m_nSocket >= 0 && m_oThread.Start();
 }
 
 void CSimListener::Close()

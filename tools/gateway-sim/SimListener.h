@@ -24,9 +24,11 @@ public:
     CSimListener(const CSimListener&) = delete;
     CSimListener& operator=(const CSimListener&) = delete;
 
-    // Binds sAddress:nPort (port 0: the system chooses) and starts
-    // accepting. False with sError set on failure.
+    // Binds sAddress:nPort (port 0: the system chooses) and listens; peers
+    // wait in the backlog until Start. False with sError set on failure.
     bool Open(const std::string& sAddress, unsigned short nPort, int nBacklog, std::string& sError);
+    // Starts handing accepted sockets to the container.
+    bool Start();
     // Stops accepting and closes the socket.
     void Close();
     unsigned short BoundPort() const { return m_nBoundPort; }

@@ -64,6 +64,12 @@ bool CSimPort::Open(std::string& sError)
             return false;
         }
     }
+    if (!m_poListener->Start())
+    {
+        sError = "cannot start accepting connections";
+        Close();
+        return false;
+    }
     m_roLog.Line(m_oContext.sName + ": listening on " + m_roOptions.sBindAddress + ":" + std::to_string(TcpPort()) +
                  (m_roOptions.sSocketCan.empty() ? std::string() : ", bus on " + m_roOptions.sSocketCan) +
                  (m_roOptions.nLoadRate == 0 ? std::string()
