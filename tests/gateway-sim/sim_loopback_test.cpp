@@ -215,6 +215,26 @@ TEST_F(SimLoopbackTest, TwoCanPortsHaveSeparateBuses)
     EXPECT_EQ(sInfo[6 + 10], 1);
 }
 
+TEST_F(SimLoopbackTest, CANopenModeIndicatesServicesAsSuch)
+{
+    StartSim();
+    CRawClient oMaster, oOther;
+    ASSERT_TRUE(oMaster.Open(Port()));
+    ASSERT_TRUE(oOther.Open(Port()));
+    ASSERT_TRUE(WaitClients(2));
+    ASSERT_TRUE(oMaster.Send(Request(0x260, 1, "01")));
+    EXPECT_EQ(oMaster.ReceiveHex(), ToHex(BuildTelegram(0x8260, 1, FromHex("00"))));
+
+    // A transmit PDO 1 of node 5 reaches the other client as a PDO indication.
+    ASSERT_TRUE(oMaster.Send(Request(0x203, 2, "85 01 00 00 00 0A 0B")));
+    EXPECT_EQ(oOther.ReceiveHex(), ToHex(BuildTelegram(0x267, 0, FromHex("05 01 02 0A 0B"))));
+    // The master's NMT command is a frame 0x000 on the bus: for the other
+    // client an undefined message.
+    ASSERT_TRUE(oMaster.Send(Request(0x263, 3, "05 01")));
+    EXPECT_EQ(oMaster.ReceiveHex(), ToHex(BuildTelegram(0x8263, 3, FromHex("00"))));
+    EXPECT_EQ(oOther.ReceiveHex(), ToHex(BuildTelegram(0x26C, 0, FromHex("00 00 00 00 00 01 05"))));
+}
+
 // ---- fault injection ----
 
 TEST_F(SimLoopbackTest, InjectedDeviceErrorForOneCommand)

@@ -1,0 +1,118 @@
+// A client's send queue: order, the bound on indications, close after the
+// queued telegrams, and a lost link.
+#include "Outbox.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using namespace GatewaySim;
+
+namespace
+{
+
+// A link whose sends block while it is held, so a test can fill the queue.
+class CHeldLink : public ITelegramLink
+{
+public:
+    bool SendBytes(const std::string& sBytes) override
+    {
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        m_bEntered = true;
+        m_oChanged.notify_all();
+        m_oChanged.wait(oLock, [&] { return !m_bHeld; });
+        m_asSent.push_back(sBytes);
+        m_oChanged.notify_all();
+        return m_bAccept;
+    }
+    void CloseLink() override
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        m_bClosed = true;
+        m_oChanged.notify_all();
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        m_bHeld = false;
+        m_oChanged.notify_all();
+    }
+    // Waits (at most 5 s) until the predicate holds under the lock.
+    template <class F> bool WaitUntil(F fCondition)
+    {
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        return m_oChanged.wait_for(oLock, std::chrono::seconds(5), [&] { return fCondition(); });
+    }
+
+    std::mutex m_oMutex;
+    std::condition_variable m_oChanged;
+    bool m_bHeld = true;
+    bool m_bEntered = false;
+    bool m_bClosed = false;
+    bool m_bAccept = true;
+    std::vector<std::string> m_asSent;
+};
+
+TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
+{
+    CHeldLink oLink;
+    SSimCounters oCounters;
+    COutbox oOutbox(oLink, oCounters, 3);
+    ASSERT_TRUE(oOutbox.Start());
+
+    ASSERT_TRUE(oOutbox.PostIndication("i0"));
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; })); // writer holds i0, queue empty
+    EXPECT_TRUE(oOutbox.PostIndication("i1"));
+    EXPECT_TRUE(oOutbox.PostIndication("i2"));
+    EXPECT_TRUE(oOutbox.PostIndication("i3"));
+    EXPECT_FALSE(oOutbox.PostIndication("i4"));
+    oOutbox.PostConfirmation("c1");
+    EXPECT_EQ(oCounters.nFramesDropped.load(), 1u);
+
+    oLink.Release();
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_asSent.size() == 5u; }));
+    EXPECT_EQ(oLink.m_asSent, (std::vector<std::string>{"i0", "i1", "i2", "i3", "c1"}));
+    oOutbox.Stop();
+    EXPECT_EQ(oCounters.nFramesOut.load(), 4u);
+    EXPECT_EQ(oCounters.nConfirmations.load(), 1u);
+}
+
+TEST(Outbox, CloseComesAfterEverythingPostedBefore)
+{
+    CHeldLink oLink;
+    SSimCounters oCounters;
+    COutbox oOutbox(oLink, oCounters, 10);
+    ASSERT_TRUE(oOutbox.Start());
+    oOutbox.PostConfirmation("c1");
+    oOutbox.PostIndication("i1");
+    oOutbox.PostClose();
+    oOutbox.PostConfirmation("after close");
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; }));
+    EXPECT_FALSE(oLink.m_bClosed);
+    oLink.Release();
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bClosed; }));
+    oOutbox.Stop();
+    EXPECT_EQ(oLink.m_asSent, (std::vector<std::string>{"c1", "i1"}));
+}
+
+TEST(Outbox, LostLinkStopsSendingAndCountsTheError)
+{
+    CHeldLink oLink;
+    oLink.m_bHeld = false;
+    oLink.m_bAccept = false;
+    SSimCounters oCounters;
+    COutbox oOutbox(oLink, oCounters, 10);
+    ASSERT_TRUE(oOutbox.Start());
+    oOutbox.PostConfirmation("c1");
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_asSent.size() == 1u; }));
+    oOutbox.Stop();
+    EXPECT_FALSE(oOutbox.PostIndication("i1"));
+    EXPECT_EQ(oCounters.nSendErrors.load(), 1u);
+    EXPECT_EQ(oCounters.nConfirmations.load(), 0u);
+    EXPECT_EQ(oLink.m_asSent.size(), 1u);
+}
+
+} // namespace
