@@ -51,6 +51,8 @@ public:
                 self.DataReq(message.data(), static_cast<unsigned short>(message.size()), 1000);
             };
     }
+    // The most-derived class stops the threads before its vtable goes.
+    ~CServerConnection() override { Shutdown(); }
     bool IsConnectMsgAccepted(const std::string& connectData) override { return connectData != "no"; }
 };
 
@@ -107,7 +109,8 @@ TEST(KelIPServerLimit, ClientAboveTheLimitGetsResultOneAndIsClosed)
     EXPECT_EQ(eKelIPSuccess, Connect(first, container.GetPort()));
     EXPECT_EQ(eKelIPSuccess, Connect(second, container.GetPort()));
     EXPECT_EQ(eKelIPRefused, Connect(third, container.GetPort()));
-    EXPECT_EQ(CKelIPBase::eDisconnected, third.GetState());
+    // The server closes right after its answer; either side may end it.
+    EXPECT_TRUE(WaitUntil([&] { return third.GetState() == CKelIPBase::eDisconnected; }));
 
     // The same seen on the wire by a raw client.
     CRawSocket raw = ConnectRaw(container.GetPort());
@@ -225,8 +228,14 @@ TEST(KelIPServerListening, RefusedSocketGetsFFBeforeItIsClosed)
     EXPECT_EQ(MakeMsg(0x8201, 1, std::string(1, '\xFF')), raw.ReadMessage());
     EXPECT_TRUE(raw.WaitForClose());
 
+    // The refusal may arrive before the connect request is sent; then the
+    // request's own send result is returned instead of 3. Either way the
+    // client never connects.
     CRecordingConnection client;
-    EXPECT_EQ(eKelIPNotConnected, Connect(client, container.GetPort()));
+    const unsigned int result = Connect(client, container.GetPort());
+    EXPECT_TRUE(result == eKelIPNotConnected || result == eKelIPWrongState || result == eKelIPError) << result;
+    EXPECT_TRUE(WaitUntil([&] { return client.GetState() == CKelIPBase::eDisconnected; }));
+    EXPECT_EQ(0, client.ConnectIndCount(true));
     EXPECT_EQ(0u, CountEntries(container));
 }
 
@@ -270,13 +279,13 @@ TEST(KelIPServerDerived, AliveRequestsOfTheClientMakeTheServerSidePassive)
     container.StartListening();
     CRecordingConnection client;
     ASSERT_EQ(eKelIPSuccess, Connect(client, container.GetPort()));
-    ASSERT_EQ(eKelIPSuccess, client.SetAlive(100));
+    ASSERT_EQ(eKelIPSuccess, client.SetAlive(300));
     CServerConnection* server = nullptr;
     ASSERT_TRUE(WaitUntil([&] {
         server = FirstConnection(container);
         return server != nullptr && server->GetAliveMode() == CKelIPConnection::eAlivePassive;
     }));
-    EXPECT_EQ(100u, server->GetAlivePeriod());
+    EXPECT_EQ(300u, server->GetAlivePeriod());
     EXPECT_EQ(eKelIPSuccess, client.DisconnectReq(kWaitMs));
     EXPECT_TRUE(server->WaitForConnectInd(false, 1));
 }
@@ -290,7 +299,7 @@ TEST(KelIPServerDerived, DestroyingTheContainerDisconnectsItsClients)
         ASSERT_EQ(eKelIPSuccess, Connect(client, container.GetPort()));
     }
     EXPECT_TRUE(client.WaitForConnectInd(false, 1));
-    EXPECT_EQ(CKelIPBase::eDisconnected, client.GetState());
+    EXPECT_TRUE(WaitUntil([&] { return client.GetState() == CKelIPBase::eDisconnected; }));
 }
 
 // ------------------------------------------------------------------ datagrams

@@ -143,8 +143,14 @@ private:
         return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
     }
 
-    // Waits for the connected socket to become readable; false when the
-    // thread should leave (not connected any more).
+    // Waits for the connected socket to become readable; eLeave when the
+    // thread should end: not connected any more, or termination requested.
+    //
+    // The termination request is tested when a wait comes back empty, not on
+    // every pass: the zero-length event wait behind it sleeps up to the
+    // kernel's timer slack (about 50 us), which would dominate a round trip.
+    // The connection requests termination only after the state has left 3,
+    // which ends the loop at once, so a request is never missed.
     enum EWaitResult { eLeave, eAgain, eReadable };
     EWaitResult WaitConnected(int& socket)
     {
@@ -153,7 +159,7 @@ private:
         socket = m_poOwner->GetSocket();
         const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
         if (ready == 0)
-            return eAgain;
+            return IsTerminationRequested() ? eLeave : eAgain;
         if (ready < 0)
         {
             m_poOwner->EndConnection();
@@ -167,7 +173,7 @@ private:
         char* const buffer = m_oBuffer.get();
         size_t fill = 0;
         size_t consumed = 0;
-        while (!IsTerminationRequested())
+        for (;;)
         {
             int socket = -1;
             const EWaitResult wait = WaitConnected(socket);
@@ -237,7 +243,7 @@ private:
 
     void RunDatagramClient()
     {
-        while (!IsTerminationRequested())
+        for (;;)
         {
             int socket = -1;
             const EWaitResult wait = WaitConnected(socket);
@@ -259,14 +265,18 @@ private:
 
     void RunDatagramServer()
     {
-        while (!IsTerminationRequested())
+        for (;;)
         {
             const int socket = m_poOwner->GetSocket();
             if (socket < 0)
                 return;
             const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
             if (ready <= 0)
+            {
+                if (IsTerminationRequested())
+                    return;
                 continue;
+            }
             sockaddr_storage from;
             socklen_t fromLength = sizeof(from);
             const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, &from, &fromLength);

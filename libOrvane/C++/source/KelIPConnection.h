@@ -28,9 +28,9 @@
 // connection must be serialised by the caller (the alive thread's requests and
 // the read thread's automatic confirmations are small whole messages).
 //
-// Lifetime: a derived class whose hooks use its own members must call
-// Shutdown() first thing in its own destructor; after it no thread enters
-// the hooks any more.
+// Lifetime: the threads call the virtual hooks, so every derived class calls
+// Shutdown() first thing in its own destructor (the most-derived one at
+// least); after it no thread enters the hooks any more.
 //
 // Return codes: EKelIPResult (KelIPBase.h).
 #ifndef KEL_IP_CONNECTION_H
