@@ -1,6 +1,5 @@
 #include "CanPortModel.h"
 
-#include <cstring>
 
 namespace GatewaySim
 {
