@@ -1,0 +1,277 @@
+#include "KelIPConnectionThreads.h"
+
+#include "KelMsg.h"
+#include "KelSocketWait.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+namespace
+{
+// Stream framing: a read never fills past this offset unless it completes a
+// message that started before it; the buffer holds the longest such message.
+const size_t kStreamFillLimit = 65537;
+const size_t kReceiveBufferSize = 131072;
+const size_t kDatagramBufferSize = 65527;
+const int kReadWaitMs = 1000;
+
+const unsigned int kMinTickMs = 10;
+// Silent ticks after which the alive thread ends the connection, and quiet
+// ticks after which it sends an alive request.
+const unsigned int kSilentTicks = 4;
+const unsigned int kQuietTicks = 2;
+const unsigned int kSilenceDisconnectTimeoutMs = 1000;
+
+bool IsRetry(ssize_t received)
+{
+    return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+}
+} // namespace
+
+// ------------------------------------------------------------ read thread
+
+CKelIPConnection::CReadThread::CReadThread(CKelIPConnection* owner)
+    : CKelThread(0), m_poOwner(owner), m_oBuffer(new char[kReceiveBufferSize])
+{
+}
+
+CKelIPConnection::CReadThread::~CReadThread()
+{
+    Terminate();
+}
+
+void CKelIPConnection::CReadThread::Run()
+{
+    if (m_poOwner->IsDatagramServer())
+        RunDatagramServer();
+    else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
+        RunDatagramClient();
+    else
+        RunStream();
+}
+
+// recv/recvfrom on `socket` while it is still the connection's socket.
+ssize_t CKelIPConnection::CReadThread::Receive(int socket, char* buffer, size_t size, sockaddr_storage* from,
+                                               socklen_t* fromLength)
+{
+    CKelLockGuard guard(m_poOwner->m_oSocketGuard);
+    if (m_poOwner->GetSocket() != socket)
+    {
+        errno = EBADF;
+        return -1;
+    }
+    if (from != nullptr)
+        return recvfrom(socket, buffer, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(from), fromLength);
+    return recv(socket, buffer, size, MSG_DONTWAIT);
+}
+
+// Waits for the connected socket to become readable; eLeave when the thread
+// should end: not connected any more, or termination requested.
+//
+// The termination request is tested when a wait comes back empty, not on
+// every pass: the zero-length event wait behind it sleeps up to the kernel's
+// timer slack (about 50 us), which would dominate a round trip. The
+// connection requests termination only after the state has left 3, which
+// ends the loop at once, so a request is never missed.
+CKelIPConnection::CReadThread::EWaitResult CKelIPConnection::CReadThread::WaitConnected(int& socket)
+{
+    if (m_poOwner->GetState() != CKelIPBase::eConnected)
+        return eLeave;
+    socket = m_poOwner->GetSocket();
+    const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+    if (ready == 0)
+        return IsTerminationRequested() ? eLeave : eAgain;
+    if (ready < 0)
+    {
+        m_poOwner->EndConnection();
+        return eAgain;
+    }
+    return eReadable;
+}
+
+void CKelIPConnection::CReadThread::RunStream()
+{
+    char* const buffer = m_oBuffer.get();
+    size_t fill = 0;
+    size_t consumed = 0;
+    for (;;)
+    {
+        int socket = -1;
+        const EWaitResult wait = WaitConnected(socket);
+        if (wait == eLeave)
+            return;
+        if (wait == eAgain)
+            continue;
+
+        // Read up to the fill limit, or exactly the rest of a message that
+        // started early enough but ends beyond it.
+        size_t request = kStreamFillLimit - fill;
+        if (fill - consumed >= 2)
+        {
+            const size_t end = consumed + CKelMsg::GetU16(buffer + consumed) + 2;
+            if (end > kStreamFillLimit)
+                request = end - fill;
+        }
+        const ssize_t received = Receive(socket, buffer + fill, request, nullptr, nullptr);
+        if (IsRetry(received))
+            continue;
+        if (received <= 0)
+        {
+            m_poOwner->EndConnection();  // peer closed or the socket failed
+            continue;
+        }
+        fill += static_cast<size_t>(received);
+
+        // Hand up every whole message, in place.
+        while (fill - consumed >= 2)
+        {
+            const size_t length = CKelMsg::GetU16(buffer + consumed) + 2u;
+            if (fill - consumed < length)
+                break;
+            m_poOwner->BaseDataInd(buffer + consumed, static_cast<unsigned short>(length), nullptr, 0);
+            consumed += length;
+        }
+        if (consumed == fill)
+        {
+            fill = 0;
+            consumed = 0;
+        }
+        else if (fill - consumed == 1)
+        {
+            buffer[0] = buffer[consumed];
+            fill = 1;
+            consumed = 0;
+        }
+    }
+}
+
+// Hands the messages of one datagram up; a message whose length word points
+// past the datagram's end is dropped with the rest.
+void CKelIPConnection::CReadThread::CutDatagram(size_t received, const sockaddr_storage* from,
+                                                unsigned int fromLength)
+{
+    if (received < 3)
+        return;
+    const char* const buffer = m_oBuffer.get();
+    size_t offset = 0;
+    while (received - offset >= 2)
+    {
+        const size_t length = CKelMsg::GetU16(buffer + offset) + 2u;
+        if (received - offset < length)
+            return;
+        m_poOwner->BaseDataInd(buffer + offset, static_cast<unsigned short>(length), from, fromLength);
+        offset += length;
+    }
+}
+
+void CKelIPConnection::CReadThread::RunDatagramClient()
+{
+    for (;;)
+    {
+        int socket = -1;
+        const EWaitResult wait = WaitConnected(socket);
+        if (wait == eLeave)
+            return;
+        if (wait == eAgain)
+            continue;
+        const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, nullptr, nullptr);
+        if (IsRetry(received))
+            continue;
+        if (received < 0)
+        {
+            m_poOwner->EndConnection();
+            continue;
+        }
+        CutDatagram(static_cast<size_t>(received), nullptr, 0);
+    }
+}
+
+void CKelIPConnection::CReadThread::RunDatagramServer()
+{
+    for (;;)
+    {
+        const int socket = m_poOwner->GetSocket();
+        if (socket < 0)
+            return;
+        const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+        if (ready <= 0)
+        {
+            if (IsTerminationRequested())
+                return;
+            continue;
+        }
+        sockaddr_storage from;
+        socklen_t fromLength = sizeof(from);
+        const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, &from, &fromLength);
+        if (IsRetry(received))
+            continue;
+        if (received < 0)
+            return;
+        CutDatagram(static_cast<size_t>(received), &from, fromLength);
+    }
+}
+
+// ------------------------------------------------------------ alive thread
+
+CKelIPConnection::CAliveThread::CAliveThread(CKelIPConnection* owner) : CKelThread(0), m_poOwner(owner) {}
+
+CKelIPConnection::CAliveThread::~CAliveThread()
+{
+    Terminate();
+}
+
+unsigned int CKelIPConnection::CAliveThread::TickMs(unsigned int periodMs)
+{
+    return std::max(kMinTickMs, periodMs / 4);
+}
+
+bool CKelIPConnection::CAliveThread::Pause(unsigned int ms)
+{
+    return m_oTerminationEvent.Wait(ms);
+}
+
+void CKelIPConnection::CAliveThread::Run()
+{
+    CKelIPConnection& owner = *m_poOwner;
+    while (!IsTerminationRequested())
+    {
+        const unsigned int mode = owner.m_nAliveMode.load(std::memory_order_relaxed);
+        const unsigned int period = owner.m_nAlivePeriod.load(std::memory_order_relaxed);
+        if (mode == eAliveOff)
+        {
+            if (Pause(TickMs(period)))
+                return;
+            continue;
+        }
+        if (owner.GetState() != CKelIPBase::eConnected)
+        {
+            // After a loss the protocol must be switched on again.
+            owner.m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
+            owner.m_nAlivePeriod.store(0, std::memory_order_relaxed);
+            owner.m_nAliveTick.store(0, std::memory_order_relaxed);
+            owner.m_nAliveLastSend.store(0, std::memory_order_relaxed);
+            owner.m_nAliveLastReceive.store(0, std::memory_order_relaxed);
+            if (Pause(kMinTickMs))
+                return;
+            continue;
+        }
+
+        // Nothing at all received for more than four ticks: the peer is gone.
+        const unsigned int tick = owner.m_nAliveTick.fetch_add(1, std::memory_order_relaxed) + 1;
+        if (tick > owner.m_nAliveLastReceive.load(std::memory_order_relaxed) + kSilentTicks)
+            owner.DisconnectReq(kSilenceDisconnectTimeoutMs);
+        // Requests flow only while the line is otherwise quiet.
+        if (mode == eAliveActive)
+        {
+            const unsigned int lastSend = owner.m_nAliveLastSend.load(std::memory_order_relaxed);
+            const unsigned int lastReceive = owner.m_nAliveLastReceive.load(std::memory_order_relaxed);
+            if (lastSend + kQuietTicks < tick || tick > lastReceive + kQuietTicks)
+                owner.AliveReq(period / 2);
+        }
+        if (Pause(TickMs(period)))
+            return;
+    }
+}
