@@ -69,21 +69,15 @@ ssize_t CKelIPConnection::CReadThread::Receive(int socket, char* buffer, size_t 
 }
 
 // Waits for the connected socket to become readable; eLeave when the thread
-// should end: not connected any more, or termination requested.
-//
-// The termination request is tested when a wait comes back empty, not on
-// every pass: the zero-length event wait behind it sleeps up to the kernel's
-// timer slack (about 50 us), which would dominate a round trip. The
-// connection requests termination only after the state has left 3, which
-// ends the loop at once, so a request is never missed.
+// should end: termination requested or not connected any more.
 CKelIPConnection::CReadThread::EWaitResult CKelIPConnection::CReadThread::WaitConnected(int& socket)
 {
-    if (m_poOwner->GetState() != CKelIPBase::eConnected)
+    if (IsTerminationRequested() || m_poOwner->GetState() != CKelIPBase::eConnected)
         return eLeave;
     socket = m_poOwner->GetSocket();
     const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
     if (ready == 0)
-        return IsTerminationRequested() ? eLeave : eAgain;
+        return eAgain;
     if (ready < 0)
     {
         m_poOwner->EndConnection();
