@@ -267,11 +267,15 @@ TEST_F(SimLoopbackTest, FrozenAfterNTelegramsKeepsTheConnectionOpen)
     ASSERT_TRUE(oFrozen.SendHex(GET_CONFIG_6));
     ASSERT_TRUE(oOther.SendHex(WRITE_123));
     EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 1u && Counters().nFramesIn.load() == 1u; }));
-    // ... while the TCP connection stays up: the transport still answers an
-    // alive request (period 0), and that is the next message.
-    ASSERT_TRUE(oFrozen.SendHex("09 00 0D 02 00 00 00 00 00 00 0F"));
-    EXPECT_EQ(oFrozen.ReceiveHex(), "06 00 0D 82 00 00 00 8F");
+    // ... and so do alive and disconnect requests, as with a hung gateway,
+    // while the TCP connection stays up.
+    ASSERT_TRUE(oFrozen.SendHex("09 00 0D 02 00 00 E8 03 00 00 E4"));
+    ASSERT_TRUE(oFrozen.SendHex("05 00 02 02 00 00 00"));
+    ASSERT_TRUE(oFrozen.SendHex(GET_CONFIG_6));
+    EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 2u; }));
     EXPECT_EQ(m_poSim->ConnectedClients(0), 2);
+    // Any reply would have been sent before the last request was read.
+    EXPECT_EQ(oFrozen.ReceiveHex(200), "");
     // Other connections are served as before.
     ASSERT_TRUE(oOther.SendHex(GET_CONFIG_6));
     EXPECT_EQ(oOther.ReceiveHex(), GET_CONFIG_6_CNF);

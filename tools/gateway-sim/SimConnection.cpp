@@ -71,6 +71,10 @@ bool CSimConnection::IsConnectMsgAccepted(const std::string&)
 void CSimConnection::DataInd(const char* pData, unsigned short nLength)
 {
     m_oSession.OnTelegram(pData, nLength);
+    // A frozen gateway answers nothing, alive and disconnect requests
+    // included, while its TCP connection stays open.
+    if (m_oSession.IsFrozen())
+        SetMuted(true);
 }
 
 bool CSimConnection::SendBytes(const std::string& sBytes)

@@ -680,6 +680,12 @@ void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
 
 // ------------------------------------------------------------ dispatching
 
+bool CKelIPConnection::IsConnectionCommand(unsigned short command) const
+{
+    return command == m_nAliveReqId || command == m_nAliveCnfId || command == m_nConnectReqId ||
+           command == m_nConnectCnfId || command == m_nDisconnectReqId || command == m_nDisconnectCnfId;
+}
+
 void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from,
                                    unsigned int fromLength)
 {
@@ -727,6 +733,8 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         DataInd(data, length);
         return;
     }
+    if (IsMuted() && IsConnectionCommand(command))
+        return;
 
     if (command == m_nAliveReqId)
     {

@@ -132,6 +132,13 @@ public:
     // Decides a peer's connect request (its connect data); default accepts.
     virtual bool IsConnectMsgAccepted(const std::string& connectData);
 
+    // A muted connection answers no connection message (connect, disconnect,
+    // alive) and ignores their confirmations, while it keeps reading and
+    // handing other messages up: it behaves like a peer whose software hangs
+    // while its TCP stack lives on. Used to simulate such a peer.
+    void SetMuted(bool muted) { m_bMuted.store(muted, std::memory_order_relaxed); }
+    bool IsMuted() const { return m_bMuted.load(std::memory_order_relaxed); }
+
     unsigned char GetId() const { return m_nId; }
     bool UsesConnectionMessages() const { return m_bUseConnectionMessages.load(std::memory_order_relaxed); }
     bool IsDatagramServer() const { return m_bDatagramServer; }
@@ -161,6 +168,8 @@ private:
     friend class CAliveThread;
 
     void SetIdentifiers(unsigned char id);
+    // True for the six connect, disconnect and alive commands of this id.
+    bool IsConnectionCommand(unsigned short command) const;
     // Ends a connected connection: state 4, ConnectInd(false), then peer
     // forgotten and state 5 (datagram server) or socket closed and state 1.
     // Only the thread that moves the state out of 3 does this; false for the
@@ -188,6 +197,7 @@ private:
     unsigned short m_nAliveCnfId;
     unsigned char m_nId;
     std::atomic<bool> m_bUseConnectionMessages;
+    std::atomic<bool> m_bMuted{false};
 
     // Guarded by m_oPeerGuard.
     std::string m_sPeerAddress;
