@@ -1,40 +1,11 @@
 #include "OrvaneMsg.h"
 
+#include "KelByteOrder.h"
+
 #include <cstring>
-#include <type_traits>
 
 namespace
 {
-
-template <typename T>
-void PutLE(char* pOut, T nValue)
-{
-    using U = std::make_unsigned_t<T>;
-    U nBits = static_cast<U>(nValue);
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-    {
-        pOut[i] = static_cast<char>(nBits & 0xFFu);
-        nBits = static_cast<U>(nBits >> 8);
-    }
-}
-
-template <typename T>
-std::string ToCharLE(T nValue)
-{
-    char acBytes[sizeof(T)];
-    PutLE(acBytes, nValue);
-    return std::string(acBytes, sizeof(T));
-}
-
-template <typename T>
-void FromCharLE(T& nValue, const unsigned char* p)
-{
-    using U = std::make_unsigned_t<T>;
-    U nBits = 0;
-    for (std::size_t i = sizeof(T); i-- > 0;)
-        nBits = static_cast<U>((nBits << 8) | p[i]);
-    nValue = static_cast<T>(nBits);
-}
 
 const unsigned char* AsBytes(const void* p)
 {
@@ -118,31 +89,31 @@ std::string COrvaneMsg::GetMessageData() const
 {
     std::string sWire(HEADER_SIZE + m_sData.size() + 1, '\0');
     char* p = &sWire[0];
-    PutLE(p, m_nLength);
-    PutLE(p + 2, m_nCmdCode);
-    PutLE(p + 4, m_nMsgID);
+    KelPutLE(p, m_nLength);
+    KelPutLE(p + 2, m_nCmdCode);
+    KelPutLE(p + 4, m_nMsgID);
     if (!m_sData.empty())
         std::memcpy(p + HEADER_SIZE, m_sData.data(), m_sData.size());
     p[HEADER_SIZE + m_sData.size()] = static_cast<char>(m_nCRC);
     return sWire;
 }
 
-std::string COrvaneMsg::ToChar(short nValue) { return ToCharLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned short nValue) { return ToCharLE(nValue); }
-std::string COrvaneMsg::ToChar(int nValue) { return ToCharLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned int nValue) { return ToCharLE(nValue); }
-std::string COrvaneMsg::ToChar(long long nValue) { return ToCharLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned long long nValue) { return ToCharLE(nValue); }
+std::string COrvaneMsg::ToChar(short nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(unsigned short nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(int nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(unsigned int nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(long long nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(unsigned long long nValue) { return KelToLE(nValue); }
 
-void COrvaneMsg::FromChar(short& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(unsigned short& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(int& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(unsigned int& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(long long& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(unsigned long long& nValue, const unsigned char* p) { FromCharLE(nValue, p); }
-void COrvaneMsg::FromChar(short& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
-void COrvaneMsg::FromChar(unsigned short& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
-void COrvaneMsg::FromChar(int& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
-void COrvaneMsg::FromChar(unsigned int& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
-void COrvaneMsg::FromChar(long long& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
-void COrvaneMsg::FromChar(unsigned long long& nValue, const char* p) { FromCharLE(nValue, AsBytes(p)); }
+void COrvaneMsg::FromChar(short& nValue, const unsigned char* p) { nValue = KelGetLE<short>(p); }
+void COrvaneMsg::FromChar(unsigned short& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned short>(p); }
+void COrvaneMsg::FromChar(int& nValue, const unsigned char* p) { nValue = KelGetLE<int>(p); }
+void COrvaneMsg::FromChar(unsigned int& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned int>(p); }
+void COrvaneMsg::FromChar(long long& nValue, const unsigned char* p) { nValue = KelGetLE<long long>(p); }
+void COrvaneMsg::FromChar(unsigned long long& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned long long>(p); }
+void COrvaneMsg::FromChar(short& nValue, const char* p) { nValue = KelGetLE<short>(p); }
+void COrvaneMsg::FromChar(unsigned short& nValue, const char* p) { nValue = KelGetLE<unsigned short>(p); }
+void COrvaneMsg::FromChar(int& nValue, const char* p) { nValue = KelGetLE<int>(p); }
+void COrvaneMsg::FromChar(unsigned int& nValue, const char* p) { nValue = KelGetLE<unsigned int>(p); }
+void COrvaneMsg::FromChar(long long& nValue, const char* p) { nValue = KelGetLE<long long>(p); }
+void COrvaneMsg::FromChar(unsigned long long& nValue, const char* p) { nValue = KelGetLE<unsigned long long>(p); }

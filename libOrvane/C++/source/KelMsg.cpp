@@ -1,5 +1,7 @@
 #include "KelMsg.h"
 
+#include "KelByteOrder.h"
+
 #include <cstring>
 
 CKelMsg::CKelMsg() : m_nLength(0), m_nCommand(0), m_nNumber(0), m_nCRC(0) {}
@@ -108,68 +110,15 @@ unsigned int CKelMsg::Build(char* buffer, unsigned int size, unsigned short comm
     return total;
 }
 
-void CKelMsg::PutU16(char* out, unsigned short value)
-{
-    out[0] = static_cast<char>(value & 0xFF);
-    out[1] = static_cast<char>(value >> 8);
-}
+void CKelMsg::PutU16(char* out, unsigned short value) { KelPutLE(out, value); }
+void CKelMsg::PutU32(char* out, unsigned int value) { KelPutLE(out, value); }
+unsigned short CKelMsg::GetU16(const char* bytes) { return KelGetLE<unsigned short>(bytes); }
+unsigned int CKelMsg::GetU32(const char* bytes) { return KelGetLE<unsigned int>(bytes); }
 
-void CKelMsg::PutU32(char* out, unsigned int value)
-{
-    for (int i = 0; i < 4; ++i)
-        out[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-}
+std::string CKelMsg::ToChar(short value) { return KelToLE(value); }
+std::string CKelMsg::ToChar(int value) { return KelToLE(value); }
+std::string CKelMsg::ToChar(long long value) { return KelToLE(value); }
 
-unsigned short CKelMsg::GetU16(const char* bytes)
-{
-    return static_cast<unsigned short>(static_cast<unsigned char>(bytes[0]) |
-                                       (static_cast<unsigned char>(bytes[1]) << 8));
-}
-
-unsigned int CKelMsg::GetU32(const char* bytes)
-{
-    unsigned int value = 0;
-    for (int i = 3; i >= 0; --i)
-        value = (value << 8) | static_cast<unsigned char>(bytes[i]);
-    return value;
-}
-
-std::string CKelMsg::ToChar(short value)
-{
-    char bytes[2];
-    PutU16(bytes, static_cast<unsigned short>(value));
-    return std::string(bytes, sizeof(bytes));
-}
-
-std::string CKelMsg::ToChar(int value)
-{
-    char bytes[4];
-    PutU32(bytes, static_cast<unsigned int>(value));
-    return std::string(bytes, sizeof(bytes));
-}
-
-std::string CKelMsg::ToChar(long long value)
-{
-    char bytes[8];
-    const unsigned long long bits = static_cast<unsigned long long>(value);
-    PutU32(bytes, static_cast<unsigned int>(bits & 0xFFFFFFFFu));
-    PutU32(bytes + 4, static_cast<unsigned int>(bits >> 32));
-    return std::string(bytes, sizeof(bytes));
-}
-
-void CKelMsg::FromChar(short& value, const char* bytes)
-{
-    value = static_cast<short>(GetU16(bytes));
-}
-
-void CKelMsg::FromChar(int& value, const char* bytes)
-{
-    value = static_cast<int>(GetU32(bytes));
-}
-
-void CKelMsg::FromChar(long long& value, const char* bytes)
-{
-    const unsigned long long low = GetU32(bytes);
-    const unsigned long long high = GetU32(bytes + 4);
-    value = static_cast<long long>(low | (high << 32));
-}
+void CKelMsg::FromChar(short& value, const char* bytes) { value = KelGetLE<short>(bytes); }
+void CKelMsg::FromChar(int& value, const char* bytes) { value = KelGetLE<int>(bytes); }
+void CKelMsg::FromChar(long long& value, const char* bytes) { value = KelGetLE<long long>(bytes); }

@@ -1,39 +1,17 @@
 #include "TraceTelegram.h"
 
+#include "KelByteOrder.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
 namespace
 {
-// Little-endian wire helpers shared by every trace telegram.
-void PutU16(std::vector<char>& out, unsigned short value)
-{
-    out.push_back(static_cast<char>(value & 0xFF));
-    out.push_back(static_cast<char>(value >> 8));
-}
-
-void PutU32(std::vector<char>& out, unsigned int value)
-{
-    for (int shift = 0; shift < 32; shift += 8)
-    {
-        out.push_back(static_cast<char>((value >> shift) & 0xFF));
-    }
-}
-
-unsigned short GetU16(const char* bytes)
-{
-    return static_cast<unsigned short>(static_cast<unsigned char>(bytes[0]) |
-                                       (static_cast<unsigned char>(bytes[1]) << 8));
-}
-
-unsigned int GetU32(const char* bytes)
-{
-    return static_cast<unsigned int>(static_cast<unsigned char>(bytes[0])) |
-           (static_cast<unsigned int>(static_cast<unsigned char>(bytes[1])) << 8) |
-           (static_cast<unsigned int>(static_cast<unsigned char>(bytes[2])) << 16) |
-           (static_cast<unsigned int>(static_cast<unsigned char>(bytes[3])) << 24);
-}
+void PutU16(std::vector<char>& out, unsigned short value) { KelAppendLE(out, value); }
+void PutU32(std::vector<char>& out, unsigned int value) { KelAppendLE(out, value); }
+unsigned short GetU16(const char* bytes) { return KelGetLE<unsigned short>(bytes); }
+unsigned int GetU32(const char* bytes) { return KelGetLE<unsigned int>(bytes); }
 
 // Reads fields front to back from possibly short data: a field that the data
 // does not reach reads as 0, a string running past the end is cut.
