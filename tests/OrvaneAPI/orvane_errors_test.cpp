@@ -73,23 +73,20 @@ TEST(OrvaneErrorMsg, EveryTableRowGivesItsExactText)
         EXPECT_EQ(OrvaneErrorMsg(oRow.first), oRow.second) << "code 0x" << std::hex << oRow.first;
 }
 
-TEST(OrvaneErrorMsg, ConstantsMatchTheirTexts)
+TEST(OrvaneErrorMsg, NamedCodesHaveTheirTableValues)
 {
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_OK), "no error");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_SOCKET), "TCP/IP socket error");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_NOT_CONNECTED), "Not connected to TCP/IP partner");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_TIMEOUT), "TCP/IP timeout occured");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_INITIALIZING), "TCP/IP request not allowed now, stack is intializing");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TCP_NOT_INITIALIZED), "TCP/IP stack is not initialized");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_CRC), "Orvane TCP/IP telegram has invalid CRC");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_NOT_CONFIRMED), "Orvane TCP/IP telegram is not confirmed by partner");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_TELEGRAM_CNF_INVALID), "Orvane TCP/IP telegram confirmation is invalid");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_INVALID_HANDLE), "Device handle is invalid");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_INVALID_PARAMETER), "Invalid function parameter");
-    EXPECT_EQ(ORVANE_ERR_INVALID_DEVICE_TYPE, 0x910000);
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_MAX_CONNECTIONS), "Open failed, maximum number of connections reached");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_EEPROM), "Read/write request to internal eeprom failed");
-    EXPECT_EQ(OrvaneErrorMsg(ORVANE_ERR_COMMAND_FAILED), "Orvane command failed");
+    const std::vector<std::pair<int, int>> aoNamed{
+        {ORVANE_OK, 0}, {ORVANE_ERR_TCP_SOCKET, 0x20000}, {ORVANE_ERR_TCP_NOT_CONNECTED, 0x30000},
+        {ORVANE_ERR_TCP_TIMEOUT, 0x40000}, {ORVANE_ERR_TCP_INITIALIZING, 0x50000},
+        {ORVANE_ERR_TCP_NOT_INITIALIZED, 0x60000}, {ORVANE_ERR_TELEGRAM_CRC, 0xA0000},
+        {ORVANE_ERR_TELEGRAM_NOT_CONFIRMED, 0xB0000}, {ORVANE_ERR_TELEGRAM_CNF_INVALID, 0xC0000},
+        {ORVANE_ERR_INVALID_HANDLE, 0x900000}, {ORVANE_ERR_INVALID_DEVICE_TYPE, 0x910000},
+        {ORVANE_ERR_INVALID_PARAMETER, 0x920000}, {ORVANE_ERR_MAX_CONNECTIONS, 1}, {ORVANE_ERR_EEPROM, 2},
+        {ORVANE_ERR_COMMAND_FAILED, 0xFF}, {eOrvaneI2C, 1}, {eOrvaneCAN, 2}, {eOrvaneSPI, 3},
+        {eOrvaneUniversalProgrammer, 8}, {eOrvaneRenesas, 9}, {eOrvaneTestSystemIO, 11},
+        {eOrvaneTestSystemPWR, 12}, {eOrvaneTestSystemCOM, 13}, {eOrvaneAWire, 14}};
+    for (size_t i = 0; i < aoNamed.size(); ++i)
+        EXPECT_EQ(aoNamed[i].first, aoNamed[i].second) << "row " << i;
 }
 
 TEST(OrvaneErrorMsg, UnknownCodeRetriesWithDeviceTypeBitsCleared)
@@ -113,28 +110,11 @@ TEST(OrvaneErrorMsg, UnknownCodeRetriesWithDeviceTypeBitsCleared)
 
 TEST(OrvaneDeviceName, NamesOneToNineAndUnknownOtherwise)
 {
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneI2C), "Orvane I2C");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneCAN), "Orvane CAN");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneSPI), "Orvane SPI");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneRS232), "Orvane RS232");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneDIO), "Orvane DIO");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneAudio), "Orvane Audio");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneAD), "Orvane AD");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneUniversalProgrammer), "Orvane Universal Programmer");
-    EXPECT_EQ(OrvaneDeviceName(eOrvaneRenesas), "Orvane Renesas");
+    const char* const apNames[] = {"Orvane I2C", "Orvane CAN", "Orvane SPI",
+                                   "Orvane RS232", "Orvane DIO", "Orvane Audio",
+                                   "Orvane AD", "Orvane Universal Programmer", "Orvane Renesas"};
+    for (int nType = 1; nType <= 9; ++nType)
+        EXPECT_EQ(OrvaneDeviceName(nType), apNames[nType - 1]) << nType;
     for (int nType : {0, 10, 11, 14, -1, 0x102})
         EXPECT_EQ(OrvaneDeviceName(nType), "Orvane ???") << nType;
-}
-
-TEST(OrvaneDeviceName, DeviceTypeValues)
-{
-    EXPECT_EQ(eOrvaneI2C, 1);
-    EXPECT_EQ(eOrvaneCAN, 2);
-    EXPECT_EQ(eOrvaneSPI, 3);
-    EXPECT_EQ(eOrvaneUniversalProgrammer, 8);
-    EXPECT_EQ(eOrvaneRenesas, 9);
-    EXPECT_EQ(eOrvaneTestSystemIO, 11);
-    EXPECT_EQ(eOrvaneTestSystemPWR, 12);
-    EXPECT_EQ(eOrvaneTestSystemCOM, 13);
-    EXPECT_EQ(eOrvaneAWire, 14);
 }

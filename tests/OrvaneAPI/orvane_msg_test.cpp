@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <type_traits>
 #include <vector>
 
 namespace
@@ -41,25 +40,18 @@ TEST(OrvaneMsgBuild, SerialisesCanWriteTelegramByteForByte)
     EXPECT_EQ(ToBytes(oMsg.GetMessageData()), kCanWriteWire);
 }
 
-TEST(OrvaneMsgBuild, EmptyRequestIsSevenBytesStartingWithLengthFive)
+TEST(OrvaneMsgBuild, TelegramWithoutDataIsSevenBytesStartingWithLengthFive)
 {
-    COrvaneMsg oMsg(0x0209, 0x1234, nullptr, 0);
     const Bytes oExpected = {0x05, 0x00, 0x09, 0x02, 0x34, 0x12, 0x09 ^ 0x02 ^ 0x34 ^ 0x12};
-    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), oExpected);
-    EXPECT_TRUE(oMsg.GetData().empty());
-}
-
-TEST(OrvaneMsgBuild, NullPointerOrZeroSizeGivesEmptyData)
-{
     const unsigned char acData[] = {1, 2, 3};
-    COrvaneMsg oZeroSize(0x0101, 1, acData, 0);
-    COrvaneMsg oNullData(0x0101, 1, nullptr, 3);
-    for (const COrvaneMsg* pMsg : {&oZeroSize, &oNullData})
+    // No data, a null pointer with a size, and data with size 0 are all empty.
+    for (const COrvaneMsg& oMsg : {COrvaneMsg(0x0209, 0x1234, nullptr, 0), COrvaneMsg(0x0209, 0x1234, nullptr, 3),
+                                   COrvaneMsg(0x0209, 0x1234, acData, 0)})
     {
-        EXPECT_TRUE(pMsg->GetData().empty());
-        EXPECT_EQ(pMsg->GetLength(), 5);
-        EXPECT_EQ(pMsg->GetMessageData().size(), 7u);
+        EXPECT_EQ(ToBytes(oMsg.GetMessageData()), oExpected);
+        EXPECT_TRUE(oMsg.IsValid());
     }
+    EXPECT_EQ(ToBytes(COrvaneMsg().GetMessageData()), (Bytes{5, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST(OrvaneMsgBuild, SetMessageReturnsCrcAndReplacesEverything)
@@ -74,17 +66,6 @@ TEST(OrvaneMsgBuild, SetMessageReturnsCrcAndReplacesEverything)
     EXPECT_EQ(oMsg.GetData(), std::string("\xF0\x0F", 2));
     EXPECT_EQ(oMsg.GetLength(), 7);
     EXPECT_EQ(oMsg.GetCRC(), nExpected);
-}
-
-TEST(OrvaneMsgBuild, DefaultIsEmptyAndValid)
-{
-    COrvaneMsg oMsg;
-    EXPECT_EQ(oMsg.GetCmdCode(), 0);
-    EXPECT_EQ(oMsg.GetMsgID(), 0);
-    EXPECT_EQ(oMsg.GetLength(), 5);
-    EXPECT_EQ(oMsg.GetCRC(), 0);
-    EXPECT_TRUE(oMsg.IsValid());
-    EXPECT_EQ(ToBytes(oMsg.GetMessageData()), (Bytes{5, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST(OrvaneMsgParse, RoundTripRestoresEveryField)
@@ -181,29 +162,6 @@ TEST(OrvaneMsgKind, ConfirmationBitAndCommandCodes)
     EXPECT_EQ(COrvaneMsg::MakeCmdCode(0x82, 0x0C), 0x020C); // type masked to 7 bits
 }
 
-TEST(OrvaneMsgKind, CopiesByValueAndOverridesThroughBase)
-{
-    struct CFixedCrcMsg : COrvaneMsg
-    {
-        using COrvaneMsg::COrvaneMsg;
-        unsigned char ComputeCRC() const override { return 0x99; }
-    };
-    static_assert(std::has_virtual_destructor<COrvaneMsg>::value, "polymorphic telegram");
-
-    COrvaneMsg oOriginal(0x0203, 3, kCanWritePayload, sizeof(kCanWritePayload));
-    COrvaneMsg oCopy;
-    oCopy = oOriginal;
-    oOriginal.SetMessage(0x0101, 4, nullptr, 0);
-    EXPECT_EQ(ToBytes(oCopy.GetMessageData()), (Bytes{0x0B, 0x00, 0x03, 0x02, 0x03, 0x00, 0x78, 0x56,
-                                                       0x34, 0x12, 0x01, 0xAB, 0xA0}));
-
-    CFixedCrcMsg oDerived;
-    oDerived.SetMessage(0x0203, 3, kCanWritePayload, sizeof(kCanWritePayload));
-    const COrvaneMsg& oBase = oDerived;
-    EXPECT_EQ(oBase.GetCRC(), 0x99);
-    EXPECT_TRUE(oBase.IsCRCValid());
-}
-
 TEST(OrvaneMsgByteOrder, ToCharWritesLittleEndianOfEachWidth)
 {
     EXPECT_EQ(COrvaneMsg::ToChar(static_cast<short>(-2)), std::string("\xFE\xFF", 2));
@@ -229,20 +187,11 @@ TEST(OrvaneMsgByteOrder, FromCharReadsBackEveryWidthAndSign)
     COrvaneMsg::FromChar(nInt, acBytes);
     COrvaneMsg::FromChar(nUInt, acBytes + 1);
     COrvaneMsg::FromChar(nLong, acBytes);
-    COrvaneMsg::FromChar(nULong, acBytes + 1);
+    COrvaneMsg::FromChar(nULong, reinterpret_cast<const char*>(acBytes + 1));
     EXPECT_EQ(nShort, -2);
     EXPECT_EQ(nUShort, 0xFFFE);
     EXPECT_EQ(nInt, -2);
     EXPECT_EQ(nUInt, 0xFFFFFFFFu);
     EXPECT_EQ(nLong, static_cast<long long>(0x80FFFFFFFFFFFFFEULL));
     EXPECT_EQ(nULong, 0x5580FFFFFFFFFFFFULL);
-
-    // Through a char string as a payload is usually held.
-    const std::string sPayload = COrvaneMsg::ToChar(0x7654321) + COrvaneMsg::ToChar(-12345678901LL);
-    int nBack = 0;
-    long long nLongBack = 0;
-    COrvaneMsg::FromChar(nBack, sPayload.data());
-    COrvaneMsg::FromChar(nLongBack, sPayload.data() + 4);
-    EXPECT_EQ(nBack, 0x7654321);
-    EXPECT_EQ(nLongBack, -12345678901LL);
 }
