@@ -40,11 +40,11 @@ public:
         m_bHeld = false;
         m_oChanged.notify_all();
     }
-    // Waits (at most 5 s) until the predicate holds under the lock.
+    // Waits (at most 5 s) until fCondition holds under the lock.
     template <class F> bool WaitUntil(F fCondition)
     {
         std::unique_lock<std::mutex> oLock(m_oMutex);
-        return m_oChanged.wait_for(oLock, std::chrono::seconds(5), [&] { return fCondition(); });
+        return m_oChanged.wait_for(oLock, std::chrono::seconds(5), fCondition);
     }
 
     std::mutex m_oMutex;

@@ -1,14 +1,16 @@
 #include "RawClient.h"
 
-#include "TelegramBytes.h"
-
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
 
 namespace SimTest
 {
@@ -19,14 +21,6 @@ const char* const CONNECT_LIMIT_REACHED = "06 00 01 82 01 00 01 83";
 
 namespace
 {
-
-long long NowMs()
-{
-    timespec oNow{};
-    clock_gettime(CLOCK_MONOTONIC, &oNow);
-    return static_cast<long long>(oNow.tv_sec) * 1000 + oNow.tv_nsec / 1000000;
-}
-
 sockaddr_in Loopback(unsigned short nPort)
 {
     sockaddr_in oAddress{};
@@ -35,35 +29,64 @@ sockaddr_in Loopback(unsigned short nPort)
     oAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return oAddress;
 }
-
 } // namespace
 
-CRawClient::~CRawClient()
+std::string FromHex(const std::string& sHex)
 {
-    Close();
+    std::string sBytes;
+    for (std::size_t i = sHex.find_first_not_of(' '); i < sHex.size(); i = sHex.find_first_not_of(' ', i + 2))
+        sBytes.push_back(static_cast<char>(std::strtoul(sHex.substr(i, 2).c_str(), nullptr, 16)));
+    return sBytes;
+}
+
+std::string ToHex(const std::string& sBytes)
+{
+    std::string sHex;
+    char acByte[4];
+    for (unsigned char c : sBytes)
+    {
+        std::snprintf(acByte, sizeof(acByte), sHex.empty() ? "%02X" : " %02X", c);
+        sHex += acByte;
+    }
+    return sHex;
+}
+
+bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs)
+{
+    const auto oEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
+    while (!fCondition())
+    {
+        if (std::chrono::steady_clock::now() >= oEnd)
+            return fCondition();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+unsigned short FreeTcpPort()
+{
+    const int nSocket = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in oAddress = Loopback(0);
+    socklen_t nLength = sizeof(oAddress);
+    bind(nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress));
+    getsockname(nSocket, reinterpret_cast<sockaddr*>(&oAddress), &nLength);
+    close(nSocket);
+    return ntohs(oAddress.sin_port);
 }
 
 bool CRawClient::Connect(unsigned short nPort)
 {
     Close();
     m_nSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_nSocket < 0)
-        return false;
     const int nOne = 1;
     setsockopt(m_nSocket, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
     sockaddr_in oAddress = Loopback(nPort);
     return connect(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress)) == 0;
 }
 
-bool CRawClient::Open(unsigned short nPort)
-{
-    return Connect(nPort) && SendHex(CONNECT_REQUEST) && ReceiveHex() == CONNECT_ACCEPTED;
-}
-
 bool CRawClient::Send(const std::string& sBytes)
 {
-    std::size_t nDone = 0;
-    while (nDone < sBytes.size())
+    for (std::size_t nDone = 0; nDone < sBytes.size();)
     {
         const ssize_t nSent = send(m_nSocket, sBytes.data() + nDone, sBytes.size() - nDone, MSG_NOSIGNAL);
         if (nSent <= 0)
@@ -73,38 +96,32 @@ bool CRawClient::Send(const std::string& sBytes)
     return true;
 }
 
-bool CRawClient::SendHex(const std::string& sHex)
+bool CRawClient::Fill(int nTimeoutMs)
 {
-    return Send(FromHex(sHex));
+    pollfd oPoll{m_nSocket, POLLIN, 0};
+    char acChunk[4096];
+    const ssize_t nRead = poll(&oPoll, 1, nTimeoutMs) > 0 ? recv(m_nSocket, acChunk, sizeof(acChunk), 0) : -1;
+    if (nRead > 0)
+        m_sBuffer.append(acChunk, static_cast<std::size_t>(nRead));
+    return nRead > 0;
 }
 
 bool CRawClient::Receive(std::string& sMessage, int nTimeoutMs)
 {
-    const long long nDeadline = NowMs() + nTimeoutMs;
+    const auto oEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
     for (;;)
     {
-        if (m_sBuffer.size() >= 2)
+        const std::size_t nTotal =
+            m_sBuffer.size() < 2 ? 0 : (static_cast<unsigned char>(m_sBuffer[0]) | (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
+        if (nTotal > 0 && m_sBuffer.size() >= nTotal)
         {
-            const std::size_t nTotal = (static_cast<unsigned char>(m_sBuffer[0]) |
-                                        (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
-            if (m_sBuffer.size() >= nTotal)
-            {
-                sMessage = m_sBuffer.substr(0, nTotal);
-                m_sBuffer.erase(0, nTotal);
-                return true;
-            }
+            sMessage = m_sBuffer.substr(0, nTotal);
+            m_sBuffer.erase(0, nTotal);
+            return true;
         }
-        const long long nLeft = nDeadline - NowMs();
-        if (nLeft <= 0 || m_nSocket < 0)
+        const auto nLeft = std::chrono::duration_cast<std::chrono::milliseconds>(oEnd - std::chrono::steady_clock::now());
+        if (nLeft.count() <= 0 || !Fill(static_cast<int>(nLeft.count())))
             return false;
-        pollfd oPoll{m_nSocket, POLLIN, 0};
-        if (poll(&oPoll, 1, static_cast<int>(nLeft)) <= 0)
-            continue;
-        char acChunk[4096];
-        const ssize_t nRead = recv(m_nSocket, acChunk, sizeof(acChunk), 0);
-        if (nRead <= 0)
-            return false;
-        m_sBuffer.append(acChunk, static_cast<std::size_t>(nRead));
     }
 }
 
@@ -116,40 +133,20 @@ std::string CRawClient::ReceiveHex(int nTimeoutMs)
 
 bool CRawClient::WaitClosed(int nTimeoutMs)
 {
-    const long long nDeadline = NowMs() + nTimeoutMs;
-    for (;;)
-    {
-        const long long nLeft = nDeadline - NowMs();
-        if (nLeft <= 0 || m_nSocket < 0)
-            return false;
-        pollfd oPoll{m_nSocket, POLLIN, 0};
-        if (poll(&oPoll, 1, static_cast<int>(nLeft)) <= 0)
-            continue;
-        char acChunk[4096];
+    pollfd oPoll{m_nSocket, POLLIN, 0};
+    char acChunk[4096];
+    while (poll(&oPoll, 1, nTimeoutMs) > 0)
         if (recv(m_nSocket, acChunk, sizeof(acChunk), 0) <= 0)
             return true;
-    }
+    return false;
 }
 
 void CRawClient::Close()
 {
     if (m_nSocket >= 0)
-    {
         close(m_nSocket);
-        m_nSocket = -1;
-    }
+    m_nSocket = -1;
     m_sBuffer.clear();
-}
-
-unsigned short FreeTcpPort()
-{
-    const int nSocket = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in oAddress = Loopback(0);
-    bind(nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress));
-    socklen_t nLength = sizeof(oAddress);
-    getsockname(nSocket, reinterpret_cast<sockaddr*>(&oAddress), &nLength);
-    close(nSocket);
-    return ntohs(oAddress.sin_port);
 }
 
 } // namespace SimTest

@@ -1,0 +1,38 @@
+// A program run by a simulator test, with its standard output and error in a
+// file of its own; killed at the end if it still runs.
+#ifndef GATEWAY_SIM_TEST_CHILD_PROCESS_H
+#define GATEWAY_SIM_TEST_CHILD_PROCESS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace SimTest
+{
+
+class CChildProcess
+{
+public:
+    // Runs sProgram (default asArgs[0]): a path, or a name found on PATH.
+    explicit CChildProcess(const std::vector<std::string>& asArgs, const std::string& sProgram = "");
+    ~CChildProcess();
+    CChildProcess(const CChildProcess&) = delete;
+    CChildProcess& operator=(const CChildProcess&) = delete;
+
+    // True once sText has appeared in the output within nTimeoutMs.
+    bool WaitForOutput(const std::string& sText, int nTimeoutMs = 10000) const;
+    // The exit status once the program has ended within nTimeoutMs, else -1.
+    int WaitExit(int nTimeoutMs = 10000);
+    int Stop(int nSignal);  // sends the signal, then WaitExit
+    std::string Output() const;
+
+private:
+    pid_t m_nPid = -1;
+    int m_nStatus = -1;
+    std::string m_sOutputPath;
+};
+
+} // namespace SimTest
+
+#endif
