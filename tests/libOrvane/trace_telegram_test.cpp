@@ -28,23 +28,18 @@ template <typename T> T Parse(const Bytes& bytes)
     return T(static_cast<unsigned short>(bytes.size()), reinterpret_cast<const char*>(bytes.data()));
 }
 
-// Activate request data: level, mask count, masks, then `tail` bytes.
-Bytes ActivateData(unsigned char level, unsigned char count, const std::vector<unsigned int>& masks, Bytes tail)
+// A parsed activate request: level, mask count, masks, then `tail` bytes.
+CTraceActivateReqTelegram ActivateRequest(unsigned char level, unsigned char count,
+                                          const std::vector<unsigned int>& masks, const Bytes& tail,
+                                          unsigned short counter = 0)
 {
-    Bytes data = {level, count};
+    const size_t length = 4 + 2 + 4 * masks.size() + tail.size();
+    Bytes frame = {static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8), 0x01, 0x00,
+                   static_cast<unsigned char>(counter), static_cast<unsigned char>(counter >> 8), level, count};
     for (unsigned int mask : masks)
         for (int shift = 0; shift < 32; shift += 8)
-            data.push_back(static_cast<unsigned char>(mask >> shift));
-    data.insert(data.end(), tail.begin(), tail.end());
-    return data;
-}
-
-CTraceActivateReqTelegram ActivateRequest(const Bytes& data, unsigned short counter = 0)
-{
-    const size_t length = data.size() + 4;
-    Bytes frame = {static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8), 0x01, 0x00,
-                   static_cast<unsigned char>(counter), static_cast<unsigned char>(counter >> 8)};
-    frame.insert(frame.end(), data.begin(), data.end());
+            frame.push_back(static_cast<unsigned char>(mask >> shift));
+    frame.insert(frame.end(), tail.begin(), tail.end());
     return Parse<CTraceActivateReqTelegram>(frame);
 }
 } // namespace
@@ -77,26 +72,21 @@ TEST(TraceFrame, DataIsBoundedByTheLengthFieldAndTheReceivedBytes)
 TEST(TraceActivateRequest, CrcCoversHeaderAndEveryDataByteButTheLast)
 {
     // 0x0F ^ 0x01 (length, type) ^ 0x14 ^ 0x02 (level, count) ^ 0x02 ^ 0xFF x4 (masks) = 0x1A
-    const Bytes data = ActivateData(0x14, 2, {0x00000002, 0xFFFFFFFF}, {0x1A});
-    const CTraceActivateReqTelegram request = ActivateRequest(data);
+    const CTraceActivateReqTelegram request = ActivateRequest(0x14, 2, {0x00000002, 0xFFFFFFFF}, {0x1A});
     EXPECT_EQ(0x14, request.GetTraceLevel());
     EXPECT_EQ(2, request.GetBitmaskCount());
     EXPECT_EQ(0xFFFFFFFFu, request.GetFilterBitmask(1));
     EXPECT_EQ(0x1A, request.GetCrc());
     EXPECT_EQ(0x1A, request.CalcCrc());
-
-    Bytes changed = data;
-    changed[10] = 0x00; // the CRC byte itself is not covered, the counter is
-    EXPECT_EQ(0x1A ^ 0x12 ^ 0x34, ActivateRequest(changed, 0x1234).CalcCrc());
-    changed[5] = 0x80; // high byte of the first mask
-    EXPECT_EQ(0x9A, ActivateRequest(changed).CalcCrc());
+    // The counter counts (0x12 ^ 0x34), the CRC byte itself does not.
+    EXPECT_EQ(0x1A ^ 0x26, ActivateRequest(0x14, 2, {0x00000002, 0xFFFFFFFF}, {0x00}, 0x1234).CalcCrc());
+    EXPECT_EQ(0x1A ^ 0x80, ActivateRequest(0x14, 2, {0x80000002, 0xFFFFFFFF}, {0x00}).CalcCrc());
 }
 
 TEST(TraceActivateRequest, MaskCountIsLimitedByTheDataAndBy32)
 {
     // Count 5, but 3 masks and one byte: the CRC position (2 + 20) lies beyond the data.
-    const CTraceActivateReqTelegram three =
-        ActivateRequest(ActivateData(0x01, 5, {0x11111111, 0x22222222, 0x33333333}, {0x5A}));
+    const CTraceActivateReqTelegram three = ActivateRequest(0x01, 5, {0x11111111, 0x22222222, 0x33333333}, {0x5A});
     EXPECT_EQ(3, three.GetBitmaskCount());
     EXPECT_EQ(0x33333333u, three.GetFilterBitmask(2));
     EXPECT_EQ(0u, three.GetFilterBitmask(3));
@@ -106,15 +96,13 @@ TEST(TraceActivateRequest, MaskCountIsLimitedByTheDataAndBy32)
     std::vector<unsigned int> masks;
     for (unsigned int i = 0; i < 40; ++i)
         masks.push_back(0xA0000000u + i);
-    const CTraceActivateReqTelegram capped = ActivateRequest(ActivateData(0x02, 40, masks, {0x00}));
+    const CTraceActivateReqTelegram capped = ActivateRequest(0x02, 40, masks, {0x00});
     EXPECT_EQ(32, capped.GetBitmaskCount());
     EXPECT_EQ(0xA000001Fu, capped.GetFilterBitmask(31));
     EXPECT_EQ(0u, capped.GetFilterBitmask(32));
     EXPECT_EQ(0x20, capped.GetCrc()); // low byte of mask 32
 
-    const CTraceActivateReqTelegram tiny = ActivateRequest({0x1F, 0x01, 0x07}); // level needs 6 data bytes
-    EXPECT_EQ(0, tiny.GetTraceLevel());
-    EXPECT_EQ(0, tiny.GetBitmaskCount());
+    EXPECT_EQ(0, ActivateRequest(0x1F, 1, {}, {0x07}).GetTraceLevel()); // the level needs 6 data bytes
 }
 
 TEST(TraceConfirmations, ActivateAndGetCategoriesLayouts)
