@@ -327,9 +327,10 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
         std::vector<const char*> argv = {"program"};
         for (const std::string& arg : args)
             argv.push_back(arg.c_str());
+        argv.push_back(nullptr); // as in a real command line
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const int result = CTraceServer::Init(def, static_cast<int>(argv.size()), argv.data());
+        const int result = CTraceServer::Init(def, static_cast<int>(argv.size() - 1), argv.data());
         const std::string label = testing::PrintToString(args);
         EXPECT_EQ(out, testing::internal::GetCapturedStdout()) << label;
         EXPECT_EQ(err, testing::internal::GetCapturedStderr()) << label;
@@ -360,7 +361,7 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
     close(holder);
 
     // 0x1F90 is 8080, which something else on this machine may hold.
-    const char* const hex[] = {"program", "-traceport", "0x1F90"};
+    const char* const hex[] = {"program", "-traceport", "0x1F90", nullptr};
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     const int result = CTraceServer::Init(1234, 3, hex);
