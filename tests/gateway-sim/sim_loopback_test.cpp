@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
 
 using namespace GatewaySim;
 using namespace SimTest;
@@ -24,8 +25,8 @@ std::string Hex(unsigned short nCode, short nID, const std::string& sPayloadHex 
 const char* const SET_GLOBALS = "0D 00 07 02 03 00 00 48 E8 01 00 01 00 01 A7";  // 125 kbit/s, time stamps on
 const char* const SET_GLOBALS_CNF = "06 00 07 82 03 00 00 86";
 const char* const GET_GLOBALS = "05 00 08 02 04 00 0E";
-const char* const GET_CONFIG_6 = "05 00 06 02 06 00 02";
-const char* const GET_CONFIG_6_CNF = "08 00 06 82 06 00 00 00 00 82";
+const char* const GET_CONFIG = "05 00 06 02 06 00 02";
+const char* const GET_CONFIG_CNF = "08 00 06 82 06 00 00 00 00 82";
 // Frame 0x123 [11 22] written with ID 5, and the indication the others get.
 const char* const WRITE_123 = "0C 00 03 02 05 00 23 01 00 00 00 11 22 15";
 const char* const IND_123 = "0C 00 03 02 00 00 23 01 00 00 00 11 22 10";
@@ -33,166 +34,133 @@ const char* const IND_123 = "0C 00 03 02 00 00 23 01 00 00 00 11 22 10";
 class SimLoopbackTest : public ::testing::Test
 {
 protected:
-    // Starts the simulator with every CAN port on a port the system chooses.
-    void StartSim()
+    // Starts the simulator (every CAN port on a port the system chooses) and
+    // opens nClients clients on CAN port 0.
+    void StartWith(int nClients)
     {
         m_oOptions.nTcpBase = 0;
         m_oOptions.bQuiet = getenv("GATEWAY_SIM_LOG") == nullptr;
         m_poSim.reset(new CGatewaySim(m_oOptions, stderr));
         std::string sError;
         ASSERT_TRUE(m_poSim->Start(sError)) << sError;
+        for (int i = 0; i < nClients; ++i)
+            ASSERT_TRUE(m_aoClients[i].Open(Port()));
+        ASSERT_TRUE(WaitClients(nClients));
     }
-    // Starts the simulator and opens the clients on CAN port 0.
-    void StartWith(std::initializer_list<CRawClient*> apClients)
+    // Client nFrom sends sHex; then each {client, hex} must be that client's
+    // next message.
+    void Talk(int nFrom, const std::string& sHex, std::initializer_list<std::pair<int, std::string>> aoReplies)
     {
-        ASSERT_NO_FATAL_FAILURE(StartSim());
-        for (CRawClient* pClient : apClients)
-            ASSERT_TRUE(pClient->Open(Port()));
-        ASSERT_TRUE(WaitClients(static_cast<int>(apClients.size())));
+        ASSERT_TRUE(m_aoClients[nFrom].SendHex(sHex));
+        for (const auto& oReply : aoReplies)
+            EXPECT_EQ(m_aoClients[oReply.first].ReceiveHex(), oReply.second) << "client " << oReply.first;
     }
     unsigned short Port(std::size_t nIndex = 0) const { return m_poSim->TcpPort(nIndex); }
-    bool WaitClients(int nCount, std::size_t nIndex = 0)
-    {
-        return WaitFor([&] { return m_poSim->ConnectedClients(nIndex) == nCount; });
-    }
+    bool WaitClients(int nCount) { return WaitFor([&] { return m_poSim->ConnectedClients(0) == nCount; }); }
     const SSimCounters& Counters() const { return m_poSim->Counters(); }
 
     SSimOptions m_oOptions;
     std::unique_ptr<CGatewaySim> m_poSim;
+    CRawClient m_aoClients[4];
 };
 
 TEST_F(SimLoopbackTest, ConnectHandshakeAndDisconnect)
 {
-    StartSim();
-    CRawClient oClient;
-    ASSERT_TRUE(oClient.Connect(Port()));
-    ASSERT_TRUE(oClient.SendHex(CONNECT_REQUEST));
-    EXPECT_EQ(oClient.ReceiveHex(), CONNECT_ACCEPTED);
+    StartWith(0);
+    ASSERT_TRUE(m_aoClients[0].Connect(Port()));
+    Talk(0, CONNECT_REQUEST, {{0, CONNECT_ACCEPTED}});
     EXPECT_TRUE(WaitClients(1));
-    // Disconnect request, confirmed with result 0, then the simulator closes.
-    ASSERT_TRUE(oClient.SendHex("05 00 02 02 00 00 00"));
-    EXPECT_EQ(oClient.ReceiveHex(), "06 00 02 82 00 00 00 80");
-    EXPECT_TRUE(oClient.WaitClosed());
+    // A disconnect request is confirmed with result 0, then the simulator closes.
+    Talk(0, "05 00 02 02 00 00 00", {{0, "06 00 02 82 00 00 00 80"}});
+    EXPECT_TRUE(m_aoClients[0].WaitClosed());
     EXPECT_TRUE(WaitClients(0));
     EXPECT_EQ(Counters().nConnections.load(), 1u);
 }
 
 TEST_F(SimLoopbackTest, SetGlobalsGetGlobalsRoundTripExactBytes)
 {
-    CRawClient oClient;
-    StartWith({&oClient});
-    ASSERT_TRUE(oClient.SendHex(SET_GLOBALS));
-    EXPECT_EQ(oClient.ReceiveHex(), SET_GLOBALS_CNF);
-    ASSERT_TRUE(oClient.SendHex(GET_GLOBALS));
-    EXPECT_EQ(oClient.ReceiveHex(), "0E 00 08 82 04 00 00 00 48 E8 01 00 01 00 01 2F");
+    StartWith(1);
+    Talk(0, SET_GLOBALS, {{0, SET_GLOBALS_CNF}});
+    Talk(0, GET_GLOBALS, {{0, "0E 00 08 82 04 00 00 00 48 E8 01 00 01 00 01 2F"}});
 }
 
 TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
 {
     m_oOptions.anCanPorts = {0, 1};
-    CRawClient oA, oB, oC, oPort1;
-    StartWith({&oA, &oB, &oC});
+    StartWith(3);
+    CRawClient& oPort1 = m_aoClients[3];
     ASSERT_TRUE(oPort1.Open(Port(1)));
-
-    ASSERT_TRUE(oA.SendHex(WRITE_123));
-    EXPECT_EQ(oB.ReceiveHex(), IND_123);
-    EXPECT_EQ(oC.ReceiveHex(), IND_123);
-    // Frames from B reach A and C in the order written.
-    ASSERT_TRUE(oB.SendHex(Hex(0x203, 1, "01 00 00 00 00 AA") + Hex(0x203, 2, "02 00 00 00 00 BB")));
-    for (CRawClient* pClient : {&oA, &oC})
-    {
-        EXPECT_EQ(pClient->ReceiveHex(), Hex(0x203, 0, "01 00 00 00 00 AA"));
-        EXPECT_EQ(pClient->ReceiveHex(), Hex(0x203, 0, "02 00 00 00 00 BB"));
-    }
-    // The sender gets no copy and the write no confirmation, and port 1 heard
-    // nothing: the next message of each is the answer to its next request.
-    for (CRawClient* pClient : {&oA, &oPort1})
-    {
-        ASSERT_TRUE(pClient->SendHex(GET_CONFIG_6));
-        EXPECT_EQ(pClient->ReceiveHex(), GET_CONFIG_6_CNF);
-    }
+    Talk(0, WRITE_123, {{1, IND_123}, {2, IND_123}});
+    // In the order written.
+    Talk(1, Hex(eCmdWrite, 1, "01 00 00 00 00 AA") + " " + Hex(eCmdWrite, 2, "02 00 00 00 00 BB"),
+         {{0, Hex(eIndFrame, 0, "01 00 00 00 00 AA")}, {0, Hex(eIndFrame, 0, "02 00 00 00 00 BB")},
+          {2, Hex(eIndFrame, 0, "01 00 00 00 00 AA")}, {2, Hex(eIndFrame, 0, "02 00 00 00 00 BB")}});
+    // The sender got no copy and no confirmation, port 1 heard nothing: the
+    // next message of each is the answer to its next request.
+    Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
+    Talk(3, GET_CONFIG, {{3, GET_CONFIG_CNF}});
     EXPECT_EQ(Counters().nFramesIn.load(), 3u);
     EXPECT_TRUE(WaitFor([&] { return Counters().nFramesOut.load() == 6u; }));
-    // INFO on port 1 tells its own port number.
-    std::string sInfo;
-    ASSERT_TRUE(oPort1.Send(BuildTelegram(eCmdInfo, 7, "")) && oPort1.Receive(sInfo));
-    ASSERT_EQ(sInfo.size(), 7u + 21u);
-    EXPECT_EQ(sInfo[6 + 10], 1);
 }
 
 TEST_F(SimLoopbackTest, EchoIndicatesAWriteBackToItsSender)
 {
     m_oOptions.bEcho = true;
-    CRawClient oA, oB;
-    StartWith({&oA, &oB});
-    ASSERT_TRUE(oA.SendHex(WRITE_123));
-    EXPECT_EQ(oA.ReceiveHex(), IND_123);
-    EXPECT_EQ(oB.ReceiveHex(), IND_123);
+    StartWith(2);
+    Talk(0, WRITE_123, {{0, IND_123}, {1, IND_123}});
 }
 
 TEST_F(SimLoopbackTest, TimeStampsOnlyForClientsThatSwitchedThemOn)
 {
-    CRawClient oWriter, oStamped, oPlain;
-    StartWith({&oWriter, &oStamped, &oPlain});
-    // Gateway time 0x12345678 s; then time stamps on for one client.
-    ASSERT_TRUE(oStamped.SendHex(Hex(eCmdSetTime, 1, "78 56 34 12 00 00 00 00")));
-    EXPECT_EQ(oStamped.ReceiveHex(), Hex(0x820B, 1, "00"));
-    ASSERT_TRUE(oStamped.SendHex(SET_GLOBALS));
-    EXPECT_EQ(oStamped.ReceiveHex(), SET_GLOBALS_CNF);
-
-    ASSERT_TRUE(oWriter.SendHex(WRITE_123));
-    EXPECT_EQ(oPlain.ReceiveHex(), IND_123);
+    StartWith(3);
+    // Gateway time 0x12345678 s; then time stamps on for client 1.
+    Talk(1, Hex(eCmdSetTime, 1, "78 56 34 12 00 00 00 00"), {{1, Hex(0x820B, 1, "00")}});
+    Talk(1, SET_GLOBALS, {{1, SET_GLOBALS_CNF}});
+    Talk(0, WRITE_123, {{2, IND_123}});
     std::string sStamped;
-    ASSERT_TRUE(oStamped.Receive(sStamped));
+    ASSERT_TRUE(m_aoClients[1].Receive(sStamped));
     // Flag 0x04, then s32 seconds and s32 microseconds behind the data.
     ASSERT_EQ(sStamped.size(), 22u);
     EXPECT_EQ(ToHex(sStamped.substr(0, 13)), "14 00 03 02 00 00 23 01 00 00 04 11 22");
-    CPayloadReader oStamp(sStamped);
+    const CPayloadReader oStamp(sStamped);
     EXPECT_GE(oStamp.S32(13), 0x12345678);
     EXPECT_LE(oStamp.S32(13), 0x12345678 + 30);
     EXPECT_LT(oStamp.U32(17), 1000000u);
     EXPECT_TRUE(COrvaneMsg(sStamped.data(), static_cast<unsigned short>(sStamped.size())).IsCRCValid());
-
     // Switched off again: plain indications.
-    ASSERT_TRUE(oStamped.SendHex(Hex(eCmdSetGlobals, 4, "00 48 E8 01 00 01 00 00")));
-    EXPECT_EQ(oStamped.ReceiveHex(), Hex(0x8207, 4, "00"));
-    ASSERT_TRUE(oWriter.SendHex(WRITE_123));
-    EXPECT_EQ(oStamped.ReceiveHex(), IND_123);
+    Talk(1, Hex(eCmdSetGlobals, 4, "00 48 E8 01 00 01 00 00"), {{1, Hex(0x8207, 4, "00")}});
+    Talk(0, WRITE_123, {{1, IND_123}});
 }
 
 TEST_F(SimLoopbackTest, CANopenModeIndicatesServicesAsSuch)
 {
-    CRawClient oMaster, oOther;
-    StartWith({&oMaster, &oOther});
-    ASSERT_TRUE(oMaster.SendHex(Hex(eCmdCANopenSetConfig, 1, "01")));
-    EXPECT_EQ(oMaster.ReceiveHex(), Hex(0x8260, 1, "00"));
-    // A transmit PDO 1 of node 5 reaches the other client as a PDO indication;
-    // the master's NMT command (frame 0x000) as an undefined message.
-    ASSERT_TRUE(oMaster.SendHex(Hex(eCmdWrite, 2, "85 01 00 00 00 0A 0B")));
-    EXPECT_EQ(oOther.ReceiveHex(), Hex(eIndPDO, 0, "05 01 02 0A 0B"));
-    ASSERT_TRUE(oMaster.SendHex(Hex(eCmdCANopenNMT, 3, "05 01")));
-    EXPECT_EQ(oMaster.ReceiveHex(), Hex(0x8263, 3, "00"));
-    EXPECT_EQ(oOther.ReceiveHex(), Hex(eIndUndefined, 0, "00 00 00 00 00 01 05"));
+    StartWith(2);
+    Talk(0, Hex(eCmdCANopenSetConfig, 1, "01"), {{0, Hex(0x8260, 1, "00")}});
+    // Frames of the services a master consumes reach the other client as their
+    // indications: transmit PDO 1 of node 5, SYNC, EMCY and GUARD of node 10.
+    Talk(0, Hex(eCmdWrite, 2, "85 01 00 00 00 0A 0B"), {{1, Hex(eIndPDO, 0, "05 01 02 0A 0B")}});
+    Talk(0, Hex(eCmdWrite, 3, "80 00 00 00 00 07"), {{1, Hex(eIndSYNC, 0, "07")}});
+    Talk(0, Hex(eCmdWrite, 4, "8A 00 00 00 00 10 81 11 01 02 03 04 05"), {{1, Hex(eIndEMCY, 0, "0A 10 81 11 01 02 03 04 05")}});
+    Talk(0, Hex(eCmdWrite, 5, "0A 07 00 00 00 7F"), {{1, Hex(eIndGUARD, 0, "0A 7F")}});
+    // Everything else is an undefined message: a receive PDO, an SDO, and the
+    // master's own NMT command (frame 0x000).
+    Talk(0, Hex(eCmdWrite, 6, "05 02 00 00 00 01"), {{1, Hex(eIndUndefined, 0, "05 02 00 00 00 01")}});
+    Talk(0, Hex(eCmdWrite, 7, "05 06 00 00 00 40 00 10 00"), {{1, Hex(eIndUndefined, 0, "05 06 00 00 00 40 00 10 00")}});
+    Talk(0, Hex(eCmdCANopenNMT, 8, "05 01"), {{0, Hex(0x8263, 8, "00")}, {1, Hex(eIndUndefined, 0, "00 00 00 00 00 01 05")}});
 }
 
-TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBus)
+TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
 {
     m_oOptions.nLoadRate = 200;
     m_oOptions.nLoadIdentifier = 0x1F0;
-    CRawClient oClient;
-    StartWith({&oClient});
-    for (unsigned int i = 0, nPrevious = 0; i < 5; ++i)
-    {
-        std::string sFrame;
-        ASSERT_TRUE(oClient.Receive(sFrame));
-        COrvaneMsg oInd(sFrame.data(), static_cast<unsigned short>(sFrame.size()));
-        ASSERT_EQ(oInd.GetCmdCode(), eIndFrame);
-        ASSERT_EQ(oInd.GetData().size(), 13u);
-        EXPECT_EQ(ToHex(oInd.GetData().substr(0, 5)), "F0 01 00 00 00");
-        const unsigned int nCounter = CPayloadReader(oInd.GetData()).U32(5);
-        EXPECT_TRUE(i == 0 || nCounter == nPrevious + 1) << nCounter << " after " << nPrevious;
-        nPrevious = nCounter;
-    }
+    StartWith(1);
+    std::string asFrames[2];
+    ASSERT_TRUE(m_aoClients[0].Receive(asFrames[0]) && m_aoClients[0].Receive(asFrames[1]));
+    // Identifier 0x1F0, no flags, the 64-bit frame counter as data.
+    EXPECT_EQ(ToHex(asFrames[0].substr(0, 11)), "12 00 03 02 00 00 F0 01 00 00 00");
+    const unsigned int nCounter = CPayloadReader(asFrames[0]).U32(11);
+    EXPECT_EQ(asFrames[1], BuildTelegram(eIndFrame, 0, asFrames[0].substr(6, 5) + COrvaneMsg::ToChar(nCounter + 1) +
+                                                         asFrames[0].substr(15, 4)));
 }
 
 // ---- fault injection ----
@@ -200,55 +168,42 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBus)
 TEST_F(SimLoopbackTest, InjectedDeviceErrorForOneCommand)
 {
     m_oOptions.oFaults.aoFailCommands[eCmdSetGlobals] = 0x24;
-    CRawClient oClient;
-    StartWith({&oClient});
-    ASSERT_TRUE(oClient.SendHex(SET_GLOBALS));
-    EXPECT_EQ(oClient.ReceiveHex(), "06 00 07 82 03 00 24 A2");
-    ASSERT_TRUE(oClient.SendHex(GET_CONFIG_6));
-    EXPECT_EQ(oClient.ReceiveHex(), GET_CONFIG_6_CNF);
+    StartWith(1);
+    Talk(0, SET_GLOBALS, {{0, "06 00 07 82 03 00 24 A2"}});
+    Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
     EXPECT_EQ(Counters().nInjectedErrors.load(), 1u);
 }
 
 TEST_F(SimLoopbackTest, FrozenAfterNTelegramsAnswersNothingButKeepsTheConnection)
 {
     m_oOptions.oFaults.nFreezeAfter = 2;
-    CRawClient oFrozen, oOther;
-    StartWith({&oFrozen, &oOther});
-    for (int i = 0; i < 2; ++i)
-    {
-        ASSERT_TRUE(oFrozen.SendHex(GET_CONFIG_6));
-        EXPECT_EQ(oFrozen.ReceiveHex(), GET_CONFIG_6_CNF);
-    }
+    StartWith(2);
+    Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
+    Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
     // The third request and a frame of another client stay unanswered, and so
     // do alive and disconnect requests, as with a hung gateway.
-    ASSERT_TRUE(oFrozen.SendHex(GET_CONFIG_6));
-    ASSERT_TRUE(oOther.SendHex(WRITE_123));
+    Talk(0, GET_CONFIG, {});
+    Talk(1, WRITE_123, {});
     EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 1u && Counters().nFramesIn.load() == 1u; }));
-    ASSERT_TRUE(oFrozen.SendHex("09 00 0D 02 00 00 E8 03 00 00 E4"));
-    ASSERT_TRUE(oFrozen.SendHex("05 00 02 02 00 00 00"));
-    ASSERT_TRUE(oFrozen.SendHex(GET_CONFIG_6));
+    Talk(0, "09 00 0D 02 00 00 E8 03 00 00 E4 05 00 02 02 00 00 00", {});
+    Talk(0, GET_CONFIG, {});
     EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 2u; }));
     // Any reply would have been sent before the last request was read.
-    EXPECT_EQ(oFrozen.ReceiveHex(200), "");
+    EXPECT_EQ(m_aoClients[0].ReceiveHex(200), "");
     EXPECT_EQ(m_poSim->ConnectedClients(0), 2);
-    ASSERT_TRUE(oOther.SendHex(GET_CONFIG_6));
-    EXPECT_EQ(oOther.ReceiveHex(), GET_CONFIG_6_CNF);
+    Talk(1, GET_CONFIG, {{1, GET_CONFIG_CNF}});
 }
 
 TEST_F(SimLoopbackTest, ClosedAfterNTelegrams)
 {
     m_oOptions.oFaults.nCloseAfter = 2;
-    CRawClient oClient;
-    StartWith({&oClient});
+    StartWith(1);
     for (int nConnection = 0; nConnection < 2; ++nConnection)
     {
-        ASSERT_TRUE(nConnection == 0 || oClient.Open(Port()));  // a new connection counts anew
-        for (int i = 0; i < 2; ++i)
-        {
-            ASSERT_TRUE(oClient.SendHex(GET_CONFIG_6));
-            EXPECT_EQ(oClient.ReceiveHex(), GET_CONFIG_6_CNF);  // the second one is still answered
-        }
-        EXPECT_TRUE(oClient.WaitClosed());
+        ASSERT_TRUE(nConnection == 0 || m_aoClients[0].Open(Port()));  // a new connection counts anew
+        Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
+        Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});  // still answered, then closed
+        EXPECT_TRUE(m_aoClients[0].WaitClosed());
         EXPECT_TRUE(WaitClients(0));
     }
 }
@@ -256,42 +211,33 @@ TEST_F(SimLoopbackTest, ClosedAfterNTelegrams)
 TEST_F(SimLoopbackTest, ConnectionsBeyondTheLimitAreRefused)
 {
     m_oOptions.oFaults.nMaxClients = 2;
-    CRawClient oA, oB, oC;
-    StartWith({&oA, &oB});
-    ASSERT_TRUE(oC.Connect(Port()));
-    ASSERT_TRUE(oC.SendHex(CONNECT_REQUEST));
-    EXPECT_EQ(oC.ReceiveHex(), CONNECT_LIMIT_REACHED);
-    EXPECT_TRUE(oC.WaitClosed());
+    StartWith(2);
+    ASSERT_TRUE(m_aoClients[2].Connect(Port()));
+    Talk(2, CONNECT_REQUEST, {{2, CONNECT_LIMIT_REACHED}});
+    EXPECT_TRUE(m_aoClients[2].WaitClosed());
     EXPECT_TRUE(WaitFor([&] { return Counters().nRefused.load() == 1u; }));
     // Once a client has left there is room again.
-    oA.Close();
+    m_aoClients[0].Close();
     ASSERT_TRUE(WaitClients(1));
-    EXPECT_TRUE(oC.Open(Port()));
-    ASSERT_TRUE(oB.SendHex(WRITE_123));
-    EXPECT_EQ(oC.ReceiveHex(), IND_123);
+    EXPECT_TRUE(m_aoClients[2].Open(Port()));
+    Talk(1, WRITE_123, {{2, IND_123}});
 }
 
 TEST_F(SimLoopbackTest, BadTelegramsAreCountedAndOthersStillServed)
 {
-    CRawClient oBad, oGood;
-    StartWith({&oBad, &oGood});
-    ASSERT_TRUE(oBad.SendHex("05 00 08 02 04 00 0F"));           // GET_GLOBALS, CRC should be 0E
-    ASSERT_TRUE(oBad.SendHex("03 00 08 02 04"));                 // too short to be a telegram
-    ASSERT_TRUE(oBad.SendHex("00 00"));                          // empty message
-    ASSERT_TRUE(oBad.SendHex(Hex(eCmdSetGlobals, 8, "00 48")));  // SET_GLOBALS without its fields
-    ASSERT_TRUE(oBad.SendHex("05 00 99 02 01 00 9A"));           // unknown command 0x299
+    StartWith(2);
+    // GET_GLOBALS with CRC 0F instead of 0E; too short to be a telegram; an
+    // empty message; SET_GLOBALS without its fields; unknown command 0x299.
     // Only the last two are answered, with result 0xFF, in order.
-    EXPECT_EQ(oBad.ReceiveHex(), Hex(0x8207, 8, "FF"));
-    EXPECT_EQ(oBad.ReceiveHex(), "06 00 99 82 01 00 FF E5");
+    Talk(0, "05 00 08 02 04 00 0F  03 00 08 02 04  00 00 " + Hex(eCmdSetGlobals, 8, "00 48") + " 05 00 99 02 01 00 9A",
+         {{0, Hex(0x8207, 8, "FF")}, {0, "06 00 99 82 01 00 FF E5"}});
     EXPECT_EQ(Counters().nBadCrc.load(), 1u);
     EXPECT_EQ(Counters().nBadLength.load(), 3u);
     EXPECT_EQ(Counters().nUnknownCommands.load(), 1u);
     EXPECT_EQ(Counters().nTelegrams.load(), 5u);
     // Both connections go on being served; nothing was stored (defaults).
-    ASSERT_TRUE(oGood.SendHex(GET_GLOBALS));
-    EXPECT_EQ(oGood.ReceiveHex(), "0E 00 08 82 04 00 00 00 20 A1 07 00 00 00 00 08");
-    ASSERT_TRUE(oBad.SendHex(GET_CONFIG_6));
-    EXPECT_EQ(oBad.ReceiveHex(), GET_CONFIG_6_CNF);
+    Talk(1, GET_GLOBALS, {{1, "0E 00 08 82 04 00 00 00 20 A1 07 00 00 00 00 08"}});
+    Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
     EXPECT_EQ(m_poSim->ConnectedClients(0), 2);
 }
 

@@ -1,7 +1,5 @@
-// The command model of one CAN port driven with request telegrams, and the
-// indication encoder.
+// The command model of one CAN port, driven with request telegrams.
 #include "CanPortModel.h"
-#include "IndicationEncoder.h"
 #include "support/RawClient.h"
 
 #include <gtest/gtest.h>
@@ -118,32 +116,22 @@ TEST_F(CanPortModelTest, TimeAndCommonCommands)
 
 TEST_F(CanPortModelTest, BadInputIsRefusedAndClassified)
 {
-    // Unknown low byte, a code of another device type, and a confirmation
-    // (not answered at all).
-    SCommandOutcome oUnknown = Run(0x0299, 1, "");
-    EXPECT_EQ(oUnknown.eFault, EInputFault::eUnknownCommand);
-    EXPECT_EQ(ToHex(oUnknown.oConfirmation.GetMessageData()), "06 00 99 82 01 00 FF E5");
-    EXPECT_EQ(Run(0x0107, 2, "").eFault, EInputFault::eUnknownCommand);
-    SCommandOutcome oCnf = Run(0x8207, 3, FromHex("00"));
+    // A code of another device type is unknown; a confirmation is not even
+    // answered.
+    EXPECT_EQ(Run(0x0107, 1, "").eFault, EInputFault::eUnknownCommand);
+    SCommandOutcome oCnf = Run(0x8207, 2, FromHex("00"));
     EXPECT_EQ(oCnf.eFault, EInputFault::eUnknownCommand);
     EXPECT_FALSE(oCnf.bConfirm);
-
-    // SET_GLOBALS one byte short: refused, nothing stored.
-    SCommandOutcome oShort = Run(eCmdSetGlobals, 4, FromHex("01 48 E8 01 00 01 00"));
-    EXPECT_EQ(oShort.eFault, EInputFault::eBadLength);
-    EXPECT_EQ(ToHex(oShort.oConfirmation.GetData()), "FF");
-    EXPECT_EQ(m_oModel.Settings().nBaudrate, 500000u);
-
-    // 65 data bytes never reach the bus; without data confirmations nobody
-    // hears about it. 64 bytes is the longest frame.
+    // 65 data bytes never reach the bus and without data confirmations nobody
+    // hears about it; 64 bytes is the longest frame.
     const std::string sHeader = FromHex("01 00 00 00 00");
-    SCommandOutcome oLong = Run(eCmdWrite, 5, sHeader + std::string(65, 'x'));
+    SCommandOutcome oLong = Run(eCmdWrite, 3, sHeader + std::string(65, 'x'));
     EXPECT_EQ(oLong.eFault, EInputFault::eBadLength);
     EXPECT_FALSE(oLong.bConfirm);
     EXPECT_TRUE(oLong.aoBusFrames.empty());
-    EXPECT_EQ(Run(eCmdWrite, 6, sHeader + std::string(64, 'x')).aoBusFrames.size(), 1u);
+    EXPECT_EQ(Run(eCmdWrite, 4, sHeader + std::string(64, 'x')).aoBusFrames.size(), 1u);
     m_oClient.bConfirmData = true;
-    EXPECT_EQ(Answer(eCmdWrite, 7, ToHex(sHeader + std::string(65, 'x'))), "FF");
+    EXPECT_EQ(Answer(eCmdWrite, 5, ToHex(sHeader + std::string(65, 'x'))), "FF");
 }
 
 TEST_F(CanPortModelTest, CANopenServicesNeedCANopenMode)
@@ -170,50 +158,6 @@ TEST_F(CanPortModelTest, CANopenServicesNeedCANopenMode)
     EXPECT_EQ(Answer(eCmdCANopenSDORead, 13, "06 00 10 01 E8 03"), "00 01 00 00 02 06");
     EXPECT_EQ(Answer(eCmdCANopenSDOWriteBlock, 14, "05 08 10 00 E8 03 41 42 43"), "00 00 00 00 00 00");
     EXPECT_EQ(Answer(eCmdCANopenSDOReadBlock, 15, "05 08 10 00 E8 03"), "00 00 41 42 43");
-}
-
-TEST(IndicationEncoder, PlainFramesWithAndWithoutTimeStamp)
-{
-    SCanFrame oFrame;
-    oFrame.nIdentifier = 0x123;
-    oFrame.nFlags = FRAME_FLAG_REMOTE;
-    oFrame.sData = FromHex("AA BB");
-    STimeStamp oTime;
-    oTime.nSeconds = 0x01020304;
-    oTime.nMicroseconds = 0x000A0B0C;
-    EXPECT_EQ(ToHex(EncodeIndication(oFrame, oTime, false, false).GetMessageData()),
-              "0C 00 03 02 00 00 23 01 00 00 02 AA BB 30");
-    EXPECT_EQ(ToHex(EncodeIndication(oFrame, oTime, true, false).GetMessageData()),
-              "14 00 03 02 00 00 23 01 00 00 06 AA BB 04 03 02 01 0C 0B 0A 00 3D");
-}
-
-TEST(IndicationEncoder, CANopenModeClassifiesServiceFrames)
-{
-    const struct
-    {
-        unsigned int nIdentifier;
-        const char* pData;
-        unsigned short nCode;
-        const char* pPayload;
-    } aoCases[] = {
-        {0x285, "01 02 03", eIndPDO, "05 02 03 01 02 03"},
-        {0x080, "07", eIndSYNC, "07"},
-        {0x08A, "10 81 11 01 02 03 04 05", eIndEMCY, "0A 10 81 11 01 02 03 04 05"},
-        {0x705, "7F", eIndGUARD, "05 7F"},
-        {0x605, "40 00 10 00", eIndUndefined, "05 06 00 00 00 40 00 10 00"},
-        // NMT of another master and receive PDOs are no services the master consumes.
-        {0x000, "01 05", eIndUndefined, "00 00 00 00 00 01 05"},
-        {0x205, "01", eIndUndefined, "05 02 00 00 00 01"},
-    };
-    for (const auto& oCase : aoCases)
-    {
-        SCanFrame oFrame;
-        oFrame.nIdentifier = oCase.nIdentifier;
-        oFrame.sData = FromHex(oCase.pData);
-        const COrvaneMsg oInd = EncodeIndication(oFrame, STimeStamp(), false, true);
-        EXPECT_EQ(oInd.GetCmdCode(), oCase.nCode) << std::hex << oCase.nIdentifier;
-        EXPECT_EQ(ToHex(oInd.GetData()), oCase.pPayload) << std::hex << oCase.nIdentifier;
-    }
 }
 
 } // namespace

@@ -14,6 +14,8 @@ using namespace GatewaySim;
 namespace
 {
 
+using CStrings = std::vector<std::string>;
+
 // A link whose sends block while it is held, so a test can fill the queue.
 class CHeldLink : public ITelegramLink
 {
@@ -28,16 +30,11 @@ public:
         m_oChanged.notify_all();
         return m_bAccept;
     }
-    void CloseLink() override
+    void CloseLink() override { Change([&] { m_bClosed = true; }); }
+    template <class F> void Change(F fChange)
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
-        m_bClosed = true;
-        m_oChanged.notify_all();
-    }
-    void Release()
-    {
-        std::lock_guard<std::mutex> oLock(m_oMutex);
-        m_bHeld = false;
+        fChange();
         m_oChanged.notify_all();
     }
     // Waits (at most 5 s) until fCondition holds under the lock.
@@ -53,7 +50,7 @@ public:
     bool m_bEntered = false;
     bool m_bClosed = false;
     bool m_bAccept = true;
-    std::vector<std::string> m_asSent;
+    CStrings m_asSent;
 };
 
 TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
@@ -62,19 +59,17 @@ TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
     SSimCounters oCounters;
     COutbox oOutbox(oLink, oCounters, 3);
     ASSERT_TRUE(oOutbox.Start());
-
     ASSERT_TRUE(oOutbox.PostIndication("i0"));
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; })); // writer holds i0, queue empty
-    EXPECT_TRUE(oOutbox.PostIndication("i1"));
-    EXPECT_TRUE(oOutbox.PostIndication("i2"));
-    EXPECT_TRUE(oOutbox.PostIndication("i3"));
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; }));  // the writer holds i0, the queue is empty
+    for (const char* pIndication : {"i1", "i2", "i3"})
+        EXPECT_TRUE(oOutbox.PostIndication(pIndication));
     EXPECT_FALSE(oOutbox.PostIndication("i4"));
     oOutbox.PostConfirmation("c1");
     EXPECT_EQ(oCounters.nFramesDropped.load(), 1u);
 
-    oLink.Release();
+    oLink.Change([&] { oLink.m_bHeld = false; });
     ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_asSent.size() == 5u; }));
-    EXPECT_EQ(oLink.m_asSent, (std::vector<std::string>{"i0", "i1", "i2", "i3", "c1"}));
+    EXPECT_EQ(oLink.m_asSent, (CStrings{"i0", "i1", "i2", "i3", "c1"}));
     oOutbox.Stop();
     EXPECT_EQ(oCounters.nFramesOut.load(), 4u);
     EXPECT_EQ(oCounters.nConfirmations.load(), 1u);
@@ -90,12 +85,11 @@ TEST(Outbox, CloseComesAfterEverythingPostedBefore)
     oOutbox.PostIndication("i1");
     oOutbox.PostClose();
     oOutbox.PostConfirmation("after close");
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; }));
-    EXPECT_FALSE(oLink.m_bClosed);
-    oLink.Release();
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered && !oLink.m_bClosed; }));
+    oLink.Change([&] { oLink.m_bHeld = false; });
     ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bClosed; }));
     oOutbox.Stop();
-    EXPECT_EQ(oLink.m_asSent, (std::vector<std::string>{"c1", "i1"}));
+    EXPECT_EQ(oLink.m_asSent, (CStrings{"c1", "i1"}));
 }
 
 TEST(Outbox, LostLinkStopsSendingAndCountsTheError)

@@ -25,6 +25,14 @@ EParseResult Parse(std::vector<std::string> asWords, SSimOptions& oOptions, std:
     return ParseSimOptions(static_cast<int>(asWords.size()), apArgv.data(), oOptions, sError);
 }
 
+// The TCP port the program announces once it listens; 0 if it does not.
+unsigned short ListeningPort(const CChildProcess& oProgram)
+{
+    const std::string sText = "listening on 127.0.0.1:";
+    const std::string sOut = oProgram.WaitForOutput(sText) ? oProgram.Output() : sText + "0";
+    return static_cast<unsigned short>(std::stoi(sOut.substr(sOut.find(sText) + sText.size())));
+}
+
 bool Exited(int nStatus, int nCode)
 {
     return nStatus >= 0 && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == nCode;
@@ -88,12 +96,10 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
 
 TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
 {
-    const std::string sPort = std::to_string(FreeTcpPort());
-    CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", sPort}, GATEWAY_SIM_BINARY);
-    ASSERT_TRUE(oProgram.WaitForOutput("listening on 127.0.0.1:" + sPort)) << oProgram.Output();
-
+    CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
+    const unsigned short nPort = ListeningPort(oProgram);
     CRawClient oClient;
-    ASSERT_TRUE(oClient.Open(static_cast<unsigned short>(std::stoi(sPort))));
+    ASSERT_TRUE(oClient.Open(nPort)) << oProgram.Output();
     ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F"));  // wrong CRC
     ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02"));  // GET_CONFIG
     EXPECT_EQ(oClient.ReceiveHex(), "08 00 06 82 06 00 00 00 00 82");
@@ -120,9 +126,8 @@ TEST(SimProgram, HelpBadOptionAndPortTaken)
     EXPECT_TRUE(Exited(oBad.WaitExit(), 2));
     EXPECT_NE(oBad.Output().find("invalid --fail \"nonsense\""), std::string::npos) << oBad.Output();
 
-    const std::string sPort = std::to_string(FreeTcpPort());
-    CChildProcess oFirst({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
-    ASSERT_TRUE(oFirst.WaitForOutput("listening"));
+    CChildProcess oFirst({GATEWAY_SIM_BINARY, "--tcp-base", "0"});
+    const std::string sPort = std::to_string(ListeningPort(oFirst));
     CChildProcess oSecond({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
     EXPECT_TRUE(Exited(oSecond.WaitExit(), 1)) << oSecond.Output();
     EXPECT_NE(oSecond.Output().find("cannot listen on 127.0.0.1:" + sPort), std::string::npos) << oSecond.Output();

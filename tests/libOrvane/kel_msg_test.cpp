@@ -14,17 +14,17 @@ std::string Bytes(std::initializer_list<unsigned char> values)
 
 TEST(KelMsgWire, LayoutCrcAndBuilders)
 {
-    const CKelMsg message(0x0201, 1, "AB", 2);
+    const CKelMsg message(0x0201, 0x0301, "AB", 2);
     std::string wire;
     message.GetMessageData(wire);
-    // CRC = 01 ^ 02 ^ 01 ^ 00 ^ 41 ^ 42 = 01; the length word is not included.
-    EXPECT_EQ(Bytes({0x07, 0x00, 0x01, 0x02, 0x01, 0x00, 0x41, 0x42, 0x01}), wire);
+    // CRC = 01 ^ 02 ^ 01 ^ 03 ^ 41 ^ 42 = 02; the length word is not included.
+    EXPECT_EQ(Bytes({0x07, 0x00, 0x01, 0x02, 0x01, 0x03, 0x41, 0x42, 0x02}), wire);
     EXPECT_TRUE(message.IsValid() && message.IsCRCValid() && !message.IsConfirmation());
 
     char buffer[16];
-    ASSERT_EQ(9u, CKelMsg::Build(buffer, sizeof(buffer), 0x0201, 1, "AB", 2));
+    ASSERT_EQ(9u, CKelMsg::Build(buffer, sizeof(buffer), 0x0201, 0x0301, "AB", 2));
     EXPECT_EQ(wire, std::string(buffer, 9));
-    EXPECT_EQ(0u, CKelMsg::Build(buffer, 8, 0x0201, 1, "AB", 2));
+    EXPECT_EQ(0u, CKelMsg::Build(buffer, 8, 0x0201, 0x0301, "AB", 2));
     EXPECT_EQ(0u, message.WriteTo(buffer, 8));
 
     const CKelMsg empty(0x8002, 0, nullptr, 4);  // null data: no data at all

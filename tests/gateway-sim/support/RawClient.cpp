@@ -1,9 +1,10 @@
 #include "RawClient.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,18 +19,6 @@ namespace SimTest
 const char* const CONNECT_REQUEST = "05 00 01 02 01 00 02";
 const char* const CONNECT_ACCEPTED = "06 00 01 82 01 00 00 82";
 const char* const CONNECT_LIMIT_REACHED = "06 00 01 82 01 00 01 83";
-
-namespace
-{
-sockaddr_in Loopback(unsigned short nPort)
-{
-    sockaddr_in oAddress{};
-    oAddress.sin_family = AF_INET;
-    oAddress.sin_port = htons(nPort);
-    oAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return oAddress;
-}
-} // namespace
 
 std::string FromHex(const std::string& sHex)
 {
@@ -63,24 +52,16 @@ bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs)
     return true;
 }
 
-unsigned short FreeTcpPort()
-{
-    const int nSocket = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in oAddress = Loopback(0);
-    socklen_t nLength = sizeof(oAddress);
-    bind(nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress));
-    getsockname(nSocket, reinterpret_cast<sockaddr*>(&oAddress), &nLength);
-    close(nSocket);
-    return ntohs(oAddress.sin_port);
-}
-
 bool CRawClient::Connect(unsigned short nPort)
 {
     Close();
     m_nSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int nOne = 1;
     setsockopt(m_nSocket, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
-    sockaddr_in oAddress = Loopback(nPort);
+    sockaddr_in oAddress{};
+    oAddress.sin_family = AF_INET;
+    oAddress.sin_port = htons(nPort);
+    oAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return connect(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress)) == 0;
 }
 
@@ -96,33 +77,24 @@ bool CRawClient::Send(const std::string& sBytes)
     return true;
 }
 
-bool CRawClient::Fill(int nTimeoutMs)
-{
-    pollfd oPoll{m_nSocket, POLLIN, 0};
-    char acChunk[4096];
-    const ssize_t nRead = poll(&oPoll, 1, nTimeoutMs) > 0 ? recv(m_nSocket, acChunk, sizeof(acChunk), 0) : -1;
-    if (nRead > 0)
-        m_sBuffer.append(acChunk, static_cast<std::size_t>(nRead));
-    return nRead > 0;
-}
-
 bool CRawClient::Receive(std::string& sMessage, int nTimeoutMs)
 {
-    const auto oEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
-    for (;;)
+    const timeval oLimit{nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000};
+    setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &oLimit, sizeof(oLimit));
+    auto MessageSize = [&] {
+        return m_sBuffer.size() < 2 ? 2u : (static_cast<unsigned char>(m_sBuffer[0]) | (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
+    };
+    char acChunk[4096];
+    while (m_sBuffer.size() < MessageSize())
     {
-        const std::size_t nTotal =
-            m_sBuffer.size() < 2 ? 0 : (static_cast<unsigned char>(m_sBuffer[0]) | (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
-        if (nTotal > 0 && m_sBuffer.size() >= nTotal)
-        {
-            sMessage = m_sBuffer.substr(0, nTotal);
-            m_sBuffer.erase(0, nTotal);
-            return true;
-        }
-        const auto nLeft = std::chrono::duration_cast<std::chrono::milliseconds>(oEnd - std::chrono::steady_clock::now());
-        if (nLeft.count() <= 0 || !Fill(static_cast<int>(nLeft.count())))
+        const ssize_t nRead = recv(m_nSocket, acChunk, sizeof(acChunk), 0);
+        if (nRead <= 0)
             return false;
+        m_sBuffer.append(acChunk, static_cast<std::size_t>(nRead));
     }
+    sMessage = m_sBuffer.substr(0, MessageSize());
+    m_sBuffer.erase(0, sMessage.size());
+    return true;
 }
 
 std::string CRawClient::ReceiveHex(int nTimeoutMs)
@@ -133,12 +105,12 @@ std::string CRawClient::ReceiveHex(int nTimeoutMs)
 
 bool CRawClient::WaitClosed(int nTimeoutMs)
 {
-    pollfd oPoll{m_nSocket, POLLIN, 0};
-    char acChunk[4096];
-    while (poll(&oPoll, 1, nTimeoutMs) > 0)
-        if (recv(m_nSocket, acChunk, sizeof(acChunk), 0) <= 0)
-            return true;
-    return false;
+    std::string sMessage;
+    errno = 0;
+    while (Receive(sMessage, nTimeoutMs))
+    {
+    }
+    return errno != EAGAIN && errno != EWOULDBLOCK;  // end of stream or reset, not the time-out
 }
 
 void CRawClient::Close()

@@ -19,7 +19,6 @@ std::string FromHex(const std::string& sHex);   // "0D 00 07" -> bytes
 std::string ToHex(const std::string& sBytes);   // bytes -> "0D 00 07"
 // Polls fCondition until it holds or nTimeoutMs have passed.
 bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs = 5000);
-unsigned short FreeTcpPort();                    // free on 127.0.0.1 a moment ago
 
 class CRawClient
 {
@@ -34,7 +33,8 @@ public:
     bool Open(unsigned short nPort) { return Connect(nPort) && SendHex(CONNECT_REQUEST) && ReceiveHex() == CONNECT_ACCEPTED; }
     bool Send(const std::string& sBytes);
     bool SendHex(const std::string& sHex) { return Send(FromHex(sHex)); }
-    // One whole message (length word included); false on time-out or close.
+    // One whole message (length word included); false on close or when
+    // nothing arrives for nTimeoutMs.
     bool Receive(std::string& sMessage, int nTimeoutMs = 5000);
     // The next message as hex, "" when none came in time.
     std::string ReceiveHex(int nTimeoutMs = 5000);
@@ -43,9 +43,6 @@ public:
     void Close();
 
 private:
-    // Appends what arrives within nTimeoutMs; false on close, error or time-out.
-    bool Fill(int nTimeoutMs);
-
     int m_nSocket = -1;
     std::string m_sBuffer;
 };

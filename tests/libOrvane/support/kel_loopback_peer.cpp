@@ -110,15 +110,6 @@ sockaddr_in Loopback(unsigned short port)
     return address;
 }
 
-CRawSocket ConnectRaw(unsigned short port)
-{
-    CRawSocket raw(socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address = Loopback(port);
-    if (connect(raw.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-        raw.Close();
-    return raw;
-}
-
 std::string MakeMsg(unsigned short command, unsigned short number, const std::string& data)
 {
     std::string bytes;

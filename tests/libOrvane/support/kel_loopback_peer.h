@@ -64,7 +64,6 @@ private:
 };
 
 sockaddr_in Loopback(unsigned short port);
-CRawSocket ConnectRaw(unsigned short port);  // closed socket on failure
 
 std::string MakeMsg(unsigned short command, unsigned short number, const std::string& data = std::string());
 std::string Frame(const std::string& payload);  // length word + payload
