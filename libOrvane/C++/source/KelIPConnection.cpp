@@ -635,6 +635,8 @@ unsigned int CKelIPConnection::SetAlive(unsigned int periodMs)
         return AliveReq(0);
     }
     m_nAlivePeriod.store(periodMs, std::memory_order_relaxed);
+    if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveOff)
+        ResetAliveCounters();
     CreateAliveThread();
     m_nAliveMode.store(eAliveActive, std::memory_order_relaxed);
     return AliveReq(periodMs);
@@ -647,6 +649,15 @@ unsigned int CKelIPConnection::AliveReq(unsigned int timeoutMs)
     char request[CKelMsg::kOverhead + sizeof(period)];
     const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nAliveReqId, 0, period, sizeof(period));
     return DataReq(request, static_cast<unsigned short>(size), timeoutMs);
+}
+
+// A protocol switched on afresh judges silence from its own start, not from
+// the marks an earlier phase left behind.
+void CKelIPConnection::ResetAliveCounters()
+{
+    m_nAliveTick.store(0, std::memory_order_relaxed);
+    m_nAliveLastSend.store(0, std::memory_order_relaxed);
+    m_nAliveLastReceive.store(0, std::memory_order_relaxed);
 }
 
 void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
@@ -668,6 +679,7 @@ void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
         {
             if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveOff)
             {
+                ResetAliveCounters();
                 m_nAliveMode.store(eAlivePassive, std::memory_order_relaxed);
                 CreateAliveThread();
             }

@@ -170,6 +170,7 @@ private:
     void SetIdentifiers(unsigned char id);
     // True for the six connect, disconnect and alive commands of this id.
     bool IsConnectionCommand(unsigned short command) const;
+    void ResetAliveCounters();
     // Ends a connected connection: state 4, ConnectInd(false), then peer
     // forgotten and state 5 (datagram server) or socket closed and state 1.
     // Only the thread that moves the state out of 3 does this; false for the

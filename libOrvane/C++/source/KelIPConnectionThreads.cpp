@@ -245,9 +245,7 @@ void CKelIPConnection::CAliveThread::Run()
             // After a loss the protocol must be switched on again.
             owner.m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
             owner.m_nAlivePeriod.store(0, std::memory_order_relaxed);
-            owner.m_nAliveTick.store(0, std::memory_order_relaxed);
-            owner.m_nAliveLastSend.store(0, std::memory_order_relaxed);
-            owner.m_nAliveLastReceive.store(0, std::memory_order_relaxed);
+            owner.ResetAliveCounters();
             if (Pause(kMinTickMs))
                 return;
             continue;
