@@ -371,3 +371,60 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
     EXPECT_TRUE(result == 0 ? CTraceServer::m_nServerUdpPort == 8080
                             : err == "CTraceServer: Could not bind to port 8080.\n") << err;
 }
+
+TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
+{
+    // Long texts keep each sender busy between its filter tests and its send,
+    // so Disable often closes the socket inside that gap. A socket opened right
+    // after Disable takes the freed descriptor number; a stale send on it would
+    // bind it to a port of its own.
+    struct SSenders
+    {
+        std::atomic<bool> stop{false};
+        std::atomic<int> unexpected{0};
+        std::atomic<unsigned int> calls[3] = {};
+        std::vector<std::thread> threads;
+        ~SSenders()
+        {
+            stop = true;
+            for (std::thread& thread : threads)
+                thread.join();
+        }
+    } senders;
+    const std::string text(60000, 't');
+    for (std::atomic<unsigned int>& count : senders.calls)
+        senders.threads.emplace_back([&] {
+            while (!senders.stop)
+            {
+                const int result = CTraceServer::SendTraceMessage(0x10, 3, 0x1, 1, "f", text.c_str(), 0);
+                if (result != 0 && result != -1 && result != -2 && result != -6)
+                    ++senders.unexpected;
+                ++count;
+            }
+        });
+    for (int round = 0; round < 20 && !HasFailure(); ++round)
+    {
+        if (round > 0)
+        {
+            ASSERT_EQ(0, CTraceServer::Init(0));
+        }
+        CTestViewer viewer;
+        viewer.Send(ActivateRequest(0x14, {0, 0x02, 0, 0x1}));
+        ASSERT_FALSE(viewer.Receive().empty());
+        ASSERT_EQ(0, CTraceServer::Disable());
+        const int victim = socket(AF_INET, SOCK_DGRAM, 0);
+        // Each sender finishes the call it was in and makes one more.
+        unsigned int seen[3];
+        for (int i = 0; i < 3; ++i)
+            seen[i] = senders.calls[i].load();
+        for (int i = 0; i < 3; ++i)
+            while (senders.calls[i].load() < seen[i] + 2)
+                std::this_thread::yield();
+        sockaddr_in address = {};
+        socklen_t length = sizeof(address);
+        getsockname(victim, reinterpret_cast<sockaddr*>(&address), &length);
+        close(victim);
+        EXPECT_EQ(0, address.sin_port) << "round " << round << ": a trace message went out on a closed socket";
+    }
+    EXPECT_EQ(0, senders.unexpected.load());
+}

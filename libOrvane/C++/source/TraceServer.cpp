@@ -299,17 +299,18 @@ int CTraceServer::Disable()
         delete m_poReceiveThread;
         m_poReceiveThread = nullptr;
     }
-    // Senders see -1 before the descriptor goes away.
-    m_nSocket.store(-1);
-    const int closed = close(socket);
-    m_nServerUdpPort = 0;
+    int closed = 0;
     {
+        // Senders use the socket only under this lock (see SendTraceMessage).
         CKelLockGuard lock(m_oTelegramCounterMutex);
+        m_nSocket.store(-1);
+        closed = close(socket);
         m_sClientHost.clear();
         m_nClientUdpPort = 0;
         m_nAddrLen.store(0, std::memory_order_relaxed);
         m_nTelegramCounter = 0;
     }
+    m_nServerUdpPort = 0;
     m_nActiveLevels.store(0, std::memory_order_relaxed);
     for (std::atomic<unsigned int>& filter : m_anCategoryFilters)
     {
@@ -333,8 +334,7 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
                                    unsigned short line, const char* file, const char* text, unsigned char flags)
 {
     // The inactive path: plain loads and comparisons only.
-    const int socket = m_nSocket.load(std::memory_order_relaxed);
-    if (socket < 0)
+    if (m_nSocket.load(std::memory_order_relaxed) < 0)
     {
         return -1;
     }
@@ -362,21 +362,6 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         telegram.SetTime(static_cast<unsigned int>(now.tv_sec), static_cast<unsigned int>(now.tv_usec));
     }
-    sockaddr_storage viewer;
-    socklen_t viewerLen;
-    {
-        CKelLockGuard lock(m_oTelegramCounterMutex);
-        if (clockRead)
-        {
-            telegram.SetCounter(m_nTelegramCounter++);
-        }
-        viewer = m_sSockAddr;
-        viewerLen = m_nAddrLen.load(std::memory_order_relaxed);
-    }
-    if (viewerLen == 0)
-    {
-        return -2; // disabled meanwhile
-    }
     telegram.SetTraceLevel(level);
     telegram.SetCategory(category);
     telegram.SetFilterBitmask(filterMask);
@@ -384,7 +369,26 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     telegram.SetLine(line);
     telegram.SetFileName(TextLength(file), file);
     telegram.SetMessageText(TextLength(text), text);
-    return SendTelegram(socket, telegram, viewer, viewerLen);
+
+    // The socket is used only under the lock, and Disable closes it under the
+    // lock: a send can never reach a closed descriptor, nor another socket
+    // that the system has given the same number meanwhile.
+    CKelLockGuard lock(m_oTelegramCounterMutex);
+    const int socket = m_nSocket.load(std::memory_order_relaxed);
+    if (socket < 0)
+    {
+        return -1; // disabled meanwhile
+    }
+    const socklen_t viewerLen = m_nAddrLen.load(std::memory_order_relaxed);
+    if (viewerLen == 0)
+    {
+        return -2;
+    }
+    if (clockRead)
+    {
+        telegram.SetCounter(m_nTelegramCounter++);
+    }
+    return SendTelegram(socket, telegram, m_sSockAddr, viewerLen);
 }
 
 int CTraceServer::RegisterStatusSource(CStatusSource* /*source*/, unsigned char /*category*/,

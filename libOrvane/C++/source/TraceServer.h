@@ -12,7 +12,8 @@
 // (a message may be filtered by the old or the new settings). The viewer
 // address, its host text and port, the category names and the telegram counter
 // are guarded by m_oTelegramCounterMutex, which a sender takes only after all
-// filter tests have passed.
+// filter tests have passed and holds while it sends; Disable closes the socket
+// under it, so no send can reach a closed (or meanwhile reused) descriptor.
 #ifndef ORVANE_TRACE_SERVER_H
 #define ORVANE_TRACE_SERVER_H
 
