@@ -1,5 +1,6 @@
 #include "TraceServer.h"
 
+#include "KelSocketWait.h"
 #include "TraceTelegram.h"
 #include "libKelMutex.h"
 #include "libKelThread.h"
@@ -77,7 +78,7 @@ int SendTelegram(int socket, const CTraceTelegram& telegram, const sockaddr_stor
 // ---------------------------------------------------------------- receive thread
 
 // Serves the viewer's requests: activate, get categories. Polls the socket
-// once a second for the termination request; Stop() also wakes the poll at
+// once a second for the termination request; Stop() also wakes the wait at
 // once by shutting the socket down.
 class CTraceServer::CReceiveThread : public CKelThread
 {
@@ -98,8 +99,7 @@ protected:
         while (!m_bStopping.load() && !IsTerminationRequested())
         {
             const int socket = CTraceServer::m_nSocket.load(std::memory_order_relaxed);
-            pollfd readable = {socket, POLLIN, 0};
-            if (poll(&readable, 1, kReceivePollMs) <= 0 || m_bStopping.load())
+            if (KelWaitForSocket(socket, POLLIN, kReceivePollMs) != 1 || m_bStopping.load())
             {
                 continue;
             }
@@ -156,12 +156,10 @@ private:
             m_sClientHost = NumericHostOf(sender, senderLen);
             m_nClientUdpPort = PortOf(sender);
         }
-        if ((m_nActiveLevels.load(std::memory_order_relaxed) & kActivationLevel) != 0 &&
-            (m_anCategoryFilters[kActivationCategory].load(std::memory_order_relaxed) & kActivationMask) != 0)
-        {
-            SendTraceMessage(kActivationLevel, kActivationCategory, kActivationMask, kActivationLine,
-                             kActivationFile, kActivationText, 0);
-        }
+        // Reaches the new viewer only if it switched on level 4 and mask 2 of
+        // category 1: SendTraceMessage makes exactly these tests.
+        SendTraceMessage(kActivationLevel, kActivationCategory, kActivationMask, kActivationLine, kActivationFile,
+                         kActivationText, 0);
     }
 
     static void OnGetCategoriesRequest(const sockaddr_storage& sender, socklen_t senderLen)
