@@ -150,6 +150,25 @@ TEST(TraceStatusTelegrams, LayoutAndTolerantParse)
     const CStatusCnfTelegram early = Parse<CStatusCnfTelegram>(cut);
     EXPECT_EQ(0x000A0B0Cu, early.GetMicroseconds());
     EXPECT_TRUE(early.GetFilterBitmask() == 0 && early.GetStatusValue() == 0 && early.GetName().empty());
+
+    // Too long for the length field: the value (then the name) is cut, and
+    // each length word counts exactly the bytes that follow it.
+    const struct
+    {
+        unsigned short name, value, nameOnWire, valueOnWire;
+    } cuts[] = {{100, 0xFFFF, 100, CTraceTelegram::kMaxDataLen - 21 - 100},
+                {0xFFFF, 5, CTraceTelegram::kMaxDataLen - 21, 0}};
+    for (const auto& c : cuts)
+    {
+        const std::string name(c.name, 'n'), value(c.value, 'v');
+        CStatusCnfTelegram big;
+        big.SetName(c.name, name.c_str());
+        big.SetValue(c.value, value.c_str());
+        const Bytes data = DataOf(big);
+        ASSERT_EQ(CTraceTelegram::kMaxDataLen, data.size());
+        EXPECT_EQ(c.nameOnWire, data[17] | data[18] << 8);
+        EXPECT_EQ(c.valueOnWire, data[19 + c.nameOnWire] | data[20 + c.nameOnWire] << 8);
+    }
 }
 
 TEST(TraceMessage, LayoutParseAndCut)

@@ -46,10 +46,19 @@ private:
     size_t m_nPos;
 };
 
-void PutText(std::vector<char>& out, const std::string& text)
+// Appends two texts, each behind its 2-byte length. Where the data would
+// exceed what the length field can announce, the second text is cut (and the
+// first, if it alone is too long); each length word counts the bytes that
+// really follow it.
+void PutTexts(std::vector<char>& out, const std::string& first, const std::string& second)
 {
-    PutU16(out, static_cast<unsigned short>(text.size()));
-    out.insert(out.end(), text.begin(), text.end());
+    const size_t room = CTraceTelegram::kMaxDataLen - out.size() - 4;
+    const size_t firstLen = std::min(first.size(), room);
+    const size_t secondLen = std::min(second.size(), room - firstLen);
+    PutU16(out, static_cast<unsigned short>(firstLen));
+    out.insert(out.end(), first.begin(), first.begin() + firstLen);
+    PutU16(out, static_cast<unsigned short>(secondLen));
+    out.insert(out.end(), second.begin(), second.begin() + secondLen);
 }
 
 std::string TextOf(unsigned short length, const char* text)
@@ -446,9 +455,7 @@ const char* CStatusCnfTelegram::GetData() const
         data.push_back(static_cast<char>(m_nCategory));
         PutU32(data, m_nFilterBitmask);
         PutU32(data, m_nStatusValue);
-        PutText(data, m_sName);
-        PutText(data, m_sValue);
-        data.resize(GetDataLen()); // never longer than the length field can announce
+        PutTexts(data, m_sName, m_sValue);
         StoreData(std::move(data));
         m_bStale = false;
     }
@@ -534,7 +541,7 @@ void CTraceMessageTelegram::SetLine(unsigned short line)
 
 void CTraceMessageTelegram::SetFileName(unsigned short length, const char* name)
 {
-    m_sFileName = TextOf(std::min<unsigned short>(length, kMaxDataLen - kFixedDataLen), name);
+    m_sFileName = TextOf(length, name);
     m_bStale = true;
 }
 
@@ -554,9 +561,6 @@ const char* CTraceMessageTelegram::GetData() const
 {
     if (m_bStale || Bytes().size() != GetDataLen())
     {
-        // Keep the text's length word honest when the telegram has to be cut.
-        const size_t room = kMaxDataLen - kFixedDataLen - m_sFileName.size();
-        const size_t textLen = std::min(m_sMessageText.size(), room);
         std::vector<char> data;
         data.reserve(GetDataLen());
         PutU32(data, m_nSeconds);
@@ -566,9 +570,7 @@ const char* CTraceMessageTelegram::GetData() const
         PutU32(data, m_nFilterBitmask);
         data.push_back(static_cast<char>(m_nFlags));
         PutU16(data, m_nLine);
-        PutText(data, m_sFileName);
-        PutU16(data, static_cast<unsigned short>(textLen));
-        data.insert(data.end(), m_sMessageText.begin(), m_sMessageText.begin() + textLen);
+        PutTexts(data, m_sFileName, m_sMessageText);
         StoreData(std::move(data));
         m_bStale = false;
     }

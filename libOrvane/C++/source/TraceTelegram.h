@@ -207,6 +207,7 @@ public:
     void SetCategory(unsigned char category);
     void SetFilterBitmask(unsigned int mask);
     void SetStatusValue(unsigned int value);
+    // Cut like the trace message's file name and text when they do not fit.
     void SetName(unsigned short length, const char* name);
     void SetValue(unsigned short length, const char* value);
 
@@ -254,7 +255,8 @@ public:
     void SetFilterBitmask(unsigned int mask);
     void SetFlags(unsigned char flags);
     void SetLine(unsigned short line);
-    // File name and text are cut where the telegram would exceed kMaxDataLen.
+    // Where the telegram would exceed kMaxDataLen, its data carries the text
+    // (and if need be the file name) cut to fit.
     void SetFileName(unsigned short length, const char* name);
     void SetMessageText(unsigned short length, const char* text);
 
