@@ -1,6 +1,7 @@
 #include "OrvaneMsg.h"
 
 #include "KelByteOrder.h"
+#include "KelMsg.h"
 
 #include <cstring>
 
@@ -77,12 +78,9 @@ bool COrvaneMsg::IsValid() const
 
 unsigned char COrvaneMsg::ComputeCRC() const
 {
-    unsigned char nCRC = static_cast<unsigned char>((m_nCmdCode & 0xFF) ^ (m_nCmdCode >> 8) ^
-                                                    (m_nMsgID & 0xFF) ^
-                                                    ((static_cast<unsigned short>(m_nMsgID) >> 8) & 0xFF));
-    for (char c : m_sData)
-        nCRC = static_cast<unsigned char>(nCRC ^ static_cast<unsigned char>(c));
-    return nCRC;
+    // The gateway telegram shares the connection message's layout and checksum.
+    return CKelMsg::ComputeCRC(m_nCmdCode, static_cast<unsigned short>(m_nMsgID), m_sData.data(),
+                               static_cast<unsigned int>(m_sData.size()));
 }
 
 std::string COrvaneMsg::GetMessageData() const
