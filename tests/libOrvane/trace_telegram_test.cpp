@@ -111,6 +111,8 @@ TEST(TraceConfirmations, ActivateAndGetCategoriesLayouts)
     EXPECT_EQ((Bytes{0x05, 0x00, 0x01, 0x80, 0x00, 0x00, 0xFF}), Wire(activate)); // 0xFF until a code is set
     activate.SetReturnCode(0);
     EXPECT_EQ((Bytes{0x05, 0x00, 0x01, 0x80, 0x00, 0x00, 0x00}), Wire(activate));
+    EXPECT_EQ(0x00, Parse<CTraceActivateCnfTelegram>(Wire(activate)).GetReturnCode());
+    EXPECT_EQ(0xFF, Parse<CTraceActivateCnfTelegram>({0x04, 0x00, 0x01, 0x80, 0x00, 0x00, 0x00}).GetReturnCode());
 
     CTraceGetCategoriesCnfTelegram categories;
     EXPECT_EQ((Bytes{0x05, 0x00, 0x02, 0x80, 0x00, 0x00, 0x00}), Wire(categories)); // no names: count 0 alone

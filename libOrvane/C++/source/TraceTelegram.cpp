@@ -208,10 +208,9 @@ CTraceActivateCnfTelegram::CTraceActivateCnfTelegram()
 CTraceActivateCnfTelegram::CTraceActivateCnfTelegram(unsigned short size, const char* bytes)
     : CTraceTelegram(size, bytes), m_nReturnCode(0xFF), m_bStale(false)
 {
-    CFieldReader reader(Bytes());
     if (!Bytes().empty())
     {
-        m_nReturnCode = reader.U8();
+        m_nReturnCode = static_cast<unsigned char>(Bytes()[0]);
     }
 }
 
