@@ -29,6 +29,10 @@ std::string Result(unsigned char value)
 // A connection and the raw peer it is connected to.
 struct CPeeredConnection
 {
+    // `receiveBuffer`: the peer's receive buffer, 0 for the system's default.
+    explicit CPeeredConnection(int receiveBuffer = 0) : m_oListener(8, receiveBuffer) {}
+
+
     // ConnectReq against the peer, which checks the connect request and
     // answers it with `reply` (with connection messages only).
     unsigned int Connect(bool useConnectionMessages, const std::string& reply = MakeMsg(kConnectCnf, 1, Result(0)),
@@ -287,6 +291,47 @@ TEST_F(MessageConnectionTest, AnsweredAliveKeepsTheConnectionAndSilenceEndsItOnc
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetAliveMode() == CKelIPConnection::eAliveOff; }));
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetState() == CKelIPBase::eDisconnected; }));
     EXPECT_EQ(1, m_oConnection.ConnectIndCount(false));
+}
+
+// Messages that go out in parts while the alive thread sends its requests
+// arrive whole: each request comes before or after a message, never inside
+// it, and the requests still get their turn between back-to-back messages.
+TEST(KelIPConnectionAlive, RequestsTakeTurnsWithMessagesSentInParts)
+{
+    CPeeredConnection side(4096);
+    ASSERT_EQ(eKelIPSuccess, side.Connect(true));
+    const int sendBuffer = 4096;  // small buffers: every large message waits
+    setsockopt(side.m_oConnection.GetSocket(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
+    ASSERT_EQ(eKelIPSuccess, side.m_oConnection.SetAlive(800));
+    const std::string request = MakeMsg(kAliveReq, 0, U32(800));
+    ASSERT_EQ(request, side.m_oPeer.ReadMessage());
+
+    const std::string large = Frame(Pattern(65533, 6));
+    const int count = 50;
+    auto sender = std::async(std::launch::async, [&] {
+        unsigned int result = eKelIPSuccess;
+        for (int i = 0; i < count && result == eKelIPSuccess; ++i)
+            result = side.m_oConnection.DataReq(large.data(), static_cast<unsigned short>(large.size()), kWaitMs);
+        return result;
+    });
+    // The peer reads slowly and answers every alive request it finds.
+    int messages = 0, requests = 0;
+    while (messages < count)
+    {
+        const std::string message = side.m_oPeer.ReadMessage();
+        if (message == request)
+        {
+            ++requests;
+            ASSERT_TRUE(side.m_oPeer.SendAll(MakeMsg(kAliveCnf, 0, Result(0))));
+            continue;
+        }
+        ASSERT_TRUE(message == large) << "message " << messages << " was cut into (" << message.size() << " bytes)";
+        ++messages;
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));  // slow reader; nothing waits on it
+    }
+    EXPECT_EQ(eKelIPSuccess, sender.get());
+    EXPECT_GE(requests, 1);
+    EXPECT_EQ(0, side.m_oConnection.ConnectIndCount(false));
 }
 
 TEST_F(MessageConnectionTest, SwitchingAliveOffStillTellsThePeerTheOldPeriod)

@@ -450,6 +450,27 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
         return eKelIPSuccess;
     const int socket = GetSocket();
     const CKelDeadline deadline(timeoutMs);
+    // One message at a time: the alive thread and the read thread's replies
+    // send beside the owner, and none of them may cut into a message that
+    // goes out in parts. Waiting for the turn counts against the time-out
+    // like waiting for the socket.
+    if (!m_oSendTurns.Begin(deadline))
+    {
+        EndConnection();
+        return eKelIPTimeout;
+    }
+    bool ends = false;
+    const unsigned int result = SendWhole(socket, data, length, deadline, ends);
+    m_oSendTurns.End();
+    // Ended after the turn: ConnectInd(false) may wait for another sender.
+    if (ends)
+        EndConnection();
+    return result;
+}
+
+unsigned int CKelIPConnection::SendWhole(int socket, const char* data, unsigned short length,
+                                         const CKelDeadline& deadline, bool& ends)
+{
     size_t sent = 0;
     // The socket is tried first: while it takes the bytes, this saves one
     // wait per message; when it is full the wait below takes over.
@@ -458,11 +479,10 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
         ssize_t result;
         {
             CKelLockGuard guard(m_oSocketGuard);
+            // The socket was closed: the connection this message was meant
+            // for has ended already (a newer one must not be ended here).
             if (GetSocket() != socket)
-            {
-                EndConnection();
                 return eKelIPError;
-            }
             result = send(socket, data + sent, length - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
         if (result >= 0)
@@ -470,8 +490,7 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
             sent += static_cast<size_t>(result);
             if (sent == length)
             {
-                if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveActive)
-                    m_nAliveLastSend.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
+                NoteSent();
                 return eKelIPSuccess;
             }
         }
@@ -480,21 +499,11 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
             return eKelIPError;  // the connection stays open
         }
 
-        if (deadline.HasPassed())
+        const int ready = deadline.HasPassed() ? 0 : KelWaitForSocket(socket, POLLOUT, deadline.RemainingPollMs());
+        if (ready <= 0)
         {
-            EndConnection();
-            return eKelIPTimeout;
-        }
-        const int ready = KelWaitForSocket(socket, POLLOUT, deadline.RemainingPollMs());
-        if (ready == 0)
-        {
-            EndConnection();
-            return eKelIPTimeout;
-        }
-        if (ready < 0)
-        {
-            EndConnection();
-            return eKelIPError;
+            ends = true;
+            return ready == 0 ? eKelIPTimeout : eKelIPError;
         }
     }
 }
@@ -531,9 +540,15 @@ unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short len
     }
     if (result < 0)
         return eKelIPError;
+    NoteSent();
+    return eKelIPSuccess;
+}
+
+// A whole message went out: in the active alive mode the line is not quiet.
+void CKelIPConnection::NoteSent()
+{
     if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveActive)
         m_nAliveLastSend.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    return eKelIPSuccess;
 }
 
 void CKelIPConnection::SendReply(unsigned short command, unsigned short number, unsigned char result,

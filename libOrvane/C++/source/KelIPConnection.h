@@ -24,9 +24,10 @@
 // return soon and must never wait for a reply that only the read thread can
 // deliver (so no ConnectReq / DisconnectReq from inside them). The end of a
 // connection is reported exactly once by ConnectInd(false).
-// DataReq takes no lock that spans its wait: concurrent DataReq calls on one
-// connection must be serialised by the caller (the alive thread's requests and
-// the read thread's automatic confirmations are small whole messages).
+// DataReq sends one message at a time on a stream: a caller that finds
+// another message going out waits for it within its own time-out, so the
+// alive thread's requests and the read thread's automatic confirmations never
+// cut into a message that is sent in parts.
 //
 // Lifetime: the threads call the virtual hooks, so every derived class calls
 // Shutdown() first thing in its own destructor (the most-derived one at
@@ -37,6 +38,7 @@
 #define KEL_IP_CONNECTION_H
 
 #include "KelIPBase.h"
+#include "KelSendTurns.h"
 #include "libKelMutex.h"
 
 #include <netinet/in.h>
@@ -179,6 +181,11 @@ private:
     // Stores the peer address and its texts.
     void SetPeer(const sockaddr_storage& address, unsigned int length, const char* host);
     unsigned int SendStream(const char* data, unsigned short length, unsigned int timeoutMs);
+    // Sends all bytes on `socket` during the caller's turn; `ends` is set when
+    // the failure ends the connection (time-out, failed wait).
+    unsigned int SendWhole(int socket, const char* data, unsigned short length, const CKelDeadline& deadline,
+                           bool& ends);
+    void NoteSent();
     unsigned int SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs);
     void SendReply(unsigned short command, unsigned short number, unsigned char result, unsigned int timeoutMs);
     void CreateAliveThread();
@@ -208,6 +215,7 @@ private:
     std::unique_ptr<CReadThread> m_poReadThread;
     std::unique_ptr<CAliveThread> m_poAliveThread;
     CKelMutex m_oAliveThreadGuard;  // creation and destruction of the alive thread
+    CKelSendTurns m_oSendTurns;     // one whole message at a time on a stream
 
     // Alive fields: single relaxed stores; a late update shifts a decision by
     // one tick at most.

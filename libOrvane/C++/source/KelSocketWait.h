@@ -13,6 +13,8 @@ public:
     explicit CKelDeadline(unsigned int timeoutMs);
 
     bool IsInfinite() const { return m_bInfinite; }
+    // The point in time itself (meaningless when infinite).
+    std::chrono::steady_clock::time_point End() const { return m_oEnd; }
     bool HasPassed() const;
     // Milliseconds left, rounded up, as poll() takes them: -1 without limit,
     // 0 once passed.
