@@ -40,14 +40,16 @@ TEST(KelMsgWire, LayoutCrcAndBuilders)
 TEST(KelMsgParse, LengthAndCrcEdgeCases)
 {
     CKelMsg message;
-    EXPECT_TRUE(message.SetMessage(Bytes({0x05, 0x00, 0x02, 0x82, 0x09, 0x00, 0x82 ^ 0x02 ^ 0x09}).data(), 7));
+    const std::string noData = Bytes({0x05, 0x00, 0x02, 0x82, 0x09, 0x00, 0x82 ^ 0x02 ^ 0x09});
+    EXPECT_TRUE(message.SetMessage(noData.data(), 7));
     EXPECT_EQ(0x8202, message.GetCommand());
     EXPECT_EQ(9, message.GetNumber());
     EXPECT_TRUE(message.GetData().empty());
     EXPECT_TRUE(message.IsCRCValid());
 
     // Six bytes or fewer clear the message.
-    EXPECT_FALSE(message.SetMessage(Bytes({0x05, 0x00, 0x01, 0x02, 0x01, 0x00}).data(), 6));
+    const std::string six = Bytes({0x05, 0x00, 0x01, 0x02, 0x01, 0x00});
+    EXPECT_FALSE(message.SetMessage(six.data(), 6));
     EXPECT_EQ(5, message.GetLength());
     EXPECT_EQ(0, message.GetCommand() + message.GetNumber() + message.GetCRC());
 
@@ -64,5 +66,15 @@ TEST(KelMsgParse, LengthAndCrcEdgeCases)
     std::string badLength = wire;
     badLength[0] = static_cast<char>(badLength[0] + 1);
     EXPECT_FALSE(parsed.SetMessage(badLength.data(), static_cast<unsigned short>(badLength.size())));
+
+    // The copy-free check says what parsing says.
+    const struct
+    {
+        const std::string& bytes;
+        bool intact;
+    } checks[] = {{noData, true}, {six, false}, {wire, true}, {badCrc, false}, {badLength, false}};
+    for (const auto& check : checks)
+        EXPECT_EQ(check.intact, CKelMsg::IsIntact(check.bytes.data(), static_cast<unsigned short>(check.bytes.size())))
+            << ::testing::PrintToString(check.bytes);
 }
 } // namespace

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 CKelIPBase::CKelIPBase() : m_nState(eDisconnected), m_nProtocol(eTCP), m_nSocket(-1), m_nPeerAddrLen(0)
@@ -27,4 +28,18 @@ void CKelIPBase::CloseSocket()
     close(socket);
     SetSocket(-1);
     SetState(eDisconnected);
+}
+
+CKelAddrInfoList CKelIPBase::Resolve(const char* host, unsigned short port, int family, int socketType, int flags)
+{
+    char portText[8];
+    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
+    addrinfo hints{};
+    hints.ai_flags = flags;
+    hints.ai_family = family;
+    hints.ai_socktype = socketType;
+    addrinfo* list = nullptr;
+    if (getaddrinfo(host, portText, &hints, &list) != 0)
+        return CKelAddrInfoList();
+    return CKelAddrInfoList(list);
 }

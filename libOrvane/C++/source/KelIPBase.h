@@ -14,9 +14,11 @@
 
 #include "libKelMutex.h"
 
+#include <netdb.h>
 #include <sys/socket.h>
 
 #include <atomic>
+#include <memory>
 
 // Results of the connection operations (unsigned 32-bit).
 enum EKelIPResult : unsigned int
@@ -29,6 +31,13 @@ enum EKelIPResult : unsigned int
     eKelIPState6 = 6,       // DataReq in state 6
     eKelIPRefused = 7       // the peer refused the connection (its connection limit)
 };
+
+// The address list of getaddrinfo, freed with it.
+struct SKelAddrInfoFree
+{
+    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+using CKelAddrInfoList = std::unique_ptr<addrinfo, SKelAddrInfoFree>;
 
 class CKelIPBase
 {
@@ -65,6 +74,10 @@ public:
     int GetSocket() const { return m_nSocket.load(std::memory_order_relaxed); }
 
 protected:
+    // getaddrinfo for `host` (null: no host, e.g. the local side with
+    // AI_PASSIVE) and `port` as decimal text; empty when it fails.
+    static CKelAddrInfoList Resolve(const char* host, unsigned short port, int family, int socketType, int flags);
+
     void SetState(int state) { m_nState.store(state, std::memory_order_release); }
     // Moves the state from `from` to `to`; false when it was not `from`.
     bool ChangeState(int from, int to)

@@ -15,8 +15,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -27,17 +25,6 @@ const unsigned int kReplyTimeoutMs = 1000;
 const unsigned short kDatagramOpenCommand = 0x020C;
 // Messages up to this size are serialised on the stack.
 const unsigned int kStackMessageSize = 512;
-
-// A connection message is valid when its length word counts the bytes after
-// it, and intact when its CRC matches.
-bool IsIntactMessage(const char* data, unsigned short length)
-{
-    if (length < CKelMsg::kOverhead || CKelMsg::GetU16(data) + 2u != length)
-        return false;
-    const unsigned char crc = CKelMsg::ComputeCRC(CKelMsg::GetU16(data + 2), CKelMsg::GetU16(data + 4),
-                                                  data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead);
-    return crc == static_cast<unsigned char>(data[length - 1]);
-}
 
 unsigned short PortOf(const sockaddr_storage& address)
 {
@@ -138,33 +125,23 @@ CKelIPConnection::CKelIPConnection(unsigned char id, unsigned short port, bool u
     m_bDatagramServer = true;
     SetProtocol(eUDP);
 
-    char portText[8];
-    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
-    addrinfo hints{};
-    hints.ai_flags = AI_PASSIVE;
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_DGRAM;
-    addrinfo* addresses = nullptr;
-    if (getaddrinfo(nullptr, portText, &hints, &addresses) != 0 || addresses == nullptr)
+    const CKelAddrInfoList addresses = Resolve(nullptr, port, AF_INET, SOCK_DGRAM, AI_PASSIVE);
+    if (!addresses)
         return;
 
     const int socket = ::socket(addresses->ai_family, addresses->ai_socktype, addresses->ai_protocol);
-    if (socket >= 0)
+    if (socket < 0)
+        return;
+    const int on = 1;
+    if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+        bind(socket, addresses->ai_addr, addresses->ai_addrlen) != 0)
     {
-        const int on = 1;
-        if (setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
-            bind(socket, addresses->ai_addr, addresses->ai_addrlen) == 0)
-        {
-            SetSocket(socket);
-            SetState(eWaitingForPeer);
-            m_poReadThread.reset(new CReadThread(this));
-        }
-        else
-        {
-            close(socket);
-        }
+        close(socket);
+        return;
     }
-    freeaddrinfo(addresses);
+    SetSocket(socket);
+    SetState(eWaitingForPeer);
+    m_poReadThread.reset(new CReadThread(this));
 }
 
 CKelIPConnection::~CKelIPConnection()
@@ -288,13 +265,8 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
 
     const CKelDeadline deadline(timeoutMs);
 
-    char portText[8];
-    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = protocol == eTCP ? SOCK_STREAM : SOCK_DGRAM;
-    addrinfo* addresses = nullptr;
-    if (getaddrinfo(host, portText, &hints, &addresses) != 0)
+    const CKelAddrInfoList addresses = Resolve(host, port, AF_UNSPEC, protocol == eTCP ? SOCK_STREAM : SOCK_DGRAM, 0);
+    if (!addresses)
     {
         SetState(eDisconnected);
         return eKelIPNotConnected;
@@ -302,7 +274,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
 
     // Start a non-blocking connect on every address.
     std::vector<pollfd> pending;
-    for (addrinfo* address = addresses; address != nullptr; address = address->ai_next)
+    for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next)
     {
         const int socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
         if (socket < 0)
@@ -315,7 +287,6 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
         }
         pending.push_back(pollfd{socket, POLLOUT, 0});
     }
-    freeaddrinfo(addresses);
 
     auto closeAll = [&pending](int keep) {
         for (const pollfd& entry : pending)
@@ -330,8 +301,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
         return eKelIPNotConnected;
     }
 
-    const int ready = poll(pending.data(), pending.size(),
-                           timeoutMs == KEL_INFINITE ? -1 : static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)));
+    const int ready = poll(pending.data(), pending.size(), KelPollTimeout(timeoutMs));
     if (ready < 0)
     {
         // The state deliberately stays "connecting".
@@ -511,8 +481,7 @@ unsigned int CKelIPConnection::SendWhole(int socket, const char* data, unsigned 
 unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs)
 {
     const int socket = GetSocket();
-    const int ready = KelWaitForSocket(socket, POLLOUT,
-                                       timeoutMs == KEL_INFINITE ? -1 : static_cast<int>(std::min<unsigned int>(timeoutMs, INT_MAX)));
+    const int ready = KelWaitForSocket(socket, POLLOUT, KelPollTimeout(timeoutMs));
     if (ready == 0)
     {
         EndConnection();
@@ -677,7 +646,7 @@ void CKelIPConnection::ResetAliveCounters()
 
 void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
 {
-    if (!IsIntactMessage(bytes, count))
+    if (!CKelMsg::IsIntact(bytes, count))
         return;
     unsigned char result = 0xFF;
     unsigned int replyTimeoutMs = kReplyTimeoutMs;
@@ -732,7 +701,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         const sockaddr* sender = reinterpret_cast<const sockaddr*>(from);
         if (length > CKelMsg::kHeaderSize && command == m_nConnectReqId)
         {
-            if (!IsIntactMessage(data, length))
+            if (!CKelMsg::IsIntact(data, length))
                 return;
             SetPeer(*from, fromLength, nullptr);
             SetState(eConnected);
@@ -773,7 +742,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
     }
     else if (command == m_nConnectReqId)
     {
-        if (!IsIntactMessage(data, length))
+        if (!CKelMsg::IsIntact(data, length))
             return;
         unsigned char result = 0;
         if (m_poServerContainer != nullptr && m_poServerContainer->IsConnectionLimitExceeded())
@@ -786,21 +755,21 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
     }
     else if (command == m_nConnectCnfId)
     {
-        if (length == CKelMsg::kOverhead || !IsIntactMessage(data, length))
+        if (length == CKelMsg::kOverhead || !CKelMsg::IsIntact(data, length))
             return;
         m_nConnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
         m_oConnectEvent.Signal();
     }
     else if (command == m_nDisconnectReqId)
     {
-        if (!IsIntactMessage(data, length))
+        if (!CKelMsg::IsIntact(data, length))
             return;
         SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(data + 4), 0, kReplyTimeoutMs);
         EndConnection();
     }
     else if (command == m_nDisconnectCnfId)
     {
-        if (length == CKelMsg::kOverhead || !IsIntactMessage(data, length))
+        if (length == CKelMsg::kOverhead || !CKelMsg::IsIntact(data, length))
             return;
         m_nDisconnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
         m_oDisconnectEvent.Signal();

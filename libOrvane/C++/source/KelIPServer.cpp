@@ -10,8 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 namespace
 {
 const int kAcceptWaitMs = 100;
@@ -52,18 +50,9 @@ private:
 
 CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port) : m_poContainer(container)
 {
-    char portText[8];
-    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
-    addrinfo hints{};
-    hints.ai_flags = AI_PASSIVE;
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* addresses = nullptr;
-    if (getaddrinfo(nullptr, portText, &hints, &addresses) != 0)
-        return;
-
+    const CKelAddrInfoList addresses = Resolve(nullptr, port, AF_INET, SOCK_STREAM, AI_PASSIVE);
     int bound = -1;
-    for (addrinfo* address = addresses; address != nullptr && bound < 0; address = address->ai_next)
+    for (const addrinfo* address = addresses.get(); address != nullptr && bound < 0; address = address->ai_next)
     {
         const int socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
         if (socket < 0)
@@ -75,7 +64,6 @@ CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port
         else
             close(socket);
     }
-    freeaddrinfo(addresses);
     if (bound < 0)
         return;
     if (listen(bound, container->GetConnectionLimit()) != 0)

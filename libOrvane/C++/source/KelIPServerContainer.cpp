@@ -118,14 +118,14 @@ bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol protocol, int socket
     return false;
 }
 
-bool CKelIPServerContainer::TakeFinished(bool anySocket, int socket, CClientList& out)
+bool CKelIPServerContainer::TakeFinished(int socket, CClientList& out)
 {
     bool removedMatch = false;
     auto before = m_aoClients.before_begin();
     for (auto it = m_aoClients.begin(); it != m_aoClients.end();)
     {
         CKelIPConnection* connection = it->get();
-        const bool match = connection->GetSocket() == (anySocket ? -1 : socket);
+        const bool match = connection->GetSocket() == socket;
         // An entry whose read thread still runs stays for a later purge.
         if ((match || connection->GetState() == CKelIPBase::eDisconnected) &&
             connection->GetReadThreadState() == CKelThread::eFinished)
@@ -144,15 +144,10 @@ bool CKelIPServerContainer::TakeFinished(bool anySocket, int socket, CClientList
     return removedMatch;
 }
 
+// The purge is the removal of the entries whose socket is -1.
 bool CKelIPServerContainer::RemoveClient()
 {
-    CClientList finished;
-    bool removed;
-    {
-        CKelLockGuard guard(m_oListMutex);
-        removed = TakeFinished(true, -1, finished);
-    }
-    return removed;  // `finished` is destroyed here, outside the mutex
+    return RemoveClient(-1);
 }
 
 bool CKelIPServerContainer::RemoveClient(int socket)
@@ -161,9 +156,9 @@ bool CKelIPServerContainer::RemoveClient(int socket)
     bool removed;
     {
         CKelLockGuard guard(m_oListMutex);
-        removed = TakeFinished(false, socket, finished);
+        removed = TakeFinished(socket, finished);
     }
-    return removed;
+    return removed;  // `finished` is destroyed here, outside the mutex
 }
 
 unsigned int CKelIPServerContainer::CountActiveTCPConnections()

@@ -96,7 +96,7 @@ protected:
 
 private:
     // Takes the finished entries out of the list (caller holds the mutex).
-    bool TakeFinished(bool anySocket, int socket, std::forward_list<std::unique_ptr<CKelIPConnection>>& out);
+    bool TakeFinished(int socket, std::forward_list<std::unique_ptr<CKelIPConnection>>& out);
 
     unsigned char m_nId;
     int m_nConnectionLimit;

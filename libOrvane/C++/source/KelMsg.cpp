@@ -72,6 +72,14 @@ unsigned char CKelMsg::ComputeCRC(unsigned short command, unsigned short number,
     return crc;
 }
 
+bool CKelMsg::IsIntact(const char* bytes, unsigned short count)
+{
+    if (bytes == nullptr || count <= kHeaderSize || GetU16(bytes) + 2u != count)
+        return false;
+    const unsigned char crc = ComputeCRC(GetU16(bytes + 2), GetU16(bytes + 4), bytes + kHeaderSize, count - kOverhead);
+    return crc == static_cast<unsigned char>(bytes[count - 1]);
+}
+
 void CKelMsg::GetMessageData(std::string& out) const
 {
     out.clear();

@@ -77,6 +77,10 @@ public:
                               const char* data, unsigned short dataLength);
     static unsigned char ComputeCRC(unsigned short command, unsigned short number, const char* data,
                                     unsigned int dataLength);
+    // What parsing the bytes and asking IsValid() and IsCRCValid() would say,
+    // without copying: more than 6 bytes, a length word that counts the bytes
+    // after it, and a matching CRC.
+    static bool IsIntact(const char* bytes, unsigned short count);
 
     // Little-endian byte-order helpers.
     static std::string ToChar(short value);      // 2 bytes

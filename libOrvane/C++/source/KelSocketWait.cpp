@@ -36,6 +36,13 @@ unsigned int CKelDeadline::RemainingMs() const
     return static_cast<unsigned int>(RemainingPollMs());
 }
 
+int KelPollTimeout(unsigned int timeoutMs)
+{
+    if (timeoutMs == KEL_INFINITE)
+        return -1;
+    return timeoutMs > static_cast<unsigned int>(INT_MAX) ? INT_MAX : static_cast<int>(timeoutMs);
+}
+
 int KelWaitForSocket(int socket, short events, int timeoutMs)
 {
     if (socket < 0)

@@ -27,6 +27,10 @@ private:
     bool m_bInfinite;
 };
 
+// A millisecond time-out as poll() takes it: -1 for KEL_INFINITE, otherwise
+// the value, at most INT_MAX.
+int KelPollTimeout(unsigned int timeoutMs);
+
 // Waits until `socket` is ready for `events` (POLLIN / POLLOUT) or
 // `timeoutMs` has passed (-1: no limit). 1 ready (an error or hang-up on the
 // socket counts as ready, so that the next call reports it), 0 time-out,

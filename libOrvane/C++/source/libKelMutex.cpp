@@ -25,13 +25,13 @@ bool DeadlineFromNow(unsigned int timeoutMs, timespec& deadline)
     return true;
 }
 
-bool IsPast(const timeval& deadline)
+bool IsPast(const timespec& deadline)
 {
     timeval now;
     gettimeofday(&now, nullptr);
     if (now.tv_sec != deadline.tv_sec)
         return now.tv_sec > deadline.tv_sec;
-    return now.tv_usec >= deadline.tv_usec;
+    return now.tv_usec * 1000L >= deadline.tv_nsec;
 }
 
 const useconds_t kPollPauseUs = 10 * 1000;
@@ -125,7 +125,7 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
         {
             // The deadline is taken afresh on every pass, so a spurious
             // wake-up restarts the whole time-out.
-            timespec deadline;
+            timespec deadline{};  // stays in the past if the clock cannot be read
             DeadlineFromNow(timeoutMs, deadline);
             if (pthread_cond_timedwait(m_poCondition, &m_oGuard.m_oMutex, &deadline) == ETIMEDOUT
                 && !released())
@@ -143,18 +143,9 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
 int CKelEvent::Wait(std::vector<CKelEvent*>& events, unsigned int timeoutMs)
 {
     const bool finite = timeoutMs != KEL_INFINITE;
-    timeval deadline{};
+    timespec deadline{};
     if (finite)
-    {
-        gettimeofday(&deadline, nullptr);
-        deadline.tv_sec += timeoutMs / 1000;
-        deadline.tv_usec += (timeoutMs % 1000) * 1000;
-        if (deadline.tv_usec > 999999)
-        {
-            deadline.tv_sec += 1;
-            deadline.tv_usec -= 1000000;
-        }
-    }
+        DeadlineFromNow(timeoutMs, deadline);
 
     for (;;)
     {
