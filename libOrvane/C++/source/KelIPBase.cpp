@@ -1,5 +1,8 @@
 #include "KelIPBase.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,4 +45,40 @@ CKelAddrInfoList CKelIPBase::Resolve(const char* host, unsigned short port, int 
     if (getaddrinfo(host, portText, &hints, &list) != 0)
         return CKelAddrInfoList();
     return CKelAddrInfoList(list);
+}
+
+// ------------------------------------------------------------ address helpers
+
+const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size)
+{
+    if (address == nullptr || buffer == nullptr)
+        return nullptr;
+    if (address->sa_family == AF_INET)
+        return inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, buffer, size);
+    if (address->sa_family == AF_INET6)
+        return inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, buffer, size);
+    return nullptr;
+}
+
+bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
+                       unsigned int secondLength)
+{
+    if (first == nullptr || second == nullptr || firstLength != secondLength || first->sa_family != second->sa_family)
+        return false;
+    if (first->sa_family == AF_INET)
+    {
+        const sockaddr_in* a = reinterpret_cast<const sockaddr_in*>(first);
+        const sockaddr_in* b = reinterpret_cast<const sockaddr_in*>(second);
+        return a->sin_port == b->sin_port && a->sin_addr.s_addr == b->sin_addr.s_addr;
+    }
+    return std::memcmp(first, second, firstLength) == 0;
+}
+
+unsigned short KelPortOf(const sockaddr_storage& address)
+{
+    if (address.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    if (address.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return 0;
 }

@@ -20,6 +20,19 @@
 #include <atomic>
 #include <memory>
 
+// Address helpers shared by every endpoint.
+// Numeric text of an IPv4 (family 2) or IPv6 (family 10) address written into
+// `buffer`; null for any other family or when it does not fit.
+const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size);
+
+// True when both lengths and families agree and, for IPv4, port and address
+// agree; for any other family the whole structures must be byte-equal.
+bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
+                       unsigned int secondLength);
+
+// Port of an IPv4 or IPv6 address, 0 for any other family.
+unsigned short KelPortOf(const sockaddr_storage& address);
+
 // Results of the connection operations (unsigned 32-bit).
 enum EKelIPResult : unsigned int
 {

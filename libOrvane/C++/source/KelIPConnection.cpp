@@ -26,15 +26,6 @@ const unsigned short kDatagramOpenCommand = 0x020C;
 // Messages up to this size are serialised on the stack.
 const unsigned int kStackMessageSize = 512;
 
-unsigned short PortOf(const sockaddr_storage& address)
-{
-    if (address.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-    if (address.ss_family == AF_INET6)
-        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-    return 0;
-}
-
 bool SetBlocking(int socket, bool blocking)
 {
     const int flags = fcntl(socket, F_GETFL, 0);
@@ -44,33 +35,6 @@ bool SetBlocking(int socket, bool blocking)
     return fcntl(socket, F_SETFL, wanted) == 0;
 }
 } // namespace
-
-// ------------------------------------------------------------ free helpers
-
-const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size)
-{
-    if (address == nullptr || buffer == nullptr)
-        return nullptr;
-    if (address->sa_family == AF_INET)
-        return inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, buffer, size);
-    if (address->sa_family == AF_INET6)
-        return inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, buffer, size);
-    return nullptr;
-}
-
-bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
-                       unsigned int secondLength)
-{
-    if (first == nullptr || second == nullptr || firstLength != secondLength || first->sa_family != second->sa_family)
-        return false;
-    if (first->sa_family == AF_INET)
-    {
-        const sockaddr_in* a = reinterpret_cast<const sockaddr_in*>(first);
-        const sockaddr_in* b = reinterpret_cast<const sockaddr_in*>(second);
-        return a->sin_port == b->sin_port && a->sin_addr.s_addr == b->sin_addr.s_addr;
-    }
-    return std::memcmp(first, second, firstLength) == 0;
-}
 
 // ------------------------------------------------------------ construction
 
@@ -180,7 +144,7 @@ void CKelIPConnection::SetPeer(const sockaddr_storage& address, unsigned int len
     m_nPeerAddrLen = length;
     m_sPeerAddress = numeric != nullptr ? numeric : "";
     m_sHost = host != nullptr ? host : m_sPeerAddress;
-    m_nPort = PortOf(address);
+    m_nPort = KelPortOf(address);
 }
 
 std::string CKelIPConnection::GetPeerAddress() const

@@ -1,5 +1,6 @@
 #include "TraceServer.h"
 
+#include "KelIPBase.h"
 #include "KelSocketWait.h"
 #include "TraceTelegram.h"
 #include "libKelMutex.h"
@@ -39,31 +40,6 @@ unsigned short TextLength(const char* text)
     }
     const size_t length = std::strlen(text);
     return static_cast<unsigned short>(length > 0xFFFF ? 0xFFFF : length);
-}
-
-// Port of an IPv4 or IPv6 address, 0 for any other family.
-unsigned short PortOf(const sockaddr_storage& address)
-{
-    if (address.ss_family == AF_INET)
-    {
-        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-    }
-    if (address.ss_family == AF_INET6)
-    {
-        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-    }
-    return 0;
-}
-
-std::string NumericHostOf(const sockaddr_storage& address, socklen_t length)
-{
-    char host[NI_MAXHOST] = "";
-    if (getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host, sizeof(host), nullptr, 0,
-                    NI_NUMERICHOST) != 0)
-    {
-        return std::string();
-    }
-    return host;
 }
 
 int SendTelegram(int socket, const CTraceTelegram& telegram, const sockaddr_storage& address, socklen_t length)
@@ -153,8 +129,10 @@ private:
             CKelLockGuard lock(m_oTelegramCounterMutex);
             m_sSockAddr = sender;
             m_nAddrLen.store(senderLen, std::memory_order_relaxed);
-            m_sClientHost = NumericHostOf(sender, senderLen);
-            m_nClientUdpPort = PortOf(sender);
+            char host[INET6_ADDRSTRLEN];
+            const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&sender), host, sizeof(host));
+            m_sClientHost = numeric != nullptr ? numeric : "";
+            m_nClientUdpPort = KelPortOf(sender);
         }
         // Reaches the new viewer only if it switched on level 4 and mask 2 of
         // category 1: SendTraceMessage makes exactly these tests.
