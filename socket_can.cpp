@@ -17,7 +17,8 @@
 #include <cstdio>
 #include <cstring>
 
-namespace socket_can {
+namespace socket_can
+{
 
 constexpr int kInitialFamily = 29;  // PF_CAN
 constexpr int kInitialType = 3;     // SOCK_RAW
@@ -31,15 +32,26 @@ int type = kInitialType;
 int protocol = kInitialProtocol;
 std::atomic<int> descriptor{-1};
 
-namespace {
+namespace
+{
 
-void setBits(unsigned char bits) { can_state.fetch_or(bits); }
-void clearBits(unsigned char bits) { can_state.fetch_and(static_cast<unsigned char>(~bits)); }
-bool started() { return (can_state.load() & CAN_STATUS_NOT_STARTED) == 0; }
+void setBits(unsigned char bits)
+{
+    can_state.fetch_or(bits);
+}
+void clearBits(unsigned char bits)
+{
+    can_state.fetch_and(static_cast<unsigned char>(~bits));
+}
+bool started()
+{
+    return (can_state.load() & CAN_STATUS_NOT_STARTED) == 0;
+}
 
 // Closes a socket that could not be set up, keeping the errno of the call
 // that failed for the caller's perror.
-int failSetup(int fd) {
+int failSetup(int fd)
+{
     const int reason = errno;
     close(fd);
     descriptor = -1;
@@ -50,16 +62,19 @@ int failSetup(int fd) {
 // Fills the record's time stamp with the socket's last receive time. The
 // zeroing branch is never taken (the call returns 0 or -1); it is kept so the
 // record behaves exactly as the bridge has always seen it.
-void stampFromSocket(int fd, _can_msg_t *msg) {
-    if (ioctl(fd, SIOCGSTAMP, &msg->timestamp) > 0) {
+void stampFromSocket(int fd, _can_msg_t* msg)
+{
+    if (ioctl(fd, SIOCGSTAMP, &msg->timestamp) > 0)
+    {
         msg->timestamp.tv_sec = 0;
         msg->timestamp.tv_usec = 0;
     }
 }
 
-struct ErrorText {
+struct ErrorText
+{
     int code;
-    const char *text;
+    const char* text;
 };
 
 constexpr ErrorText kErrorTexts[] = {
@@ -92,13 +107,17 @@ constexpr ErrorText kErrorTexts[] = {
 
 using namespace socket_can;
 
-extern "C" int can_init(int channel, const can_socket_params_t *params, const struct can_filter * /*filters*/,
-                        int /*filter_count*/, bool /*flag1*/, bool /*flag2*/) {
-    if (init) return CAN_RC_ALREADY_INIT;
-    if (channel != -1) return CAN_RC_ILLEGAL_PARAMETER;
-    if (params == nullptr) return CAN_RC_NULL_POINTER;
+extern "C" int can_init(int channel, const can_socket_params_t* params, const struct can_filter* /*filters*/,
+                        int /*filter_count*/, bool /*flag1*/, bool /*flag2*/)
+{
+    if (init)
+        return CAN_RC_ALREADY_INIT;
+    if (channel != -1)
+        return CAN_RC_ILLEGAL_PARAMETER;
+    if (params == nullptr)
+        return CAN_RC_NULL_POINTER;
 
-    const char *name = params->ifname != nullptr ? params->ifname : "";
+    const char* name = params->ifname != nullptr ? params->ifname : "";
     const size_t length = strnlen(name, kIfNameLength);
     memcpy(ifname, name, length);
     ifname[length] = '\0';
@@ -107,7 +126,8 @@ extern "C" int can_init(int channel, const can_socket_params_t *params, const st
     protocol = params->protocol;
 
     const int fd = socket(family, type, protocol);
-    if (fd < 0) return CAN_RC_SYSTEM;
+    if (fd < 0)
+        return CAN_RC_SYSTEM;
     descriptor = fd;
 
     // The look-up's result is deliberately not checked: a missing interface
@@ -123,11 +143,13 @@ extern "C" int can_init(int channel, const can_socket_params_t *params, const st
     memset(&address, 0, sizeof address);
     address.can_family = static_cast<sa_family_t>(family);
     address.can_ifindex = request.ifr_ifindex;
-    if (bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) < 0) return failSetup(fd);
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) < 0)
+        return failSetup(fd);
 
     // Deliver every error class as an error frame; can_receive drops them.
     const can_err_mask_t errorMask = CAN_ERR_MASK;
-    if (setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) < 0) {
+    if (setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) < 0)
+    {
         const int reason = errno;
         printf("Error setsockopt: CAN_RAW_ERR_FILTER\n");
         errno = reason;
@@ -139,31 +161,43 @@ extern "C" int can_init(int channel, const can_socket_params_t *params, const st
     return 0;
 }
 
-extern "C" int can_start(int channel) {
-    if (!init) return CAN_RC_NOT_INIT;
-    if (started()) return CAN_RC_ALREADY_STARTED;
-    if (channel != -1) return CAN_RC_ILLEGAL_BAUDRATE;
+extern "C" int can_start(int channel)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (started())
+        return CAN_RC_ALREADY_STARTED;
+    if (channel != -1)
+        return CAN_RC_ILLEGAL_BAUDRATE;
     can_state = 0;
     return 0;
 }
 
-extern "C" int can_transmit(_can_msg_t *msg) {
-    if (!init) return CAN_RC_NOT_INIT;
-    if (!started()) return CAN_RC_NOT_STARTED;
-    if (msg == nullptr) return CAN_RC_NULL_POINTER;
-    if (msg->len > CAN_MAX_DLEN) return CAN_RC_ILLEGAL_PARAMETER;
+extern "C" int can_transmit(_can_msg_t* msg)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (!started())
+        return CAN_RC_NOT_STARTED;
+    if (msg == nullptr)
+        return CAN_RC_NULL_POINTER;
+    if (msg->len > CAN_MAX_DLEN)
+        return CAN_RC_ILLEGAL_PARAMETER;
 
     // The identifier is passed on unmasked; only the flag bits are added.
     struct can_frame frame;
     memset(&frame, 0, sizeof frame);
     frame.can_id = msg->id;
-    if (msg->ext) frame.can_id |= CAN_EFF_FLAG;
-    if (msg->rtr) frame.can_id |= CAN_RTR_FLAG;
+    if (msg->ext)
+        frame.can_id |= CAN_EFF_FLAG;
+    if (msg->rtr)
+        frame.can_id |= CAN_RTR_FLAG;
     frame.can_dlc = msg->len;
     memcpy(frame.data, msg->data, msg->len);
 
     const int fd = descriptor;
-    if (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+    if (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
+    {
         setBits(CAN_STATUS_TX_FAILED);
         return CAN_RC_TX_BUSY;
     }
@@ -172,23 +206,30 @@ extern "C" int can_transmit(_can_msg_t *msg) {
     return 0;
 }
 
-extern "C" int can_receive(_can_msg_t *msg) {
-    if (!init) return CAN_RC_NOT_INIT;
-    if (!started()) return CAN_RC_NOT_STARTED;
-    if (msg == nullptr) return CAN_RC_NULL_POINTER;
+extern "C" int can_receive(_can_msg_t* msg)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (!started())
+        return CAN_RC_NOT_STARTED;
+    if (msg == nullptr)
+        return CAN_RC_NULL_POINTER;
 
     const int fd = descriptor;
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
     struct timeval limit = {1, 0};
-    if (select(fd + 1, &readable, nullptr, nullptr, &limit) > 0 && FD_ISSET(fd, &readable)) {
+    if (select(fd + 1, &readable, nullptr, nullptr, &limit) > 0 && FD_ISSET(fd, &readable))
+    {
         struct can_frame frame;
-        if (read(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame)) {
+        if (read(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
+        {
             setBits(CAN_STATUS_RX_READ_FAILED);
             return CAN_RC_MESSAGE_LOST;
         }
-        if ((frame.can_id & CAN_ERR_FLAG) == 0) {
+        if ((frame.can_id & CAN_ERR_FLAG) == 0)
+        {
             msg->id = frame.can_id & CAN_EFF_MASK;
             msg->rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
             msg->ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
@@ -204,8 +245,10 @@ extern "C" int can_receive(_can_msg_t *msg) {
     return CAN_RC_RX_EMPTY;
 }
 
-extern "C" int can_exit(void) {
-    if (init) {
+extern "C" int can_exit(void)
+{
+    if (init)
+    {
         close(descriptor);
         descriptor = -1;
     }
@@ -218,9 +261,12 @@ extern "C" int can_exit(void) {
     return 0;
 }
 
-extern "C" void can_error(int code) {
-    for (const ErrorText &entry : kErrorTexts) {
-        if (entry.code == code) {
+extern "C" void can_error(int code)
+{
+    for (const ErrorText& entry : kErrorTexts)
+    {
+        if (entry.code == code)
+        {
             printf("%s\n", entry.text);
             return;
         }

@@ -18,85 +18,91 @@
 
 #ifdef __cplusplus
 #include <atomic>
-extern "C" {
+extern "C"
+{
 #endif
 
-/* Return codes of the adapter and of its code family (can_error prints them). */
-enum {
-    CAN_RC_OTHER = -99,
-    CAN_RC_NOT_SUPPORTED = -98,
-    CAN_RC_ALREADY_INIT = -96,
-    CAN_RC_NOT_INIT = -95,
-    CAN_RC_NULL_POINTER = -94,
-    CAN_RC_ILLEGAL_PARAMETER = -93,
-    CAN_RC_ILLEGAL_BAUDRATE = -91,
-    CAN_RC_TIMEOUT = -50,
-    CAN_RC_RX_EMPTY = -30,
-    CAN_RC_TX_BUSY = -20,
-    CAN_RC_LEC_CHECKSUM = -16,
-    CAN_RC_LEC_DOMINANT_BIT = -15,
-    CAN_RC_LEC_RECESSIVE_BIT = -14,
-    CAN_RC_LEC_ACKNOWLEDGE = -13,
-    CAN_RC_LEC_FORM = -12,
-    CAN_RC_LEC_STUFF = -11,
-    CAN_RC_MESSAGE_LOST = -10,
-    CAN_RC_NOT_STARTED = -9,
-    CAN_RC_ALREADY_STARTED = -8,
-    CAN_RC_BUS_ERROR = -3,
-    CAN_RC_ERROR_WARNING = -2,
-    CAN_RC_BUS_OFF = -1,
-    CAN_RC_SYSTEM = -10000 /* an operating-system call failed, see errno */
-};
+    /* Return codes of the adapter and of its code family (can_error prints them). */
+    enum
+    {
+        CAN_RC_OTHER = -99,
+        CAN_RC_NOT_SUPPORTED = -98,
+        CAN_RC_ALREADY_INIT = -96,
+        CAN_RC_NOT_INIT = -95,
+        CAN_RC_NULL_POINTER = -94,
+        CAN_RC_ILLEGAL_PARAMETER = -93,
+        CAN_RC_ILLEGAL_BAUDRATE = -91,
+        CAN_RC_TIMEOUT = -50,
+        CAN_RC_RX_EMPTY = -30,
+        CAN_RC_TX_BUSY = -20,
+        CAN_RC_LEC_CHECKSUM = -16,
+        CAN_RC_LEC_DOMINANT_BIT = -15,
+        CAN_RC_LEC_RECESSIVE_BIT = -14,
+        CAN_RC_LEC_ACKNOWLEDGE = -13,
+        CAN_RC_LEC_FORM = -12,
+        CAN_RC_LEC_STUFF = -11,
+        CAN_RC_MESSAGE_LOST = -10,
+        CAN_RC_NOT_STARTED = -9,
+        CAN_RC_ALREADY_STARTED = -8,
+        CAN_RC_BUS_ERROR = -3,
+        CAN_RC_ERROR_WARNING = -2,
+        CAN_RC_BUS_OFF = -1,
+        CAN_RC_SYSTEM = -10000 /* an operating-system call failed, see errno */
+    };
 
-/* Status bits of can_state. */
-enum {
-    CAN_STATUS_RX_READ_FAILED = 0x02, /* the last read returned a short count */
-    CAN_STATUS_RX_EMPTY = 0x04,       /* the last receive got no frame */
-    CAN_STATUS_TX_FAILED = 0x08,      /* the last write failed */
-    CAN_STATUS_NOT_STARTED = 0x80     /* set by can_init and can_exit, cleared by can_start */
-};
+    /* Status bits of can_state. */
+    enum
+    {
+        CAN_STATUS_RX_READ_FAILED = 0x02, /* the last read returned a short count */
+        CAN_STATUS_RX_EMPTY = 0x04,       /* the last receive got no frame */
+        CAN_STATUS_TX_FAILED = 0x08,      /* the last write failed */
+        CAN_STATUS_NOT_STARTED = 0x80     /* set by can_init and can_exit, cleared by can_start */
+    };
 
-/* One classic CAN frame as the bridge sees it. */
-typedef struct {
-    uint32_t id;              /* 11 or 29 bit identifier, without flag bits */
-    int32_t rtr;              /* remote frame: 0 or 1 */
-    int32_t ext;              /* extended (29 bit) identifier: 0 or 1 */
-    uint8_t len;              /* data length, 0 to 8 */
-    uint8_t data[8];
-    struct timeval timestamp; /* socket time stamp of the last received frame */
-} _can_msg_t;
+    /* One classic CAN frame as the bridge sees it. */
+    typedef struct
+    {
+        uint32_t id; /* 11 or 29 bit identifier, without flag bits */
+        int32_t rtr; /* remote frame: 0 or 1 */
+        int32_t ext; /* extended (29 bit) identifier: 0 or 1 */
+        uint8_t len; /* data length, 0 to 8 */
+        uint8_t data[8];
+        struct timeval timestamp; /* socket time stamp of the last received frame */
+    } _can_msg_t;
 
-/* How can_init opens its socket: PF_CAN (29), SOCK_RAW (3), CAN_RAW (1). */
-typedef struct {
-    const char *ifname; /* interface name, e.g. "can0" */
-    int family;
-    int type;
-    int protocol;
-} can_socket_params_t;
+    /* How can_init opens its socket: PF_CAN (29), SOCK_RAW (3), CAN_RAW (1). */
+    typedef struct
+    {
+        const char* ifname; /* interface name, e.g. "can0" */
+        int family;
+        int type;
+        int protocol;
+    } can_socket_params_t;
 
-/*
+    /*
  * Opens and binds the socket. channel must be -1. The filter list, the
  * filter count and the two flags are accepted but have no effect: the socket
  * receives every frame, and every error class as an error frame.
  */
-int can_init(int channel, const can_socket_params_t *params, const struct can_filter *filters,
-             int filter_count, bool flag1, bool flag2);
-/* Moves an initialised adapter to started. channel must be -1. */
-int can_start(int channel);
-/* Writes one frame. On success msg->timestamp holds the socket's last receive time. */
-int can_transmit(_can_msg_t *msg);
-/* Waits at most one second for a frame; error frames are dropped (-30). */
-int can_receive(_can_msg_t *msg);
-/* Closes the socket and restores the initial state. Always 0. */
-int can_exit(void);
-/* Prints the text of a code, with a newline, to standard output (unknown codes print nothing). */
-void can_error(int code);
+    int can_init(int channel, const can_socket_params_t* params, const struct can_filter* filters, int filter_count,
+                 bool flag1, bool flag2);
+    /* Moves an initialised adapter to started. channel must be -1. */
+    int can_start(int channel);
+    /* Writes one frame. On success msg->timestamp holds the socket's last receive time. */
+    int can_transmit(_can_msg_t* msg);
+    /* Waits at most one second for a frame; error frames are dropped (-30). */
+    int can_receive(_can_msg_t* msg);
+    /* Closes the socket and restores the initial state. Always 0. */
+    int can_exit(void);
+    /* Prints the text of a code, with a newline, to standard output (unknown codes print nothing). */
+    void can_error(int code);
 
 #ifdef __cplusplus
 } /* extern "C" */
 
 /* The adapter's module state, readable for diagnostics and tests. */
-namespace socket_can {
+namespace socket_can
+{
 constexpr int kIfNameLength = 16;
 extern std::atomic<int> init;                /* 1 once the socket is bound */
 extern std::atomic<unsigned char> can_state; /* CAN_STATUS_* bits */

@@ -37,13 +37,12 @@ void BM_ParseCanWrite(benchmark::State& state)
 {
     const std::string sPayload = CanWritePayload();
     const std::string sWire =
-        COrvaneMsg(kCanWriteCode, 1, sPayload.data(), static_cast<unsigned short>(sPayload.size()))
-            .GetMessageData();
+        COrvaneMsg(kCanWriteCode, 1, sPayload.data(), static_cast<unsigned short>(sPayload.size())).GetMessageData();
     COrvaneMsg oReceived;
     for (auto _ : state)
     {
-        bool bGood = oReceived.SetMessage(sWire.data(), static_cast<unsigned short>(sWire.size())) &&
-                     oReceived.IsCRCValid();
+        bool bGood =
+            oReceived.SetMessage(sWire.data(), static_cast<unsigned short>(sWire.size())) && oReceived.IsCRCValid();
         benchmark::DoNotOptimize(bGood);
     }
 }

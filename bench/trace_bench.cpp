@@ -57,8 +57,8 @@ public:
         sockaddr_in address = Loopback(0);
         bind(m_nSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
         // data: level, 4 masks, CRC; masks: category 1 bit 2, category 3 all
-        std::vector<unsigned char> request = {0x17, 0x00, 0x01, 0x00, 0x00, 0x00,
-                                              static_cast<unsigned char>(level | 0x04), 4};
+        std::vector<unsigned char> request = {
+            0x17, 0x00, 0x01, 0x00, 0x00, 0x00, static_cast<unsigned char>(level | 0x04), 4};
         for (unsigned int mask : {0u, 0x02u, 0u, kRequestMask})
             for (int shift = 0; shift < 32; shift += 8)
                 request.push_back(static_cast<unsigned char>(mask >> shift));

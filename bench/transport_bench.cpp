@@ -43,7 +43,7 @@ std::string Message()
     std::string bytes(kMessageSize, '\x5A');
     bytes[0] = static_cast<char>(kMessageSize - 2);
     bytes[1] = 0;
-    bytes[2] = 0x03;  // a command that is not a connection message
+    bytes[2] = 0x03; // a command that is not a connection message
     bytes[3] = 0x02;
     return bytes;
 }

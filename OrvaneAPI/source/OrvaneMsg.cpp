@@ -41,8 +41,7 @@ void COrvaneMsg::Clear()
     m_nCRC = ComputeCRC();
 }
 
-unsigned char COrvaneMsg::SetMessage(unsigned short nCmdCode, short nMsgID, const void* pData,
-                                     unsigned short nSize)
+unsigned char COrvaneMsg::SetMessage(unsigned short nCmdCode, short nMsgID, const void* pData, unsigned short nSize)
 {
     if (pData != nullptr && nSize != 0)
         m_sData.assign(static_cast<const char*>(pData), nSize);
@@ -96,22 +95,76 @@ std::string COrvaneMsg::GetMessageData() const
     return sWire;
 }
 
-std::string COrvaneMsg::ToChar(short nValue) { return KelToLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned short nValue) { return KelToLE(nValue); }
-std::string COrvaneMsg::ToChar(int nValue) { return KelToLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned int nValue) { return KelToLE(nValue); }
-std::string COrvaneMsg::ToChar(long long nValue) { return KelToLE(nValue); }
-std::string COrvaneMsg::ToChar(unsigned long long nValue) { return KelToLE(nValue); }
+std::string COrvaneMsg::ToChar(short nValue)
+{
+    return KelToLE(nValue);
+}
+std::string COrvaneMsg::ToChar(unsigned short nValue)
+{
+    return KelToLE(nValue);
+}
+std::string COrvaneMsg::ToChar(int nValue)
+{
+    return KelToLE(nValue);
+}
+std::string COrvaneMsg::ToChar(unsigned int nValue)
+{
+    return KelToLE(nValue);
+}
+std::string COrvaneMsg::ToChar(long long nValue)
+{
+    return KelToLE(nValue);
+}
+std::string COrvaneMsg::ToChar(unsigned long long nValue)
+{
+    return KelToLE(nValue);
+}
 
-void COrvaneMsg::FromChar(short& nValue, const unsigned char* p) { nValue = KelGetLE<short>(p); }
-void COrvaneMsg::FromChar(unsigned short& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned short>(p); }
-void COrvaneMsg::FromChar(int& nValue, const unsigned char* p) { nValue = KelGetLE<int>(p); }
-void COrvaneMsg::FromChar(unsigned int& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned int>(p); }
-void COrvaneMsg::FromChar(long long& nValue, const unsigned char* p) { nValue = KelGetLE<long long>(p); }
-void COrvaneMsg::FromChar(unsigned long long& nValue, const unsigned char* p) { nValue = KelGetLE<unsigned long long>(p); }
-void COrvaneMsg::FromChar(short& nValue, const char* p) { nValue = KelGetLE<short>(p); }
-void COrvaneMsg::FromChar(unsigned short& nValue, const char* p) { nValue = KelGetLE<unsigned short>(p); }
-void COrvaneMsg::FromChar(int& nValue, const char* p) { nValue = KelGetLE<int>(p); }
-void COrvaneMsg::FromChar(unsigned int& nValue, const char* p) { nValue = KelGetLE<unsigned int>(p); }
-void COrvaneMsg::FromChar(long long& nValue, const char* p) { nValue = KelGetLE<long long>(p); }
-void COrvaneMsg::FromChar(unsigned long long& nValue, const char* p) { nValue = KelGetLE<unsigned long long>(p); }
+void COrvaneMsg::FromChar(short& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<short>(p);
+}
+void COrvaneMsg::FromChar(unsigned short& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<unsigned short>(p);
+}
+void COrvaneMsg::FromChar(int& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<int>(p);
+}
+void COrvaneMsg::FromChar(unsigned int& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<unsigned int>(p);
+}
+void COrvaneMsg::FromChar(long long& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<long long>(p);
+}
+void COrvaneMsg::FromChar(unsigned long long& nValue, const unsigned char* p)
+{
+    nValue = KelGetLE<unsigned long long>(p);
+}
+void COrvaneMsg::FromChar(short& nValue, const char* p)
+{
+    nValue = KelGetLE<short>(p);
+}
+void COrvaneMsg::FromChar(unsigned short& nValue, const char* p)
+{
+    nValue = KelGetLE<unsigned short>(p);
+}
+void COrvaneMsg::FromChar(int& nValue, const char* p)
+{
+    nValue = KelGetLE<int>(p);
+}
+void COrvaneMsg::FromChar(unsigned int& nValue, const char* p)
+{
+    nValue = KelGetLE<unsigned int>(p);
+}
+void COrvaneMsg::FromChar(long long& nValue, const char* p)
+{
+    nValue = KelGetLE<long long>(p);
+}
+void COrvaneMsg::FromChar(unsigned long long& nValue, const char* p)
+{
+    nValue = KelGetLE<unsigned long long>(p);
+}

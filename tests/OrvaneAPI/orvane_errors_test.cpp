@@ -75,16 +75,30 @@ TEST(OrvaneErrorMsg, EveryTableRowGivesItsExactText)
 
 TEST(OrvaneErrorMsg, NamedCodesHaveTheirTableValues)
 {
-    const std::vector<std::pair<int, int>> aoNamed{
-        {ORVANE_OK, 0}, {ORVANE_ERR_TCP_SOCKET, 0x20000}, {ORVANE_ERR_TCP_NOT_CONNECTED, 0x30000},
-        {ORVANE_ERR_TCP_TIMEOUT, 0x40000}, {ORVANE_ERR_TCP_INITIALIZING, 0x50000},
-        {ORVANE_ERR_TCP_NOT_INITIALIZED, 0x60000}, {ORVANE_ERR_TELEGRAM_CRC, 0xA0000},
-        {ORVANE_ERR_TELEGRAM_NOT_CONFIRMED, 0xB0000}, {ORVANE_ERR_TELEGRAM_CNF_INVALID, 0xC0000},
-        {ORVANE_ERR_INVALID_HANDLE, 0x900000}, {ORVANE_ERR_INVALID_DEVICE_TYPE, 0x910000},
-        {ORVANE_ERR_INVALID_PARAMETER, 0x920000}, {ORVANE_ERR_MAX_CONNECTIONS, 1}, {ORVANE_ERR_EEPROM, 2},
-        {ORVANE_ERR_COMMAND_FAILED, 0xFF}, {eOrvaneI2C, 1}, {eOrvaneCAN, 2}, {eOrvaneSPI, 3},
-        {eOrvaneUniversalProgrammer, 8}, {eOrvaneRenesas, 9}, {eOrvaneTestSystemIO, 11},
-        {eOrvaneTestSystemPWR, 12}, {eOrvaneTestSystemCOM, 13}, {eOrvaneAWire, 14}};
+    const std::vector<std::pair<int, int>> aoNamed{{ORVANE_OK, 0},
+                                                   {ORVANE_ERR_TCP_SOCKET, 0x20000},
+                                                   {ORVANE_ERR_TCP_NOT_CONNECTED, 0x30000},
+                                                   {ORVANE_ERR_TCP_TIMEOUT, 0x40000},
+                                                   {ORVANE_ERR_TCP_INITIALIZING, 0x50000},
+                                                   {ORVANE_ERR_TCP_NOT_INITIALIZED, 0x60000},
+                                                   {ORVANE_ERR_TELEGRAM_CRC, 0xA0000},
+                                                   {ORVANE_ERR_TELEGRAM_NOT_CONFIRMED, 0xB0000},
+                                                   {ORVANE_ERR_TELEGRAM_CNF_INVALID, 0xC0000},
+                                                   {ORVANE_ERR_INVALID_HANDLE, 0x900000},
+                                                   {ORVANE_ERR_INVALID_DEVICE_TYPE, 0x910000},
+                                                   {ORVANE_ERR_INVALID_PARAMETER, 0x920000},
+                                                   {ORVANE_ERR_MAX_CONNECTIONS, 1},
+                                                   {ORVANE_ERR_EEPROM, 2},
+                                                   {ORVANE_ERR_COMMAND_FAILED, 0xFF},
+                                                   {eOrvaneI2C, 1},
+                                                   {eOrvaneCAN, 2},
+                                                   {eOrvaneSPI, 3},
+                                                   {eOrvaneUniversalProgrammer, 8},
+                                                   {eOrvaneRenesas, 9},
+                                                   {eOrvaneTestSystemIO, 11},
+                                                   {eOrvaneTestSystemPWR, 12},
+                                                   {eOrvaneTestSystemCOM, 13},
+                                                   {eOrvaneAWire, 14}};
     for (size_t i = 0; i < aoNamed.size(); ++i)
         EXPECT_EQ(aoNamed[i].first, aoNamed[i].second) << "row " << i;
 }
@@ -110,9 +124,9 @@ TEST(OrvaneErrorMsg, UnknownCodeRetriesWithDeviceTypeBitsCleared)
 
 TEST(OrvaneDeviceName, NamesOneToNineAndUnknownOtherwise)
 {
-    const char* const apNames[] = {"Orvane I2C", "Orvane CAN", "Orvane SPI",
-                                   "Orvane RS232", "Orvane DIO", "Orvane Audio",
-                                   "Orvane AD", "Orvane Universal Programmer", "Orvane Renesas"};
+    const char* const apNames[] = {"Orvane I2C",    "Orvane CAN",   "Orvane SPI", "Orvane RS232",
+                                   "Orvane DIO",    "Orvane Audio", "Orvane AD",  "Orvane Universal Programmer",
+                                   "Orvane Renesas"};
     for (int nType = 1; nType <= 9; ++nType)
         EXPECT_EQ(OrvaneDeviceName(nType), apNames[nType - 1]) << nType;
     for (int nType : {0, 10, 11, 14, -1, 0x102})

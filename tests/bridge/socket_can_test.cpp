@@ -8,42 +8,59 @@
 #include <cstdio>
 #include <string>
 
-namespace {
+namespace
+{
 
-std::string errorText(int code) {
+std::string errorText(int code)
+{
     ::testing::internal::CaptureStdout();
     can_error(code);
     fflush(stdout);
     return ::testing::internal::GetCapturedStdout();
 }
 
-TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing) {
-    const struct {
+TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing)
+{
+    const struct
+    {
         int code;
-        const char *text;
+        const char* text;
     } expected[] = {
-        {-99, "SocketCAN: USR - other errors"},       {-98, "SocketCAN: USR - not supported"},
-        {-96, "SocketCAN: USR - already initialized"}, {-95, "SocketCAN: USR - not initialized"},
+        {-99, "SocketCAN: USR - other errors"},
+        {-98, "SocketCAN: USR - not supported"},
+        {-96, "SocketCAN: USR - already initialized"},
+        {-95, "SocketCAN: USR - not initialized"},
         {-94, "SocketCAN: USR - null-pointer assignement"},
-        {-93, "SocketCAN: USR - illegal parameter"},  {-91, "SocketCAN: USR - illegal baudrate"},
-        {-50, "SocketCAN: USR - time-out"},           {-30, "SocketCAN: USR - receiver empty"},
-        {-20, "SocketCAN: USR - transmitter busy"},   {-16, "SocketCAN: LEC - checksum error"},
-        {-15, "SocketCAN: LEC - dominant bit error"}, {-14, "SocketCAN: LEC - recessive bit error"},
-        {-13, "SocketCAN: LEC - acknowledge error"},  {-12, "SocketCAN: LEC - form error"},
-        {-11, "SocketCAN: LEC - stuff error"},        {-10, "SocketCAN: CAN - message lost"},
-        {-9, "SocketCAN: CAN - not started"},         {-8, "SocketCAN: CAN - already started"},
-        {-3, "SocketCAN: CAN - bus error"},           {-2, "SocketCAN: CAN - error warning status"},
+        {-93, "SocketCAN: USR - illegal parameter"},
+        {-91, "SocketCAN: USR - illegal baudrate"},
+        {-50, "SocketCAN: USR - time-out"},
+        {-30, "SocketCAN: USR - receiver empty"},
+        {-20, "SocketCAN: USR - transmitter busy"},
+        {-16, "SocketCAN: LEC - checksum error"},
+        {-15, "SocketCAN: LEC - dominant bit error"},
+        {-14, "SocketCAN: LEC - recessive bit error"},
+        {-13, "SocketCAN: LEC - acknowledge error"},
+        {-12, "SocketCAN: LEC - form error"},
+        {-11, "SocketCAN: LEC - stuff error"},
+        {-10, "SocketCAN: CAN - message lost"},
+        {-9, "SocketCAN: CAN - not started"},
+        {-8, "SocketCAN: CAN - already started"},
+        {-3, "SocketCAN: CAN - bus error"},
+        {-2, "SocketCAN: CAN - error warning status"},
         {-1, "SocketCAN: CAN - busoff status"},
     };
-    for (const auto &entry : expected) {
+    for (const auto& entry : expected)
+    {
         EXPECT_EQ(std::string(entry.text) + "\n", errorText(entry.code)) << "code " << entry.code;
     }
-    for (int code : {0, 1, -4, -17, -92, -97, -100, -10000}) {
+    for (int code : {0, 1, -4, -17, -92, -97, -100, -10000})
+    {
         EXPECT_EQ("", errorText(code)) << "code " << code;
     }
 }
 
-TEST(SocketCanHost, CallsBeforeASocketExistsAreRejectedWithTheirCodes) {
+TEST(SocketCanHost, CallsBeforeASocketExistsAreRejectedWithTheirCodes)
+{
     const can_socket_params_t params{"orvnone0", 29, 3, 1};
     _can_msg_t msg{};
     EXPECT_EQ(-95, can_start(-1));

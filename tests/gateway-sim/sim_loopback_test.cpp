@@ -22,7 +22,7 @@ std::string Hex(unsigned short nCode, short nID, const std::string& sPayloadHex 
     return ToHex(BuildTelegram(nCode, nID, FromHex(sPayloadHex)));
 }
 
-const char* const SET_GLOBALS = "0D 00 07 02 03 00 00 48 E8 01 00 01 00 01 A7";  // 125 kbit/s, time stamps on
+const char* const SET_GLOBALS = "0D 00 07 02 03 00 00 48 E8 01 00 01 00 01 A7"; // 125 kbit/s, time stamps on
 const char* const SET_GLOBALS_CNF = "06 00 07 82 03 00 00 86";
 const char* const GET_GLOBALS = "05 00 08 02 04 00 0E";
 const char* const GET_CONFIG = "05 00 06 02 06 00 02";
@@ -56,7 +56,10 @@ protected:
             EXPECT_EQ(m_aoClients[oReply.first].ReceiveHex(), oReply.second) << "client " << oReply.first;
     }
     unsigned short Port(std::size_t nIndex = 0) const { return m_poSim->TcpPort(nIndex); }
-    bool WaitClients(int nCount) { return WaitFor([&] { return m_poSim->ConnectedClients(0) == nCount; }); }
+    bool WaitClients(int nCount)
+    {
+        return WaitFor([&] { return m_poSim->ConnectedClients(0) == nCount; });
+    }
     const SSimCounters& Counters() const { return m_poSim->Counters(); }
 
     SSimOptions m_oOptions;
@@ -93,8 +96,10 @@ TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
     Talk(0, WRITE_123, {{1, IND_123}, {2, IND_123}});
     // In the order written.
     Talk(1, Hex(eCmdWrite, 1, "01 00 00 00 00 AA") + " " + Hex(eCmdWrite, 2, "02 00 00 00 00 BB"),
-         {{0, Hex(eIndFrame, 0, "01 00 00 00 00 AA")}, {0, Hex(eIndFrame, 0, "02 00 00 00 00 BB")},
-          {2, Hex(eIndFrame, 0, "01 00 00 00 00 AA")}, {2, Hex(eIndFrame, 0, "02 00 00 00 00 BB")}});
+         {{0, Hex(eIndFrame, 0, "01 00 00 00 00 AA")},
+          {0, Hex(eIndFrame, 0, "02 00 00 00 00 BB")},
+          {2, Hex(eIndFrame, 0, "01 00 00 00 00 AA")},
+          {2, Hex(eIndFrame, 0, "02 00 00 00 00 BB")}});
     // The sender got no copy and no confirmation, port 1 heard nothing: the
     // next message of each is the answer to its next request.
     Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
@@ -140,13 +145,16 @@ TEST_F(SimLoopbackTest, CANopenModeIndicatesServicesAsSuch)
     // indications: transmit PDO 1 of node 5, SYNC, EMCY and GUARD of node 10.
     Talk(0, Hex(eCmdWrite, 2, "85 01 00 00 00 0A 0B"), {{1, Hex(eIndPDO, 0, "05 01 02 0A 0B")}});
     Talk(0, Hex(eCmdWrite, 3, "80 00 00 00 00 07"), {{1, Hex(eIndSYNC, 0, "07")}});
-    Talk(0, Hex(eCmdWrite, 4, "8A 00 00 00 00 10 81 11 01 02 03 04 05"), {{1, Hex(eIndEMCY, 0, "0A 10 81 11 01 02 03 04 05")}});
+    Talk(0, Hex(eCmdWrite, 4, "8A 00 00 00 00 10 81 11 01 02 03 04 05"),
+         {{1, Hex(eIndEMCY, 0, "0A 10 81 11 01 02 03 04 05")}});
     Talk(0, Hex(eCmdWrite, 5, "0A 07 00 00 00 7F"), {{1, Hex(eIndGUARD, 0, "0A 7F")}});
     // Everything else is an undefined message: a receive PDO, an SDO, and the
     // master's own NMT command (frame 0x000).
     Talk(0, Hex(eCmdWrite, 6, "05 02 00 00 00 01"), {{1, Hex(eIndUndefined, 0, "05 02 00 00 00 01")}});
-    Talk(0, Hex(eCmdWrite, 7, "05 06 00 00 00 40 00 10 00"), {{1, Hex(eIndUndefined, 0, "05 06 00 00 00 40 00 10 00")}});
-    Talk(0, Hex(eCmdCANopenNMT, 8, "05 01"), {{0, Hex(0x8263, 8, "00")}, {1, Hex(eIndUndefined, 0, "00 00 00 00 00 01 05")}});
+    Talk(0, Hex(eCmdWrite, 7, "05 06 00 00 00 40 00 10 00"),
+         {{1, Hex(eIndUndefined, 0, "05 06 00 00 00 40 00 10 00")}});
+    Talk(0, Hex(eCmdCANopenNMT, 8, "05 01"),
+         {{0, Hex(0x8263, 8, "00")}, {1, Hex(eIndUndefined, 0, "00 00 00 00 00 01 05")}});
 }
 
 TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
@@ -159,8 +167,9 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
     // Identifier 0x1F0, no flags, the 64-bit frame counter as data.
     EXPECT_EQ(ToHex(asFrames[0].substr(0, 11)), "12 00 03 02 00 00 F0 01 00 00 00");
     const unsigned int nCounter = CPayloadReader(asFrames[0]).U32(11);
-    EXPECT_EQ(asFrames[1], BuildTelegram(eIndFrame, 0, asFrames[0].substr(6, 5) + COrvaneMsg::ToChar(nCounter + 1) +
-                                                         asFrames[0].substr(15, 4)));
+    EXPECT_EQ(asFrames[1],
+              BuildTelegram(eIndFrame, 0,
+                            asFrames[0].substr(6, 5) + COrvaneMsg::ToChar(nCounter + 1) + asFrames[0].substr(15, 4)));
 }
 
 // ---- fault injection ----
@@ -200,9 +209,9 @@ TEST_F(SimLoopbackTest, ClosedAfterNTelegrams)
     StartWith(1);
     for (int nConnection = 0; nConnection < 2; ++nConnection)
     {
-        ASSERT_TRUE(nConnection == 0 || m_aoClients[0].Open(Port()));  // a new connection counts anew
+        ASSERT_TRUE(nConnection == 0 || m_aoClients[0].Open(Port())); // a new connection counts anew
         Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
-        Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});  // still answered, then closed
+        Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}}); // still answered, then closed
         EXPECT_TRUE(m_aoClients[0].WaitClosed());
         EXPECT_TRUE(WaitClients(0));
     }

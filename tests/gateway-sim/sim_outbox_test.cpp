@@ -30,15 +30,20 @@ public:
         m_oChanged.notify_all();
         return m_bAccept;
     }
-    void CloseLink() override { Change([&] { m_bClosed = true; }); }
-    template <class F> void Change(F fChange)
+    void CloseLink() override
+    {
+        Change([&] { m_bClosed = true; });
+    }
+    template <class F>
+    void Change(F fChange)
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
         fChange();
         m_oChanged.notify_all();
     }
     // Waits (at most 5 s) until fCondition holds under the lock.
-    template <class F> bool WaitUntil(F fCondition)
+    template <class F>
+    bool WaitUntil(F fCondition)
     {
         std::unique_lock<std::mutex> oLock(m_oMutex);
         return m_oChanged.wait_for(oLock, std::chrono::seconds(5), fCondition);
@@ -60,7 +65,7 @@ TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
     COutbox oOutbox(oLink, oCounters, 3);
     ASSERT_TRUE(oOutbox.Start());
     ASSERT_TRUE(oOutbox.PostIndication("i0"));
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; }));  // the writer holds i0, the queue is empty
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered; })); // the writer holds i0, the queue is empty
     for (const char* pIndication : {"i1", "i2", "i3"})
         EXPECT_TRUE(oOutbox.PostIndication(pIndication));
     EXPECT_FALSE(oOutbox.PostIndication("i4"));

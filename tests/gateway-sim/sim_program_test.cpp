@@ -53,8 +53,8 @@ TEST(SimOptions, DefaultsAndEveryOption)
     EXPECT_EQ(oCan.sBindAddress, "127.0.0.2");
 
     SSimOptions oOptions;
-    ASSERT_EQ(Parse({"2", "--echo", "-l", "500", "--load-id", "0x18FF0001", "--max-clients", "3", "--fail", "0x207=0x24",
-                     "-f", "0x03=0x21", "--freeze-after", "5", "--close-after", "7", "-t", "6001", "0"},
+    ASSERT_EQ(Parse({"2", "--echo", "-l", "500", "--load-id", "0x18FF0001", "--max-clients", "3", "--fail",
+                     "0x207=0x24", "-f", "0x03=0x21", "--freeze-after", "5", "--close-after", "7", "-t", "6001", "0"},
                     oOptions, sError),
               EParseResult::eRun)
         << sError;
@@ -73,10 +73,17 @@ TEST(SimOptions, DefaultsAndEveryOption)
 TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
 {
     const std::vector<std::vector<std::string>> aasBad = {
-        {"--fail", "0x207"},       {"--fail", "0x207=0"},      {"--fail", "x=1"},
-        {"--max-clients", "0"},    {"--load", "-5"},           {"646"},
-        {"1", "1"},                {"--socketcan", "vcan1", "0", "1"},
-        {"--tcp-base", "65500", "1"}, {"--no-such-option"},    {"--load"},
+        {"--fail", "0x207"},
+        {"--fail", "0x207=0"},
+        {"--fail", "x=1"},
+        {"--max-clients", "0"},
+        {"--load", "-5"},
+        {"646"},
+        {"1", "1"},
+        {"--socketcan", "vcan1", "0", "1"},
+        {"--tcp-base", "65500", "1"},
+        {"--no-such-option"},
+        {"--load"},
     };
     for (const auto& asWords : aasBad)
     {
@@ -100,8 +107,8 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
     const unsigned short nPort = ListeningPort(oProgram);
     CRawClient oClient;
     ASSERT_TRUE(oClient.Open(nPort)) << oProgram.Output();
-    ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F"));  // wrong CRC
-    ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02"));  // GET_CONFIG
+    ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F")); // wrong CRC
+    ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02")); // GET_CONFIG
     EXPECT_EQ(oClient.ReceiveHex(), "08 00 06 82 06 00 00 00 00 82");
     oClient.Close();
     ASSERT_TRUE(oProgram.WaitForOutput("client 1: disconnected")) << oProgram.Output();

@@ -17,7 +17,7 @@ using namespace kel_test;
 
 namespace
 {
-const unsigned char kId = 2;  // CAN device type: connection commands 0x02xx
+const unsigned char kId = 2; // CAN device type: connection commands 0x02xx
 const unsigned short kConnectReq = 0x0201, kConnectCnf = 0x8201, kDisconnectReq = 0x0202, kDisconnectCnf = 0x8202,
                      kAliveReq = 0x020D, kAliveCnf = 0x820D;
 
@@ -74,8 +74,8 @@ TEST(KelIPConnectionFraming, PeerBytesArriveAsWholeMessages)
     const std::string single = Frame(Pattern(200, 3));
     // 65,535 bytes in all is the longest message; the second one ends past
     // the read buffer's fill limit.
-    const std::vector<std::string> largest = {Frame(Pattern(39998, 1)), Frame(Pattern(65533, 2)),
-                                              Frame(Pattern(1, 3)), Frame(Pattern(65533, 4))};
+    const std::vector<std::string> largest = {Frame(Pattern(39998, 1)), Frame(Pattern(65533, 2)), Frame(Pattern(1, 3)),
+                                              Frame(Pattern(65533, 4))};
     // The peer sends each chunk once the connection has reported `after`
     // messages in all.
     struct SChunk
@@ -131,10 +131,10 @@ TEST(KelIPConnectionConnect, PeerAnswerDecidesTheResult)
         unsigned int result;
     } cases[] = {
         {MakeMsg(kConnectCnf, 1, Result(0)), kWaitMs, eKelIPSuccess},
-        {MakeMsg(kConnectCnf, 1, Result(1)), kWaitMs, eKelIPRefused},  // the peer's connection limit
+        {MakeMsg(kConnectCnf, 1, Result(1)), kWaitMs, eKelIPRefused}, // the peer's connection limit
         {MakeMsg(kConnectCnf, 1, Result(0xFF)), kWaitMs, eKelIPNotConnected},
-        {MakeMsg(kConnectCnf, 1), 400, eKelIPTimeout},  // no result byte
-        {MakeMsg(0x8301, 1, Result(0)), 400, eKelIPTimeout},  // another id's confirmation
+        {MakeMsg(kConnectCnf, 1), 400, eKelIPTimeout},       // no result byte
+        {MakeMsg(0x8301, 1, Result(0)), 400, eKelIPTimeout}, // another id's confirmation
     };
     for (const auto& test : cases)
     {
@@ -170,7 +170,8 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
         answered = poll(&entry, 1, 200) == 1;
     }
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(eKelIPNotConnected, connection.ConnectReq(kLoopback, listener.Port(), 300, kId, CKelIPBase::eTCP, "", true));
+    EXPECT_EQ(eKelIPNotConnected,
+              connection.ConnectReq(kLoopback, listener.Port(), 300, kId, CKelIPBase::eTCP, "", true));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(290));
     EXPECT_EQ(CKelIPBase::eDisconnected, connection.GetState());
     EXPECT_EQ(0, connection.ConnectIndCount(true));
@@ -178,7 +179,8 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
 
 TEST_F(MessageConnectionTest, ConnectReqWhileConnectedChangesNothing)
 {
-    EXPECT_EQ(eKelIPWrongState, m_oConnection.ConnectReq(kLoopback, m_oListener.Port(), 1000, kId, CKelIPBase::eTCP, "", true));
+    EXPECT_EQ(eKelIPWrongState,
+              m_oConnection.ConnectReq(kLoopback, m_oListener.Port(), 1000, kId, CKelIPBase::eTCP, "", true));
     EXPECT_EQ(CKelIPBase::eConnected, m_oConnection.GetState());
     ASSERT_TRUE(m_oPeer.SendAll(Frame("still")));
     ASSERT_TRUE(m_oConnection.WaitForMessages(1));
@@ -190,7 +192,7 @@ TEST_F(RawStreamTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectServesTheNe
 {
     for (int round = 1; round <= 3; ++round)
     {
-        ASSERT_TRUE(round == 1 || Connect(false) == eKelIPSuccess);  // round 1: connected by SetUp
+        ASSERT_TRUE(round == 1 || Connect(false) == eKelIPSuccess); // round 1: connected by SetUp
         const std::string message = Frame(Pattern(4, static_cast<unsigned char>(round)));
         ASSERT_TRUE(m_oPeer.SendAll(message));
         ASSERT_TRUE(m_oConnection.WaitForMessages(static_cast<size_t>(round)));
@@ -212,8 +214,9 @@ TEST(KelIPConnectionLoss, SendTimeOutEndsTheConnection)
 {
     CRawListener listener(8, 4096);
     CRecordingConnection connection;
-    ASSERT_EQ(eKelIPSuccess, connection.ConnectReq(kLoopback, listener.Port(), kWaitMs, kId, CKelIPBase::eTCP, "", false));
-    CRawSocket peer = listener.Accept();  // never reads
+    ASSERT_EQ(eKelIPSuccess,
+              connection.ConnectReq(kLoopback, listener.Port(), kWaitMs, kId, CKelIPBase::eTCP, "", false));
+    CRawSocket peer = listener.Accept(); // never reads
     const std::string message = Frame(Pattern(65533, 1));
     unsigned int result = eKelIPSuccess;
     for (int i = 0; i < 2000 && result == eKelIPSuccess; ++i)
@@ -230,10 +233,12 @@ TEST(KelIPConnectionDisconnect, ConnectionEndsWhateverThePeerAnswers)
 {
     const struct
     {
-        std::string result;      // of the peer's confirmation; "" none
-        unsigned int timeoutMs;  // 0: CloseConnection, which sends nothing
+        std::string result;     // of the peer's confirmation; "" none
+        unsigned int timeoutMs; // 0: CloseConnection, which sends nothing
         unsigned int expected;
-    } cases[] = {{Result(0), kWaitMs, eKelIPSuccess}, {Result(3), kWaitMs, eKelIPError}, {"", 200, eKelIPTimeout},
+    } cases[] = {{Result(0), kWaitMs, eKelIPSuccess},
+                 {Result(3), kWaitMs, eKelIPError},
+                 {"", 200, eKelIPTimeout},
                  {"", 0, eKelIPSuccess}};
     for (const auto& test : cases)
     {
@@ -300,7 +305,7 @@ TEST(KelIPConnectionAlive, RequestsTakeTurnsWithMessagesSentInParts)
 {
     CPeeredConnection side(4096);
     ASSERT_EQ(eKelIPSuccess, side.Connect(true));
-    const int sendBuffer = 4096;  // small buffers: every large message waits
+    const int sendBuffer = 4096; // small buffers: every large message waits
     setsockopt(side.m_oConnection.GetSocket(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
     ASSERT_EQ(eKelIPSuccess, side.m_oConnection.SetAlive(800));
     const std::string request = MakeMsg(kAliveReq, 0, U32(800));
@@ -327,7 +332,7 @@ TEST(KelIPConnectionAlive, RequestsTakeTurnsWithMessagesSentInParts)
         }
         ASSERT_TRUE(message == large) << "message " << messages << " was cut into (" << message.size() << " bytes)";
         ++messages;
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));  // slow reader; nothing waits on it
+        std::this_thread::sleep_for(std::chrono::milliseconds(30)); // slow reader; nothing waits on it
     }
     EXPECT_EQ(eKelIPSuccess, sender.get());
     EXPECT_GE(requests, 1);
@@ -343,7 +348,7 @@ TEST_F(MessageConnectionTest, SwitchingAliveOffStillTellsThePeerTheOldPeriod)
     std::string message;
     while (requests < 5 && (message = m_oPeer.ReadMessage(500)) == MakeMsg(kAliveReq, 0, U32(300)))
         ++requests;
-    EXPECT_EQ("", message);  // no more requests, and silence ends nothing
+    EXPECT_EQ("", message); // no more requests, and silence ends nothing
     EXPECT_GE(requests, 2);
     EXPECT_EQ(CKelIPBase::eConnected, m_oConnection.GetState());
 }

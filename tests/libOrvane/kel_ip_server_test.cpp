@@ -88,7 +88,10 @@ protected:
     {
         return m_bRefuse ? nullptr : new CServerConnection(this, socket);
     }
-    CKelIPConnection* CreateUdpServer(unsigned short port) override { return new CRecordingConnection(GetId(), port, true); }
+    CKelIPConnection* CreateUdpServer(unsigned short port) override
+    {
+        return new CRecordingConnection(GetId(), port, true);
+    }
 };
 
 TEST(KelIPServerLimit, ClientAboveTheLimitGetsResultOneAndIsClosed)
@@ -135,7 +138,7 @@ TEST(KelIPServerLimit, PurgeFreesSlotsButKeepsAnEntryWhoseReadThreadRuns)
     EXPECT_TRUE(WaitUntil([&] { return CountEntries(container) == 0 || container.RemoveClient(); }));
     EXPECT_EQ(0u, CountEntries(container));
     EXPECT_TRUE(client.WaitForConnectInd(false, 1));
-    CRecordingConnection next;  // the only slot is free again
+    CRecordingConnection next; // the only slot is free again
     EXPECT_EQ(eKelIPSuccess, Connect(next, container.GetPort()));
 }
 
@@ -175,7 +178,7 @@ TEST(KelIPServerListening, TwoContainersServeAndEndTheirOwnClients)
     EXPECT_EQ(1u, second->CountActiveTCPConnections());
     EXPECT_EQ(0u, taken.CountActiveTCPConnections());
 
-    second.reset();  // disconnects its client only
+    second.reset(); // disconnects its client only
     EXPECT_TRUE(c.WaitForConnectInd(false, 1));
     EXPECT_TRUE(WaitUntil([&] { return c.GetState() == CKelIPBase::eDisconnected; }));
     EXPECT_EQ(2u, first.CountActiveTCPConnections());
@@ -212,7 +215,8 @@ TEST(KelIPServerDatagram, EndpointTalksToTheClientThatConnected)
     ASSERT_NE(nullptr, endpoint);
     EXPECT_EQ(CKelIPBase::eWaitingForPeer, endpoint->GetState());
     CRecordingConnection client;
-    ASSERT_EQ(eKelIPSuccess, client.ConnectReq(kLoopback, container.GetPort(), kWaitMs, kId, CKelIPBase::eUDP, "", true));
+    ASSERT_EQ(eKelIPSuccess,
+              client.ConnectReq(kLoopback, container.GetPort(), kWaitMs, kId, CKelIPBase::eUDP, "", true));
     EXPECT_EQ(CKelIPBase::eConnected, endpoint->GetState());
     EXPECT_EQ(1, endpoint->ConnectIndCount(true));
 

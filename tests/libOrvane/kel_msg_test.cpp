@@ -27,14 +27,14 @@ TEST(KelMsgWire, LayoutCrcAndBuilders)
     EXPECT_EQ(0u, CKelMsg::Build(buffer, 8, 0x0201, 0x0301, "AB", 2));
     EXPECT_EQ(0u, message.WriteTo(buffer, 8));
 
-    const CKelMsg empty(0x8002, 0, nullptr, 4);  // null data: no data at all
+    const CKelMsg empty(0x8002, 0, nullptr, 4); // null data: no data at all
     EXPECT_EQ(5, empty.GetLength());
     EXPECT_EQ(7u, empty.GetWireSize());
     EXPECT_TRUE(empty.IsConfirmation());
 
     EXPECT_EQ(0x8201, CKelMsg::Command(2, CKelMsg::eConnectReq | CKelMsg::eConfirmation));
     EXPECT_EQ(0x020D, CKelMsg::Command(2, CKelMsg::eAliveReq));
-    EXPECT_EQ(0x0202, CKelMsg::Command(0x82, CKelMsg::eDisconnectReq));  // low seven bits of the id
+    EXPECT_EQ(0x0202, CKelMsg::Command(0x82, CKelMsg::eDisconnectReq)); // low seven bits of the id
 }
 
 TEST(KelMsgParse, LengthAndCrcEdgeCases)

@@ -20,8 +20,7 @@ using Clock = std::chrono::steady_clock;
 
 long ElapsedMs(Clock::time_point since)
 {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
 }
 
 // Polls a condition (1 ms steps) for up to ten seconds.
@@ -52,11 +51,10 @@ bool IsBlocked(pid_t tid)
 struct Waiter
 {
     explicit Waiter(CKelEvent& event, unsigned int timeoutMs = KEL_INFINITE)
-        : event(event)
-        , thread([this, &event, timeoutMs] {
-            tid = static_cast<pid_t>(syscall(SYS_gettid));
-            result = event.Wait(timeoutMs) ? 1 : 0;
-        })
+        : event(event), thread([this, &event, timeoutMs] {
+              tid = static_cast<pid_t>(syscall(SYS_gettid));
+              result = event.Wait(timeoutMs) ? 1 : 0;
+          })
     {
         EXPECT_TRUE(Eventually([this] { return tid.load() != 0 && IsBlocked(tid.load()); }));
     }
@@ -193,13 +191,13 @@ namespace
 class CountingThread : public CKelThread
 {
 public:
-    explicit CountingThread(unsigned int stackSize = 0, bool loop = true)
-        : CKelThread(stackSize), m_bLoop(loop)
-    {
-    }
+    explicit CountingThread(unsigned int stackSize = 0, bool loop = true) : CKelThread(stackSize), m_bLoop(loop) {}
     ~CountingThread() override { Terminate(); }
 
-    bool WaitFinished() { return Eventually([this] { return GetState() == eFinished; }); }
+    bool WaitFinished()
+    {
+        return Eventually([this] { return GetState() == eFinished; });
+    }
 
     std::atomic<int> initialized{0};
     std::atomic<int> runs{0};

@@ -77,8 +77,17 @@ Bytes Message(unsigned short counter, unsigned char level, unsigned char categor
               unsigned char flags, unsigned short line, const std::string& file, const std::string& text)
 {
     Bytes out;
-    Put(out, {{25 + file.size() + text.size(), 2}, {0x4001, 2}, {counter, 2}, {0, 8}, {level, 1}, {category, 1},
-              {mask, 4}, {flags, 1}, {line, 2}, {file.size(), 2}});
+    Put(out,
+        {{25 + file.size() + text.size(), 2},
+         {0x4001, 2},
+         {counter, 2},
+         {0, 8},
+         {level, 1},
+         {category, 1},
+         {mask, 4},
+         {flags, 1},
+         {line, 2},
+         {file.size(), 2}});
     out.insert(out.end(), file.begin(), file.end());
     Put(out, {{text.size(), 2}});
     out.insert(out.end(), text.begin(), text.end());
@@ -106,9 +115,9 @@ public:
     void Send(const Bytes& bytes)
     {
         const sockaddr_in server = Loopback(CTraceServer::m_nServerUdpPort);
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), sendto(m_nSocket, bytes.data(), bytes.size(), 0,
-                                                             reinterpret_cast<const sockaddr*>(&server),
-                                                             sizeof(server)));
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+                  sendto(m_nSocket, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&server),
+                         sizeof(server)));
     }
 
     // The next datagram, or an empty one after the time-out.
@@ -230,8 +239,8 @@ TEST_F(TraceServerTest, OtherRequestsAnswerOrReportButMakeNoViewer)
     CTraceServer::SetCategoryName(0, 7, "General");
     CTraceServer::SetCategoryName(3, 13, "Device client and more");
     const Bytes expected = {0x1D, 0x00, 0x02, 0x80, 0x00, 0x00, // length 29, type, counter 0
-                            0x04, 0x07, 'G',  'e',  'n',  'e',  'r',  'a',  'l', 0x00, 0x00, 0x0D, 'D',
-                            'e',  'v',  'i',  'c',  'e',  ' ',  'c',  'l',  'i', 'e',  'n',  't'};
+                            0x04, 0x07, 'G',  'e',  'n',  'e',  'r', 'a', 'l', 0x00, 0x00, 0x0D, 'D',
+                            'e',  'v',  'i',  'c',  'e',  ' ',  'c', 'l', 'i', 'e',  'n',  't'};
     EXPECT_EQ(expected, m_oViewer.RoundTrip());
     CTraceServer::SetCategoryName(0, 0, nullptr);
     CTraceServer::SetCategoryName(3, 0, nullptr);
@@ -320,10 +329,10 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
         std::string out, err;
         for (unsigned short p : found)
             out += "CTraceServer: Found traceport parameter: Using port " + std::to_string(p) +
-                   " instead of the default of " + std::to_string(def) + ".\n";
+                " instead of the default of " + std::to_string(def) + ".\n";
         for (const std::string& value : invalid)
-            err += "CTraceServer: Invalid trace port " + value +
-                   ": valid values are 1-65535. Using default value of " + std::to_string(def) + " instead.\n";
+            err += "CTraceServer: Invalid trace port " + value + ": valid values are 1-65535. Using default value of " +
+                std::to_string(def) + " instead.\n";
         std::vector<const char*> argv = {"program"};
         for (const std::string& arg : args)
             argv.push_back(arg.c_str());
@@ -369,7 +378,8 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
               testing::internal::GetCapturedStdout());
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(result == 0 ? CTraceServer::m_nServerUdpPort == 8080
-                            : err == "CTraceServer: Could not bind to port 8080.\n") << err;
+                            : err == "CTraceServer: Could not bind to port 8080.\n")
+        << err;
 }
 
 TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)

@@ -23,7 +23,8 @@ Bytes DataOf(const CTraceTelegram& telegram)
     return Bytes(data, data + telegram.GetDataLen());
 }
 
-template <typename T> T Parse(const Bytes& bytes)
+template <typename T>
+T Parse(const Bytes& bytes)
 {
     return T(static_cast<unsigned short>(bytes.size()), reinterpret_cast<const char*>(bytes.data()));
 }
@@ -34,7 +35,7 @@ CTraceActivateReqTelegram ActivateRequest(unsigned char level, unsigned char cou
                                           unsigned short counter = 0)
 {
     const size_t length = 4 + 2 + 4 * masks.size() + tail.size();
-    Bytes frame = {static_cast<unsigned char>(length), static_cast<unsigned char>(length >> 8), 0x01, 0x00,
+    Bytes frame = {static_cast<unsigned char>(length),  static_cast<unsigned char>(length >> 8),  0x01,  0x00,
                    static_cast<unsigned char>(counter), static_cast<unsigned char>(counter >> 8), level, count};
     for (unsigned int mask : masks)
         for (int shift = 0; shift < 32; shift += 8)
@@ -56,7 +57,7 @@ TEST(TraceFrame, DataIsBoundedByTheLengthFieldAndTheReceivedBytes)
         {{0x05, 0x00, 0x02, 0x00, 0x07, 0x00}, 0, 0, {}}, // 6 bytes: an empty telegram of type 0
         {{0x06, 0x00, 0x02, 0x80, 0x34, 0x12, 0xAA, 0xBB, 0xCC}, 0x8002, 0x1234, {0xAA, 0xBB}},
         {{0x40, 0x00, 0x01, 0x00, 0x00, 0x00, 0xAA, 0xBB}, 0x0001, 0, {0xAA, 0xBB}}, // length overstated
-        {{0x02, 0x00, 0x01, 0x00, 0x00, 0x00, 0xAA}, 0x0001, 0, {}},               // length below 4
+        {{0x02, 0x00, 0x01, 0x00, 0x00, 0x00, 0xAA}, 0x0001, 0, {}},                 // length below 4
     };
     for (const SCase& c : cases)
     {
@@ -139,7 +140,7 @@ TEST(TraceStatusTelegrams, LayoutAndTolerantParse)
     const Bytes expected = {0x1E, 0x00, 0x03, 0x80, 0x00, 0x00,                   // header, data 26
                             0x04, 0x03, 0x02, 0x01, 0x0C, 0x0B, 0x0A, 0x00, 0x05, // time, category
                             0x44, 0x33, 0x22, 0x11, 0xBE, 0xBA, 0xFE, 0xCA,       // mask, value
-                            0x02, 0x00, 'a', 'b', 0x03, 0x00, 'x', 'y', 'z'};     // name, value text
+                            0x02, 0x00, 'a',  'b',  0x03, 0x00, 'x',  'y',  'z'}; // name, value text
     CStatusCnfTelegram confirmation = Parse<CStatusCnfTelegram>(expected);
     confirmation.SetCategory(5); // the same value: rebuilds the bytes from the parsed fields
     EXPECT_EQ(expected, Wire(confirmation));
@@ -182,7 +183,7 @@ TEST(TraceMessage, LayoutParseAndCut)
                             0x01, 0x00, 0x00, 0x65, 0x3F, 0x42, 0x0F, 0x00, // seconds, microseconds
                             0x10, 0x03, 0x01, 0x00, 0x00, 0x80,             // level, category, filter mask
                             0x01, 0x34, 0x12,                               // flags, line
-                            0x03, 0x00, 'f', '.', 'c', 0x02, 0x00, 'h', 'i'};
+                            0x03, 0x00, 'f',  '.',  'c',  0x02, 0x00, 'h',  'i'};
     message = Parse<CTraceMessageTelegram>(expected);
     message.SetFlags(0x01); // the same value: rebuilds the bytes from the parsed fields
     EXPECT_EQ(expected, Wire(message));

@@ -52,9 +52,14 @@ TEST(KelUTCTimeTest, DayNumbersLeapYearsAndWeekdays)
         int nYear;
         unsigned int nMonth, nDay;
         long long nNumber;
-    } const aoDays[] = {{0, 1, 1, 0},         {0, 3, 1, 60}, /* year 0 is a leap year */ {1, 1, 1, 366},
-                        {1970, 1, 1, kEpochDay}, {1900, 3, 1, 694020}, {2000, 3, 1, 730545},
-                        {2023, 12, 31, 739250},  {2024, 2, 29, 739310}};
+    } const aoDays[] = {{0, 1, 1, 0},
+                        {0, 3, 1, 60},
+                        /* year 0 is a leap year */ {1, 1, 1, 366},
+                        {1970, 1, 1, kEpochDay},
+                        {1900, 3, 1, 694020},
+                        {2000, 3, 1, 730545},
+                        {2023, 12, 31, 739250},
+                        {2024, 2, 29, 739310}};
     for (const auto& o : aoDays)
         EXPECT_EQ(CKelUTCTime::CalcDayNumber(o.nYear, o.nMonth, o.nDay), o.nNumber) << o.nYear << "-" << o.nMonth;
     for (int nYear : {0, 2000, 2024})
@@ -76,8 +81,10 @@ TEST(KelUTCTimeTest, DayNumbersLeapYearsAndWeekdays)
 TEST(KelUTCTimeTest, DatePartsRoundTrip)
 {
     const unsigned int aanParts[][7] = {// day, month, year, hour, minute, second, ms
-                                        {29, 2, 0, 23, 59, 59, 999}, {29, 2, 2000, 23, 59, 59, 999},
-                                        {31, 12, 2023, 12, 34, 56, 7}, {28, 2, 2100, 0, 0, 0, 1}};
+                                        {29, 2, 0, 23, 59, 59, 999},
+                                        {29, 2, 2000, 23, 59, 59, 999},
+                                        {31, 12, 2023, 12, 34, 56, 7},
+                                        {28, 2, 2100, 0, 0, 0, 1}};
     for (const auto& p : aanParts)
     {
         unsigned int an[7] = {};
@@ -212,9 +219,9 @@ TEST(KelLocalTimeTest, WeekdaysInMonth)
         CKelUTCTime::EWeekday eDay;
         int nWeek, nResult;
     } const aoCases[] = {
-        {2024, 6, CKelUTCTime::eSunday, 0, 2},   {2024, 6, CKelUTCTime::eSunday, 1, 2},
-        {2024, 6, CKelUTCTime::eSunday, 2, 9},   {2024, 6, CKelUTCTime::eSunday, 5, 30},
-        {2024, 6, CKelUTCTime::eSunday, 9, 30},  {2023, 2, CKelUTCTime::eSunday, 5, 26}, // four Sundays: the last
+        {2024, 6, CKelUTCTime::eSunday, 0, 2},    {2024, 6, CKelUTCTime::eSunday, 1, 2},
+        {2024, 6, CKelUTCTime::eSunday, 2, 9},    {2024, 6, CKelUTCTime::eSunday, 5, 30},
+        {2024, 6, CKelUTCTime::eSunday, 9, 30},   {2023, 2, CKelUTCTime::eSunday, 5, 26}, // four Sundays: the last
         {2024, 2, CKelUTCTime::eThursday, 5, 29}, {2023, 2, CKelUTCTime::eThursday, 5, 23},
         {2024, 3, CKelUTCTime::eSunday, 99, 31}};
     for (const auto& o : aoCases)
@@ -225,9 +232,13 @@ TEST(KelLocalTimeTest, WeekdaysInMonth)
 TEST(KelLocalTimeTest, SystemZoneAsLegacyFieldsReportIt)
 {
     // Zones without daylight saving, and two with daylight saving all year.
-    const std::pair<const char*, int> aoCases[] = {
-        {"UTC0", 0},        {"<+05>-5", 5},           {"EST5", -5},           {"<-0330>3:30", -3},
-        {"<+0530>-5:30", 5}, {"AAA-2BBB,J1/0,J365/25", 3}, {"AAA3BBB,J1/0,J365/25", -2}};
+    const std::pair<const char*, int> aoCases[] = {{"UTC0", 0},
+                                                   {"<+05>-5", 5},
+                                                   {"EST5", -5},
+                                                   {"<-0330>3:30", -3},
+                                                   {"<+0530>-5:30", 5},
+                                                   {"AAA-2BBB,J1/0,J365/25", 3},
+                                                   {"AAA3BBB,J1/0,J365/25", -2}};
     for (const auto& o : aoCases)
     {
         CScopedTimezone oZone(o.first);
@@ -277,7 +288,9 @@ TEST(KelLocalTimeTest, OutOfRangeZoneIsStoredAndTraced)
     EXPECT_EQ(oTime.GetTimezone(), 13);
     for (const char* pcZone : {"-13", "13"})
     {
-        const std::string sText = std::string("CKelLocalTime: Timezone im ung\xFC" "ltigen Bereich: ") + pcZone;
+        const std::string sText = std::string("CKelLocalTime: Timezone im ung\xFC"
+                                              "ltigen Bereich: ") +
+            pcZone;
         const std::string sMessage = receive();
         ASSERT_GE(sMessage.size(), 27u + sText.size());
         EXPECT_EQ(sMessage.substr(2, 2), "\x01\x40"); // trace message

@@ -22,7 +22,8 @@ TEST(KelMemDumpTest, LinesOfSevenSixteenAndSeventeenBytes)
 {
     const unsigned char acTelegram[7] = {0x00, 0x07, 0x41, 0x62, 0x7F, 0x0A, 0x39};
     const std::string sLine = "0x0000 00 07 41 62 7f 0a 39    " // the eighth byte is missing
-                              " " + kEightBlankColumns + "..Ab..9";
+                              " " +
+        kEightBlankColumns + "..Ab..9";
     EXPECT_EQ(KelMemDumpLine(acTelegram, 7, 0), sLine);
     const std::string sDump = KelMemDump(acTelegram, 7);
     EXPECT_EQ(sDump, Header(acTelegram, "7") + sLine + "\n");
@@ -70,11 +71,19 @@ TEST(KelStringFuncTest, Quoting)
         const char* pcIn;
         int nMode; // 0: KelDeQuoteString, 1: quote only with white space, 2: always quote
         const char* pcOut;
-    } const aoCases[] = {
-        {"\"abc\"", 0, "abc"}, {"\"", 0, "\""}, {"\"\"", 0, ""}, {"\"\"a\"\"", 0, "\"a\""}, // one pair only
-        {"a\"b\"", 0, "a\"b\""}, {"two words", 1, "\"two words\""}, {"\"two words\"", 1, "\"two words\""},
-        {"word", 1, "word"},     {"\"word\"", 1, "word"}, {"tab\there", 1, "\"tab\there\""},
-        {"", 1, ""},             {"", 2, "\"\""},          {"word", 2, "\"word\""}};
+    } const aoCases[] = {{"\"abc\"", 0, "abc"},
+                         {"\"", 0, "\""},
+                         {"\"\"", 0, ""},
+                         {"\"\"a\"\"", 0, "\"a\""}, // one pair only
+                         {"a\"b\"", 0, "a\"b\""},
+                         {"two words", 1, "\"two words\""},
+                         {"\"two words\"", 1, "\"two words\""},
+                         {"word", 1, "word"},
+                         {"\"word\"", 1, "word"},
+                         {"tab\there", 1, "\"tab\there\""},
+                         {"", 1, ""},
+                         {"", 2, "\"\""},
+                         {"word", 2, "\"word\""}};
     for (const auto& o : aoCases)
     {
         std::string s = o.pcIn;

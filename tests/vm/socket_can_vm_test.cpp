@@ -14,7 +14,8 @@
 #include <string>
 #include <vector>
 
-namespace {
+namespace
+{
 
 using namespace vmtest;
 using Clock = std::chrono::steady_clock;
@@ -22,32 +23,39 @@ using Bytes = std::vector<unsigned char>;
 
 const can_socket_params_t kVcan0{"vcan0", 29, 3, 1};
 
-_can_msg_t makeRecord(uint32_t id, int ext, int rtr, const Bytes &data) {
+_can_msg_t makeRecord(uint32_t id, int ext, int rtr, const Bytes& data)
+{
     _can_msg_t msg{};
     msg.id = id;
     msg.ext = ext;
     msg.rtr = rtr;
     msg.len = static_cast<uint8_t>(data.size());
-    if (!data.empty()) memcpy(msg.data, data.data(), data.size());
+    if (!data.empty())
+        memcpy(msg.data, data.data(), data.size());
     return msg;
 }
 
 // Calls can_receive through empty seconds until a frame or another error
 // arrives; returns the last result and counts the empty ones.
-int receiveWithin(_can_msg_t &msg, int *empties = nullptr) {
+int receiveWithin(_can_msg_t& msg, int* empties = nullptr)
+{
     const auto deadline = Clock::now() + kPatience;
     int result;
-    while ((result = can_receive(&msg)) == -30 && Clock::now() < deadline) {
-        if (empties != nullptr) ++*empties;
+    while ((result = can_receive(&msg)) == -30 && Clock::now() < deadline)
+    {
+        if (empties != nullptr)
+            ++*empties;
     }
     return result;
 }
 
 // An adapter started on vcan0. Its filter list and flags would exclude every
 // frame these tests send if they were applied; the adapter ignores them.
-class StartedAdapterTest : public ::testing::Test {
+class StartedAdapterTest : public ::testing::Test
+{
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         const can_filter onlyOther{0x7FE, CAN_SFF_MASK};
         ASSERT_EQ(0, can_init(-1, &kVcan0, &onlyOther, 1, true, true));
         ASSERT_EQ(0, can_start(-1));
@@ -55,9 +63,11 @@ protected:
     void TearDown() override { can_exit(); }
 };
 
-TEST_F(StartedAdapterTest, FramesFromCansendArriveWithIdentifierFlagsLengthAndData) {
-    const struct {
-        const char *cansend;
+TEST_F(StartedAdapterTest, FramesFromCansendArriveWithIdentifierFlagsLengthAndData)
+{
+    const struct
+    {
+        const char* cansend;
         uint32_t id;
         int ext;
         int rtr;
@@ -70,7 +80,8 @@ TEST_F(StartedAdapterTest, FramesFromCansendArriveWithIdentifierFlagsLengthAndDa
         {"7FF#R", 0x7FF, 0, 1, {}},
         {"1F334455#R", 0x1F334455, 1, 1, {}},
     };
-    for (const auto &expected : cases) {
+    for (const auto& expected : cases)
+    {
         SCOPED_TRACE(expected.cansend);
         ASSERT_EQ(0, runProgram({"cansend", "vcan0", expected.cansend}));
         _can_msg_t msg{};
@@ -88,7 +99,8 @@ TEST_F(StartedAdapterTest, FramesFromCansendArriveWithIdentifierFlagsLengthAndDa
     }
 }
 
-TEST_F(StartedAdapterTest, CandumpSeesTransmittedFramesWithTheSameBytes) {
+TEST_F(StartedAdapterTest, CandumpSeesTransmittedFramesWithTheSameBytes)
+{
     CanDump candump("vcan0");
     ASSERT_TRUE(candump.waitUntilListening()) << "candump did not start listening on vcan0";
 
@@ -98,9 +110,10 @@ TEST_F(StartedAdapterTest, CandumpSeesTransmittedFramesWithTheSameBytes) {
     tooLong.len = 9;
     EXPECT_EQ(-93, can_transmit(&tooLong));
 
-    const struct {
+    const struct
+    {
         _can_msg_t msg;
-        const char *logged;
+        const char* logged;
     } cases[] = {
         {makeRecord(0x123, 0, 0, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}), "123#1122334455667788"},
         {makeRecord(0x321, 0, 0, {}), "321#"},
@@ -109,19 +122,23 @@ TEST_F(StartedAdapterTest, CandumpSeesTransmittedFramesWithTheSameBytes) {
         {makeRecord(0x7FF, 0, 1, {}), "7FF#R"},
         {makeRecord(0x1F334455, 1, 1, {}), "1F334455#R"},
     };
-    for (const auto &entry : cases) {
+    for (const auto& entry : cases)
+    {
         _can_msg_t msg = entry.msg;
         ASSERT_EQ(0, can_transmit(&msg)) << entry.logged;
     }
-    for (const auto &entry : cases) {
+    for (const auto& entry : cases)
+    {
         EXPECT_EQ(std::optional<std::string>(entry.logged), candump.nextFrame());
     }
 }
 
-TEST_F(StartedAdapterTest, EmptyBusTimesOutAfterOneSecond) {
+TEST_F(StartedAdapterTest, EmptyBusTimesOutAfterOneSecond)
+{
     // A busy host may stretch one wait, so one of three has to end near a second.
     bool aboutOneSecond = false;
-    for (int attempt = 0; attempt < 3 && !aboutOneSecond; ++attempt) {
+    for (int attempt = 0; attempt < 3 && !aboutOneSecond; ++attempt)
+    {
         _can_msg_t msg{};
         const auto start = Clock::now();
         ASSERT_EQ(-30, can_receive(&msg));
@@ -133,7 +150,8 @@ TEST_F(StartedAdapterTest, EmptyBusTimesOutAfterOneSecond) {
     EXPECT_EQ(CAN_STATUS_RX_EMPTY, socket_can::can_state.load());
 }
 
-TEST_F(StartedAdapterTest, ErrorFrameIsDroppedAndReportedAsEmpty) {
+TEST_F(StartedAdapterTest, ErrorFrameIsDroppedAndReportedAsEmpty)
+{
     // Eight digits with the error flag set make cansend write an error frame (bus off).
     ASSERT_EQ(0, runProgram({"cansend", "vcan0", "20000040#0000000000000000"}));
     ASSERT_EQ(0, runProgram({"cansend", "vcan0", "042#42"}));
@@ -144,7 +162,8 @@ TEST_F(StartedAdapterTest, ErrorFrameIsDroppedAndReportedAsEmpty) {
     EXPECT_GE(empties, 1) << "the error frame should have been reported as -30";
 }
 
-TEST(SocketCanAdapter, StateMachineFromFailedInitThroughStartToExit) {
+TEST(SocketCanAdapter, StateMachineFromFailedInitThroughStartToExit)
+{
     // A missing interface leaves the adapter uninitialised, with the reason in errno.
     const can_socket_params_t missing{"nosuchcan0", 29, 3, 1};
     errno = 0;

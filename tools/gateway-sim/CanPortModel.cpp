@@ -7,8 +7,8 @@ namespace GatewaySim
 namespace
 {
 
-constexpr unsigned short FRAME_HEADER = 5;   // s32 identifier, u8 flags
-constexpr unsigned short SDO_HEADER = 6;     // u8 node, u16 index, u8 subindex, u16 time-out
+constexpr unsigned short FRAME_HEADER = 5;               // s32 identifier, u8 flags
+constexpr unsigned short SDO_HEADER = 6;                 // u8 node, u16 index, u8 subindex, u16 time-out
 constexpr unsigned int SDO_ABORT_NO_OBJECT = 0x06020000; // object does not exist
 constexpr unsigned char SDO_RESULT_OK = 0;
 constexpr unsigned char SDO_RESULT_ABORTED = 1;
@@ -66,10 +66,7 @@ const CCanPortModel::SCommandEntry CCanPortModel::s_aoCommands[] = {
     {eCmdCANopenSDOWriteBlock, SDO_HEADER, 0xFFFF, &CCanPortModel::CANopenSDOWriteBlock},
 };
 
-CCanPortModel::CCanPortModel(int nCanPort, const SFaultSettings& oFaults)
-    : m_nCanPort(nCanPort), m_oFaults(oFaults)
-{
-}
+CCanPortModel::CCanPortModel(int nCanPort, const SFaultSettings& oFaults) : m_nCanPort(nCanPort), m_oFaults(oFaults) {}
 
 const CCanPortModel::SCommandEntry* CCanPortModel::FindCommand(unsigned short nCode)
 {
@@ -184,13 +181,15 @@ unsigned char CCanPortModel::Restart(const CPayloadReader&, CPayloadWriter&, SCl
 }
 
 // READ DIGITAL: u32 inputs, u32 outputs. The inputs are wired to the outputs.
-unsigned char CCanPortModel::ReadDigital(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::ReadDigital(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+                                         SCommandOutcome&)
 {
     oOut.U32(m_oSettings.nDigitalOutputs).U32(m_oSettings.nDigitalOutputs);
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::WriteDigital(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::WriteDigital(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                          SCommandOutcome&)
 {
     m_oSettings.nDigitalOutputs = oIn.U32(0);
     return RESULT_OK;
@@ -214,7 +213,8 @@ unsigned char CCanPortModel::WriteAnalog(const CPayloadReader& oIn, CPayloadWrit
 
 // WRITE: s32 identifier, u8 flags, data. The frame goes onto the bus; the
 // confirmation (when the client wants one) carries the transmit time.
-unsigned char CCanPortModel::Write(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome& oOutcome)
+unsigned char CCanPortModel::Write(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+                                   SCommandOutcome& oOutcome)
 {
     SCanFrame oFrame;
     oFrame.nIdentifier = oIn.U32(0);
@@ -225,7 +225,8 @@ unsigned char CCanPortModel::Write(const CPayloadReader& oIn, CPayloadWriter& oO
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient, SCommandOutcome&)
+unsigned char CCanPortModel::SetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient,
+                                       SCommandOutcome&)
 {
     m_oSettings.bConfirmData = Flag(oIn, 0);
     m_oSettings.bMonitor = Flag(oIn, 1);
@@ -242,7 +243,8 @@ unsigned char CCanPortModel::GetConfig(const CPayloadReader&, CPayloadWriter& oO
 
 // SET_GLOBALS: u8 operating mode, u32 baud rate, u8 termination, u8 high
 // speed, u8 time stamp.
-unsigned char CCanPortModel::SetGlobals(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient, SCommandOutcome&)
+unsigned char CCanPortModel::SetGlobals(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient,
+                                        SCommandOutcome&)
 {
     m_oSettings.nOperatingMode = oIn.U8(0);
     m_oSettings.nBaudrate = oIn.U32(1);
@@ -295,7 +297,8 @@ unsigned char CCanPortModel::GetFilter(const CPayloadReader&, CPayloadWriter& oO
 // temperature, u16 supply voltage in mV, u16 supply current in mA, u8 relay;
 // then the values (12 V and 5 V rails in mV), the A flags (one per active
 // supply bit 0..3) and the B flag (relay).
-unsigned char CCanPortModel::GetPowerStatus(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetPowerStatus(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+                                            SCommandOutcome&)
 {
     const unsigned char nRelay = m_oSettings.bPowerRelay ? 1 : 0;
     oOut.U8(2).U8(4).U8(1).S16(25).U16(12000).U16(150).U8(nRelay);
@@ -306,13 +309,15 @@ unsigned char CCanPortModel::GetPowerStatus(const CPayloadReader&, CPayloadWrite
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetPowerRelais(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::SetPowerRelais(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                            SCommandOutcome&)
 {
     m_oSettings.bPowerRelay = oIn.U8(0) != 0;
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetActivePowerSupplies(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::SetActivePowerSupplies(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                                    SCommandOutcome&)
 {
     m_oSettings.nActiveSupplies = oIn.U32(0);
     return RESULT_OK;
@@ -320,7 +325,8 @@ unsigned char CCanPortModel::SetActivePowerSupplies(const CPayloadReader& oIn, C
 
 // SET_ZCARD_PI: u8 interval, u16 start, u16 end (a trailing copy of the end
 // identifier is ignored).
-unsigned char CCanPortModel::SetZCardParameter(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::SetZCardParameter(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                               SCommandOutcome&)
 {
     m_oSettings.nZCardInterval = oIn.U8(0);
     m_oSettings.nZCardIDStart = oIn.U16(1);
@@ -328,7 +334,8 @@ unsigned char CCanPortModel::SetZCardParameter(const CPayloadReader& oIn, CPaylo
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::GetZCardParameter(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetZCardParameter(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+                                               SCommandOutcome&)
 {
     oOut.U8(m_oSettings.nZCardInterval).U16(m_oSettings.nZCardIDStart).U16(m_oSettings.nZCardIDEnd);
     return RESULT_OK;
@@ -336,20 +343,23 @@ unsigned char CCanPortModel::GetZCardParameter(const CPayloadReader&, CPayloadWr
 
 // ---- CANopen ----
 
-unsigned char CCanPortModel::CANopenSetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                              SCommandOutcome&)
 {
     m_oSettings.nCANopenMode = oIn.U8(0);
     return RESULT_OK;
 }
 
-unsigned char CCanPortModel::CANopenGetConfig(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenGetConfig(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+                                              SCommandOutcome&)
 {
     oOut.U8(m_oSettings.nCANopenMode);
     return RESULT_OK;
 }
 
 // The SYNC period is stored; the simulator sends no periodic SYNC itself.
-unsigned char CCanPortModel::CANopenSyncMode(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSyncMode(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                             SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -358,7 +368,8 @@ unsigned char CCanPortModel::CANopenSyncMode(const CPayloadReader& oIn, CPayload
 }
 
 // NMT: u8 node, u8 command -> frame 0x000 [command, node].
-unsigned char CCanPortModel::CANopenNMT(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome& oOutcome)
+unsigned char CCanPortModel::CANopenNMT(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                        SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -371,7 +382,8 @@ unsigned char CCanPortModel::CANopenNMT(const CPayloadReader& oIn, CPayloadWrite
 }
 
 // SYNC -> empty frame 0x080.
-unsigned char CCanPortModel::CANopenSYNC(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome& oOutcome)
+unsigned char CCanPortModel::CANopenSYNC(const CPayloadReader&, CPayloadWriter&, SClientSettings&,
+                                         SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -382,7 +394,8 @@ unsigned char CCanPortModel::CANopenSYNC(const CPayloadReader&, CPayloadWriter&,
 }
 
 // TIME: u16 days, u32 milliseconds -> frame 0x100 [u32 ms (28 bits), u16 days].
-unsigned char CCanPortModel::CANopenTIME(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome& oOutcome)
+unsigned char CCanPortModel::CANopenTIME(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                         SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -395,7 +408,8 @@ unsigned char CCanPortModel::CANopenTIME(const CPayloadReader& oIn, CPayloadWrit
 
 // PDO: u8 node, u8 PDO type 1..4, data (up to 8 bytes) -> receive PDO frame of
 // that node.
-unsigned char CCanPortModel::CANopenPDO(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome& oOutcome)
+unsigned char CCanPortModel::CANopenPDO(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+                                        SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -421,7 +435,8 @@ unsigned int CCanPortModel::SdoKey(unsigned char nNode, unsigned short nIndex, u
 
 // SDO read: u8 node, u16 index, u8 subindex, u16 time-out -> u8 SDO result,
 // u32 value (or abort code).
-unsigned char CCanPortModel::CANopenSDORead(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDORead(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+                                            SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -439,7 +454,8 @@ unsigned char CCanPortModel::CANopenSDORead(const CPayloadReader& oIn, CPayloadW
 
 // SDO write: u8 node, u8 write type, u16 index, u8 subindex, u16 time-out,
 // u32 value -> u8 SDO result, u32 abort code.
-unsigned char CCanPortModel::CANopenSDOWrite(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDOWrite(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+                                             SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -450,7 +466,8 @@ unsigned char CCanPortModel::CANopenSDOWrite(const CPayloadReader& oIn, CPayload
 
 // SDO read block: u8 node, u16 index, u8 subindex, u16 time-out -> u8 SDO
 // result, then the object's bytes.
-unsigned char CCanPortModel::CANopenSDOReadBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDOReadBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+                                                 SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -466,7 +483,8 @@ unsigned char CCanPortModel::CANopenSDOReadBlock(const CPayloadReader& oIn, CPay
 
 // SDO write block: u8 node, u16 index, u8 subindex, u16 time-out, data ->
 // u8 SDO result, u32 abort code.
-unsigned char CCanPortModel::CANopenSDOWriteBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDOWriteBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+                                                  SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;

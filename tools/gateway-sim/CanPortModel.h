@@ -25,7 +25,7 @@ struct SClientSettings
 {
     bool bConfirmData = false; // SET_CONFIG: confirm every write with its transmit time
     bool bMonitor = false;
-    bool bTimeStamps = false;  // SET_GLOBALS: append time stamps to indications
+    bool bTimeStamps = false; // SET_GLOBALS: append time stamps to indications
 };
 
 // What the port stores; the get commands return the last stored values.
@@ -54,18 +54,18 @@ struct SCanPortSettings
 enum class EInputFault
 {
     eNone,
-    eBadLength,      // payload too short (or too long) for its command
-    eUnknownCommand  // no such command on a CAN port, or a confirmation
+    eBadLength,     // payload too short (or too long) for its command
+    eUnknownCommand // no such command on a CAN port, or a confirmation
 };
 
 struct SCommandOutcome
 {
-    bool bConfirm = false;          // oConfirmation is to be sent
+    bool bConfirm = false; // oConfirmation is to be sent
     COrvaneMsg oConfirmation;
     std::vector<SCanFrame> aoBusFrames; // frames the command puts on the bus
-    STimeStamp oTime;               // gateway time of the command (frame time stamps)
+    STimeStamp oTime;                   // gateway time of the command (frame time stamps)
     EInputFault eFault = EInputFault::eNone;
-    bool bInjected = false;         // answered with an injected device error
+    bool bInjected = false; // answered with an injected device error
 };
 
 class CCanPortModel

@@ -63,7 +63,10 @@ void CLoadGenerator::SendLoop()
             nSent = nDue - MAX_BURST;
         while (nSent < nDue && !m_bStop.load())
         {
-            oFrame.sData = CPayloadWriter().U32(static_cast<unsigned int>(nSent)).U32(static_cast<unsigned int>(nSent >> 32)).Data();
+            oFrame.sData = CPayloadWriter()
+                               .U32(static_cast<unsigned int>(nSent))
+                               .U32(static_cast<unsigned int>(nSent >> 32))
+                               .Data();
             m_roBus.Transmit(oFrame, m_roPort.Now(), this);
             ++nSent;
             m_nSent.store(nSent);

@@ -13,8 +13,7 @@ constexpr unsigned int SEND_TIMEOUT_MS = 2000;
 } // namespace
 
 CSimConnection::CSimConnection(SPortContext& oPort, CKelIPServerContainer* pContainer, int nSocket)
-    : CKelIPConnection(pContainer, CAN_DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true),
-      m_roPort(oPort),
+    : CKelIPConnection(pContainer, CAN_DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true), m_roPort(oPort),
       m_nClient(oPort.nNextClient++),
       m_oSession(oPort.roModel, oPort.roBus, oPort.oSession, oPort.roCounters, oPort.roLog, *this,
                  oPort.sName + " client " + std::to_string(m_nClient))

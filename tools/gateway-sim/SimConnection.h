@@ -33,8 +33,8 @@ struct SPortContext
     CSimLog& roLog;
     SSessionOptions oSession;
     int nMaxClients = 32;
-    std::string sName;                       // "CAN port 0 (tcp 5001)"
-    std::atomic<int> nConnected{0};          // clients past the connect handshake
+    std::string sName;              // "CAN port 0 (tcp 5001)"
+    std::atomic<int> nConnected{0}; // clients past the connect handshake
     std::atomic<unsigned int> nNextClient{1};
 };
 

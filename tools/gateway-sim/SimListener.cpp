@@ -14,9 +14,7 @@
 namespace GatewaySim
 {
 
-CSimListener::CSimListener(CKelIPServerContainer& oContainer) : m_roContainer(oContainer), m_oThread(*this)
-{
-}
+CSimListener::CSimListener(CKelIPServerContainer& oContainer) : m_roContainer(oContainer), m_oThread(*this) {}
 
 CSimListener::~CSimListener()
 {

@@ -13,13 +13,13 @@ namespace GatewaySim
 struct SSimOptions
 {
     std::string sBindAddress = "127.0.0.1";
-    std::vector<int> anCanPorts;     // empty: CAN port 0
+    std::vector<int> anCanPorts; // empty: CAN port 0
     // CAN port P listens on nTcpBase + 100 * P; 0: every port on a port the
     // system chooses (in-process tests).
     unsigned int nTcpBase = 5001;
     bool bEcho = false;
-    std::string sSocketCan;          // empty: the bus joins the clients only
-    unsigned int nLoadRate = 0;      // generated frames per second per port
+    std::string sSocketCan;     // empty: the bus joins the clients only
+    unsigned int nLoadRate = 0; // generated frames per second per port
     unsigned int nLoadIdentifier = 0x1F0;
     SFaultSettings oFaults;
     bool bQuiet = false;
@@ -28,8 +28,8 @@ struct SSimOptions
 enum class EParseResult
 {
     eRun,
-    eHelp,  // --help: print HelpText() and exit 0
-    eError  // print the error text and exit 2
+    eHelp, // --help: print HelpText() and exit 0
+    eError // print the error text and exit 2
 };
 
 EParseResult ParseSimOptions(int nArgc, char** apArgv, SSimOptions& oOptions, std::string& sError);

@@ -16,12 +16,8 @@ unsigned short ConfiguredTcpPort(const SSimOptions& oOptions, int nCanPort)
 } // namespace
 
 CSimPort::CSimPort(int nCanPort, const SSimOptions& oOptions, SSimCounters& oCounters, CSimLog& oLog)
-    : m_nCanPort(nCanPort),
-      m_roOptions(oOptions),
-      m_roLog(oLog),
-      m_oModel(nCanPort, oOptions.oFaults),
-      m_oBus(oCounters),
-      m_oContext(m_oModel, m_oBus, oCounters, oLog)
+    : m_nCanPort(nCanPort), m_roOptions(oOptions), m_roLog(oLog), m_oModel(nCanPort, oOptions.oFaults),
+      m_oBus(oCounters), m_oContext(m_oModel, m_oBus, oCounters, oLog)
 {
     m_oContext.oSession.bEcho = oOptions.bEcho;
     m_oContext.oSession.nFreezeAfter = oOptions.oFaults.nFreezeAfter;
@@ -42,7 +38,7 @@ bool CSimPort::Open(std::string& sError)
     // The listener binds the port (on the bind address); with port 0 the
     // name carries the port the system chose.
     if (!m_poListener->Open(m_roOptions.sBindAddress, ConfiguredTcpPort(m_roOptions, m_nCanPort),
-                          m_oContext.nMaxClients, sError))
+                            m_oContext.nMaxClients, sError))
         return false;
     m_oContext.sName = "CAN port " + std::to_string(m_nCanPort) + " (tcp " + std::to_string(TcpPort()) + ")";
     if (!m_roOptions.sSocketCan.empty())
@@ -70,10 +66,10 @@ bool CSimPort::Open(std::string& sError)
         Close();
         return false;
     }
-    m_roLog.Line(m_oContext.sName + ": listening on " + m_roOptions.sBindAddress + ":" + std::to_string(TcpPort()) +
-                 (m_roOptions.sSocketCan.empty() ? std::string() : ", bus on " + m_roOptions.sSocketCan) +
-                 (m_roOptions.nLoadRate == 0 ? std::string()
-                                              : ", load " + std::to_string(m_roOptions.nLoadRate) + " frames/s"));
+    m_roLog.Line(
+        m_oContext.sName + ": listening on " + m_roOptions.sBindAddress + ":" + std::to_string(TcpPort()) +
+        (m_roOptions.sSocketCan.empty() ? std::string() : ", bus on " + m_roOptions.sSocketCan) +
+        (m_roOptions.nLoadRate == 0 ? std::string() : ", load " + std::to_string(m_roOptions.nLoadRate) + " frames/s"));
     return true;
 }
 

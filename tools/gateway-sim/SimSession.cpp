@@ -19,14 +19,9 @@ std::string Hex(unsigned int nValue, int nDigits)
 
 } // namespace
 
-CSimSession::CSimSession(CCanPortModel& oPort, CCanBus& oBus, const SSessionOptions& oOptions,
-                         SSimCounters& oCounters, CSimLog& oLog, ITelegramLink& oLink, const std::string& sName)
-    : m_roPort(oPort),
-      m_roBus(oBus),
-      m_oOptions(oOptions),
-      m_roCounters(oCounters),
-      m_roLog(oLog),
-      m_sName(sName),
+CSimSession::CSimSession(CCanPortModel& oPort, CCanBus& oBus, const SSessionOptions& oOptions, SSimCounters& oCounters,
+                         CSimLog& oLog, ITelegramLink& oLink, const std::string& sName)
+    : m_roPort(oPort), m_roBus(oBus), m_oOptions(oOptions), m_roCounters(oCounters), m_roLog(oLog), m_sName(sName),
       m_oOutbox(oLink, oCounters, oOptions.nMaxQueued)
 {
 }

@@ -21,10 +21,10 @@ namespace GatewaySim
 
 struct SSessionOptions
 {
-    bool bEcho = false;             // a client's own writes are indicated back to it
-    unsigned int nFreezeAfter = 0;  // 0: never
-    unsigned int nCloseAfter = 0;   // 0: never
-    std::size_t nMaxQueued = 4096;  // indications waiting for a slow client
+    bool bEcho = false;            // a client's own writes are indicated back to it
+    unsigned int nFreezeAfter = 0; // 0: never
+    unsigned int nCloseAfter = 0;  // 0: never
+    std::size_t nMaxQueued = 4096; // indications waiting for a slow client
 };
 
 class CSimSession : public ICanBusMember

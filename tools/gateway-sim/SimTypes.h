@@ -10,8 +10,8 @@ namespace GatewaySim
 {
 
 // Flag bits of a CAN frame telegram (request and indication alike).
-constexpr unsigned char FRAME_FLAG_EXTENDED = 0x01; // 29-bit identifier
-constexpr unsigned char FRAME_FLAG_REMOTE = 0x02;   // remote frame
+constexpr unsigned char FRAME_FLAG_EXTENDED = 0x01;  // 29-bit identifier
+constexpr unsigned char FRAME_FLAG_REMOTE = 0x02;    // remote frame
 constexpr unsigned char FRAME_FLAG_TIMESTAMP = 0x04; // 8-byte time stamp appended
 
 // Longest data field a frame telegram may carry.

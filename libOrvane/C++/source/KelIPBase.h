@@ -41,8 +41,8 @@ enum EKelIPResult : unsigned int
     eKelIPNotConnected = 3, // not connected, or the host could not be reached
     eKelIPTimeout = 4,
     eKelIPWrongState = 5,
-    eKelIPState6 = 6,       // DataReq in state 6
-    eKelIPRefused = 7       // the peer refused the connection (its connection limit)
+    eKelIPState6 = 6, // DataReq in state 6
+    eKelIPRefused = 7 // the peer refused the connection (its connection limit)
 };
 
 // The address list of getaddrinfo, freed with it.

@@ -39,25 +39,16 @@ bool SetBlocking(int socket, bool blocking)
 // ------------------------------------------------------------ construction
 
 CKelIPConnection::CKelIPConnection()
-    : m_poServerContainer(nullptr)
-    , m_nConnectResult(0)
-    , m_nDisconnectResult(0)
-    , m_nId(0)
-    , m_bUseConnectionMessages(false)
-    , m_nPort(0)
-    , m_nAliveMode(eAliveOff)
-    , m_nAliveTick(0)
-    , m_nAlivePeriod(0)
-    , m_nAliveLastSend(0)
-    , m_nAliveLastReceive(0)
-    , m_bDatagramServer(false)
+    : m_poServerContainer(nullptr), m_nConnectResult(0), m_nDisconnectResult(0), m_nId(0),
+      m_bUseConnectionMessages(false), m_nPort(0), m_nAliveMode(eAliveOff), m_nAliveTick(0), m_nAlivePeriod(0),
+      m_nAliveLastSend(0), m_nAliveLastReceive(0), m_bDatagramServer(false)
 {
     std::memset(m_acReserved, 0, sizeof(m_acReserved));
     SetIdentifiers(0);
 }
 
-CKelIPConnection::CKelIPConnection(CKelIPServerContainer* container, unsigned char id,
-                                   CKelIPBase::EProtocol protocol, int socket, bool useConnectionMessages)
+CKelIPConnection::CKelIPConnection(CKelIPServerContainer* container, unsigned char id, CKelIPBase::EProtocol protocol,
+                                   int socket, bool useConnectionMessages)
     : CKelIPConnection()
 {
     m_poServerContainer = container;
@@ -430,7 +421,7 @@ unsigned int CKelIPConnection::SendWhole(int socket, const char* data, unsigned 
         }
         else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
         {
-            return eKelIPError;  // the connection stays open
+            return eKelIPError; // the connection stays open
         }
 
         const int ready = deadline.HasPassed() ? 0 : KelWaitForSocket(socket, POLLOUT, deadline.RemainingPollMs());
@@ -643,7 +634,7 @@ void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
 bool CKelIPConnection::IsConnectionCommand(unsigned short command) const
 {
     return command == m_nAliveReqId || command == m_nAliveCnfId || command == m_nConnectReqId ||
-           command == m_nConnectCnfId || command == m_nDisconnectReqId || command == m_nDisconnectCnfId;
+        command == m_nConnectCnfId || command == m_nDisconnectReqId || command == m_nDisconnectCnfId;
 }
 
 void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from,
@@ -670,8 +661,8 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
             SetPeer(*from, fromLength, nullptr);
             SetState(eConnected);
             ConnectInd(true);
-            const bool accepted = IsConnectMsgAccepted(
-                std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead));
+            const bool accepted =
+                IsConnectMsgAccepted(std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead));
             SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), accepted ? 0 : 0xFF, kReplyTimeoutMs);
             if (!accepted)
                 EndConnection();
@@ -681,8 +672,8 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         if (GetState() == eConnected)
         {
             CKelLockGuard guard(m_oPeerGuard);
-            fromPeer = SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_sPeerAddr),
-                                         m_nPeerAddrLen);
+            fromPeer =
+                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_sPeerAddr), m_nPeerAddrLen);
         }
         if (!fromPeer && command != kDatagramOpenCommand)
             return;

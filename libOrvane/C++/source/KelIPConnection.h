@@ -61,8 +61,8 @@ public:
     enum EAliveMode
     {
         eAliveOff = 0,
-        eAliveActive = 1,  // this side sends alive requests
-        eAlivePassive = 2  // the peer sends them, this side only watches
+        eAliveActive = 1, // this side sends alive requests
+        eAlivePassive = 2 // the peer sends them, this side only watches
     };
 
     // Client instance: state 1, id 0, connection messages off.
@@ -85,8 +85,7 @@ public:
     // 1 connected; 2 error; 3 unreachable / not connected; 4 no connect
     // confirmation in time; 5 not in state 1; 7 the peer's connection limit.
     unsigned int ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs, unsigned char id,
-                            CKelIPBase::EProtocol protocol, const std::string& connectData,
-                            bool useConnectionMessages);
+                            CKelIPBase::EProtocol protocol, const std::string& connectData, bool useConnectionMessages);
     // Sends the bytes as they are (they must carry their own length word).
     // 1 sent; 3 not connected; 5/6 other states; 2 send error; 4 time-out.
     // A time-out or a failed wait ends the connection. Does not allocate.
@@ -136,9 +135,9 @@ public:
     bool UsesConnectionMessages() const { return m_bUseConnectionMessages.load(std::memory_order_relaxed); }
     bool IsDatagramServer() const { return m_bDatagramServer; }
     CKelIPServerContainer* GetServerContainer() const { return m_poServerContainer; }
-    std::string GetPeerAddress() const;  // numeric address text, "" when unknown
-    std::string GetHost() const;         // host given to ConnectReq (server side: peer address)
-    unsigned short GetPort() const;      // the peer's port
+    std::string GetPeerAddress() const; // numeric address text, "" when unknown
+    std::string GetHost() const;        // host given to ConnectReq (server side: peer address)
+    unsigned short GetPort() const;     // the peer's port
     unsigned char GetConnectResult() const { return m_nConnectResult.load(std::memory_order_relaxed); }
     unsigned char GetDisconnectResult() const { return m_nDisconnectResult.load(std::memory_order_relaxed); }
     unsigned int GetAliveMode() const { return m_nAliveMode.load(std::memory_order_relaxed); }
@@ -205,8 +204,8 @@ private:
 
     std::unique_ptr<CReadThread> m_poReadThread;
     std::unique_ptr<CAliveThread> m_poAliveThread;
-    CKelMutex m_oAliveThreadGuard;  // creation and destruction of the alive thread
-    CKelSendTurns m_oSendTurns;     // one whole message at a time on a stream
+    CKelMutex m_oAliveThreadGuard; // creation and destruction of the alive thread
+    CKelSendTurns m_oSendTurns;    // one whole message at a time on a stream
 
     // Alive fields: single relaxed stores; a late update shifts a decision by
     // one tick at most.

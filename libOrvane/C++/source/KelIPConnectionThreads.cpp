@@ -114,7 +114,7 @@ void CKelIPConnection::CReadThread::RunStream()
             continue;
         if (received <= 0)
         {
-            m_poOwner->EndConnection();  // peer closed or the socket failed
+            m_poOwner->EndConnection(); // peer closed or the socket failed
             continue;
         }
         fill += static_cast<size_t>(received);
@@ -144,8 +144,7 @@ void CKelIPConnection::CReadThread::RunStream()
 
 // Hands the messages of one datagram up; a message whose length word points
 // past the datagram's end is dropped with the rest.
-void CKelIPConnection::CReadThread::CutDatagram(size_t received, const sockaddr_storage* from,
-                                                unsigned int fromLength)
+void CKelIPConnection::CReadThread::CutDatagram(size_t received, const sockaddr_storage* from, unsigned int fromLength)
 {
     if (received < 3)
         return;

@@ -37,7 +37,7 @@ private:
     void CutDatagram(size_t received, const sockaddr_storage* from, unsigned int fromLength);
 
     CKelIPConnection* m_poOwner;
-    std::unique_ptr<char[]> m_oBuffer;  // allocated once, reused by every pass
+    std::unique_ptr<char[]> m_oBuffer; // allocated once, reused by every pass
 };
 
 class CKelIPConnection::CAliveThread : public CKelThread

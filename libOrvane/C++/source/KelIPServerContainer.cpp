@@ -15,12 +15,8 @@ using CClientList = std::forward_list<std::unique_ptr<CKelIPConnection>>;
 
 CKelIPServerContainer::CKelIPServerContainer(unsigned char id, int connectionLimit, unsigned short port,
                                              bool withDatagramServer)
-    : m_nId(id)
-    , m_nConnectionLimit(connectionLimit)
-    , m_poDatagramServer(nullptr)
-    , m_nPort(port)
-    , m_bWithDatagramServer(withDatagramServer)
-    , m_bListening(false)
+    : m_nId(id), m_nConnectionLimit(connectionLimit), m_poDatagramServer(nullptr), m_nPort(port),
+      m_bWithDatagramServer(withDatagramServer), m_bListening(false)
 {
 }
 
@@ -110,9 +106,9 @@ bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol protocol, int socket
     // Refused: tell the peer before its socket is closed.
     char refusal[CKelMsg::kOverhead + 1];
     const char result = static_cast<char>(0xFF);
-    const unsigned int size = CKelMsg::Build(refusal, sizeof(refusal),
-                                             CKelMsg::Command(m_nId, CKelMsg::eConnectReq | CKelMsg::eConfirmation),
-                                             1, &result, 1);
+    const unsigned int size =
+        CKelMsg::Build(refusal, sizeof(refusal), CKelMsg::Command(m_nId, CKelMsg::eConnectReq | CKelMsg::eConfirmation),
+                       1, &result, 1);
     send(socket, refusal, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     close(socket);
     return false;
@@ -158,7 +154,7 @@ bool CKelIPServerContainer::RemoveClient(int socket)
         CKelLockGuard guard(m_oListMutex);
         removed = TakeFinished(socket, finished);
     }
-    return removed;  // `finished` is destroyed here, outside the mutex
+    return removed; // `finished` is destroyed here, outside the mutex
 }
 
 unsigned int CKelIPServerContainer::CountActiveTCPConnections()

@@ -100,9 +100,9 @@ private:
 
     unsigned char m_nId;
     int m_nConnectionLimit;
-    std::forward_list<std::unique_ptr<CKelIPConnection>> m_aoClients;  // new entries at the head
+    std::forward_list<std::unique_ptr<CKelIPConnection>> m_aoClients; // new entries at the head
     CKelMutex m_oListMutex;
-    CKelIPConnection* m_poDatagramServer;  // owned through m_aoClients
+    CKelIPConnection* m_poDatagramServer; // owned through m_aoClients
     std::unique_ptr<CKelIPServer> m_poIPServer;
     unsigned short m_nPort;
     bool m_bWithDatagramServer;

@@ -6,8 +6,7 @@
 
 CKelMsg::CKelMsg() : m_nLength(0), m_nCommand(0), m_nNumber(0), m_nCRC(0) {}
 
-CKelMsg::CKelMsg(unsigned short command, unsigned short number, const char* data, unsigned short dataLength)
-    : CKelMsg()
+CKelMsg::CKelMsg(unsigned short command, unsigned short number, const char* data, unsigned short dataLength) : CKelMsg()
 {
     SetMessage(command, number, data, dataLength);
 }
@@ -118,15 +117,45 @@ unsigned int CKelMsg::Build(char* buffer, unsigned int size, unsigned short comm
     return total;
 }
 
-void CKelMsg::PutU16(char* out, unsigned short value) { KelPutLE(out, value); }
-void CKelMsg::PutU32(char* out, unsigned int value) { KelPutLE(out, value); }
-unsigned short CKelMsg::GetU16(const char* bytes) { return KelGetLE<unsigned short>(bytes); }
-unsigned int CKelMsg::GetU32(const char* bytes) { return KelGetLE<unsigned int>(bytes); }
+void CKelMsg::PutU16(char* out, unsigned short value)
+{
+    KelPutLE(out, value);
+}
+void CKelMsg::PutU32(char* out, unsigned int value)
+{
+    KelPutLE(out, value);
+}
+unsigned short CKelMsg::GetU16(const char* bytes)
+{
+    return KelGetLE<unsigned short>(bytes);
+}
+unsigned int CKelMsg::GetU32(const char* bytes)
+{
+    return KelGetLE<unsigned int>(bytes);
+}
 
-std::string CKelMsg::ToChar(short value) { return KelToLE(value); }
-std::string CKelMsg::ToChar(int value) { return KelToLE(value); }
-std::string CKelMsg::ToChar(long long value) { return KelToLE(value); }
+std::string CKelMsg::ToChar(short value)
+{
+    return KelToLE(value);
+}
+std::string CKelMsg::ToChar(int value)
+{
+    return KelToLE(value);
+}
+std::string CKelMsg::ToChar(long long value)
+{
+    return KelToLE(value);
+}
 
-void CKelMsg::FromChar(short& value, const char* bytes) { value = KelGetLE<short>(bytes); }
-void CKelMsg::FromChar(int& value, const char* bytes) { value = KelGetLE<int>(bytes); }
-void CKelMsg::FromChar(long long& value, const char* bytes) { value = KelGetLE<long long>(bytes); }
+void CKelMsg::FromChar(short& value, const char* bytes)
+{
+    value = KelGetLE<short>(bytes);
+}
+void CKelMsg::FromChar(int& value, const char* bytes)
+{
+    value = KelGetLE<int>(bytes);
+}
+void CKelMsg::FromChar(long long& value, const char* bytes)
+{
+    value = KelGetLE<long long>(bytes);
+}

@@ -26,8 +26,8 @@ public:
         eConfirmation = 0x8000
     };
 
-    static const unsigned short kHeaderSize = 6;  // length word, command, number
-    static const unsigned short kOverhead = 7;    // header plus CRC
+    static const unsigned short kHeaderSize = 6; // length word, command, number
+    static const unsigned short kOverhead = 7;   // header plus CRC
 
     // The command `code` (one of ECommand, optionally ORed with
     // eConfirmation) for connection identifier `id`: (id & 127) * 256 + code.
@@ -83,9 +83,9 @@ public:
     static bool IsIntact(const char* bytes, unsigned short count);
 
     // Little-endian byte-order helpers.
-    static std::string ToChar(short value);      // 2 bytes
-    static std::string ToChar(int value);        // 4 bytes
-    static std::string ToChar(long long value);  // 8 bytes
+    static std::string ToChar(short value);     // 2 bytes
+    static std::string ToChar(int value);       // 4 bytes
+    static std::string ToChar(long long value); // 8 bytes
     static void FromChar(short& value, const char* bytes);
     static void FromChar(int& value, const char* bytes);
     static void FromChar(long long& value, const char* bytes);

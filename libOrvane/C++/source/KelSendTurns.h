@@ -36,7 +36,7 @@ private:
 
     CKelMutex m_oGuard;
     std::condition_variable_any m_oChanged;
-    std::deque<unsigned long long> m_anWaiting;  // tickets in the order of asking
+    std::deque<unsigned long long> m_anWaiting; // tickets in the order of asking
     unsigned long long m_nNextTicket = 0;
     bool m_bBusy = false;
 };

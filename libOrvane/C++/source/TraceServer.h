@@ -53,8 +53,7 @@ public:
     // -2 no viewer, -3 level not active, -4 category above 31, -5 filter mask
     // not active for the category, -6 datagram not sent completely.
     static int SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
-                                unsigned short line, const char* file, const char* text,
-                                unsigned char flags);
+                                unsigned short line, const char* file, const char* text, unsigned char flags);
 
     // Status sources are not served by this server: both return -1.
     static int RegisterStatusSource(CStatusSource* source, unsigned char category, unsigned int filterMask);
@@ -63,17 +62,17 @@ public:
     class CReceiveThread;
 
     // Server state, one set per process.
-    static std::atomic<int> m_nSocket;                 // -1 while not initialised
-    static unsigned short m_nServerUdpPort;            // bound port, 0 when disabled
+    static std::atomic<int> m_nSocket;      // -1 while not initialised
+    static unsigned short m_nServerUdpPort; // bound port, 0 when disabled
     static CReceiveThread* m_poReceiveThread;
     static std::atomic<unsigned char> m_nActiveLevels; // bit set of active levels
     static std::atomic<unsigned int> m_anCategoryFilters[kCategoryCount];
     static std::string m_asCategoryNames[kCategoryCount]; // guarded by the mutex
-    static sockaddr_storage m_sSockAddr;               // viewer address, guarded by the mutex
-    static std::atomic<socklen_t> m_nAddrLen;          // 0: no viewer
-    static std::string m_sClientHost;                  // viewer's numeric host, guarded by the mutex
-    static unsigned short m_nClientUdpPort;            // viewer's port, guarded by the mutex
-    static unsigned short m_nTelegramCounter;          // guarded by the mutex, wraps at 16 bits
+    static sockaddr_storage m_sSockAddr;                  // viewer address, guarded by the mutex
+    static std::atomic<socklen_t> m_nAddrLen;             // 0: no viewer
+    static std::string m_sClientHost;                     // viewer's numeric host, guarded by the mutex
+    static unsigned short m_nClientUdpPort;               // viewer's port, guarded by the mutex
+    static unsigned short m_nTelegramCounter;             // guarded by the mutex, wraps at 16 bits
     static CKelMutex m_oTelegramCounterMutex;
 };
 

@@ -8,10 +8,22 @@
 
 namespace
 {
-void PutU16(std::vector<char>& out, unsigned short value) { KelAppendLE(out, value); }
-void PutU32(std::vector<char>& out, unsigned int value) { KelAppendLE(out, value); }
-unsigned short GetU16(const char* bytes) { return KelGetLE<unsigned short>(bytes); }
-unsigned int GetU32(const char* bytes) { return KelGetLE<unsigned int>(bytes); }
+void PutU16(std::vector<char>& out, unsigned short value)
+{
+    KelAppendLE(out, value);
+}
+void PutU32(std::vector<char>& out, unsigned int value)
+{
+    KelAppendLE(out, value);
+}
+unsigned short GetU16(const char* bytes)
+{
+    return KelGetLE<unsigned short>(bytes);
+}
+unsigned int GetU32(const char* bytes)
+{
+    return KelGetLE<unsigned int>(bytes);
+}
 
 // Reads fields front to back from possibly short data: a field that the data
 // does not reach reads as 0, a string running past the end is cut.
@@ -36,7 +48,8 @@ public:
 
 private:
     bool Has(size_t count) const { return m_roData.size() - m_nPos >= count; }
-    template <typename T> T Advance(T value, size_t count)
+    template <typename T>
+    T Advance(T value, size_t count)
     {
         m_nPos += count;
         return value;
@@ -132,8 +145,7 @@ std::vector<char> CTraceTelegram::Serialize() const
 
 // ---------------------------------------------------------------- activate request
 
-CTraceActivateReqTelegram::CTraceActivateReqTelegram()
-    : CTraceTelegram(TRACE_ACTIVATE_REQ), m_nTraceLevel(0), m_nCrc(0)
+CTraceActivateReqTelegram::CTraceActivateReqTelegram() : CTraceTelegram(TRACE_ACTIVATE_REQ), m_nTraceLevel(0), m_nCrc(0)
 {
 }
 

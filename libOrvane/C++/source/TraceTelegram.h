@@ -283,12 +283,33 @@ private:
     mutable bool m_bStale;
 };
 
-inline void swap(CTraceTelegram& a, CTraceTelegram& b) { a.swap(b); }
-inline void swap(CTraceActivateReqTelegram& a, CTraceActivateReqTelegram& b) { a.swap(b); }
-inline void swap(CTraceActivateCnfTelegram& a, CTraceActivateCnfTelegram& b) { a.swap(b); }
-inline void swap(CTraceGetCategoriesCnfTelegram& a, CTraceGetCategoriesCnfTelegram& b) { a.swap(b); }
-inline void swap(CStatusReqTelegram& a, CStatusReqTelegram& b) { a.swap(b); }
-inline void swap(CStatusCnfTelegram& a, CStatusCnfTelegram& b) { a.swap(b); }
-inline void swap(CTraceMessageTelegram& a, CTraceMessageTelegram& b) { a.swap(b); }
+inline void swap(CTraceTelegram& a, CTraceTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CTraceActivateReqTelegram& a, CTraceActivateReqTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CTraceActivateCnfTelegram& a, CTraceActivateCnfTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CTraceGetCategoriesCnfTelegram& a, CTraceGetCategoriesCnfTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CStatusReqTelegram& a, CStatusReqTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CStatusCnfTelegram& a, CStatusCnfTelegram& b)
+{
+    a.swap(b);
+}
+inline void swap(CTraceMessageTelegram& a, CTraceMessageTelegram& b)
+{
+    a.swap(b);
+}
 
 #endif // ORVANE_TRACE_TELEGRAM_H

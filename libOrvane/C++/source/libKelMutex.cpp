@@ -67,10 +67,7 @@ bool CKelMutex::Unlock()
 
 // ---------------------------------------------------------------- CKelEvent
 
-CKelEvent::CKelEvent()
-    : m_poCondition(new pthread_cond_t)
-    , m_nSignalled(0)
-    , m_nSignalCount(0)
+CKelEvent::CKelEvent() : m_poCondition(new pthread_cond_t), m_nSignalled(0), m_nSignalCount(0)
 {
     pthread_cond_init(m_poCondition, nullptr);
 }
@@ -99,9 +96,7 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
 {
     m_oGuard.Lock(KEL_INFINITE);
     const unsigned int countAtEntry = m_nSignalCount;
-    auto released = [&] {
-        return m_nSignalled.load(std::memory_order_relaxed) != 0 || m_nSignalCount != countAtEntry;
-    };
+    auto released = [&] { return m_nSignalled.load(std::memory_order_relaxed) != 0 || m_nSignalCount != countAtEntry; };
 
     if (timeoutMs == KEL_INFINITE)
     {
@@ -125,10 +120,9 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
         {
             // The deadline is taken afresh on every pass, so a spurious
             // wake-up restarts the whole time-out.
-            timespec deadline{};  // stays in the past if the clock cannot be read
+            timespec deadline{}; // stays in the past if the clock cannot be read
             DeadlineFromNow(timeoutMs, deadline);
-            if (pthread_cond_timedwait(m_poCondition, &m_oGuard.m_oMutex, &deadline) == ETIMEDOUT
-                && !released())
+            if (pthread_cond_timedwait(m_poCondition, &m_oGuard.m_oMutex, &deadline) == ETIMEDOUT && !released())
             {
                 m_oGuard.Unlock();
                 return false;

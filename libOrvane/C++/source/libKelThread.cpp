@@ -12,10 +12,7 @@ void* ThreadEntry(void* argument)
 } // namespace
 
 CKelThread::CKelThread(unsigned int stackSize)
-    : m_hThread(0)
-    , m_bAttributesValid(false)
-    , m_nStackSize(stackSize)
-    , m_nState(eCreated)
+    : m_hThread(0), m_bAttributesValid(false), m_nStackSize(stackSize), m_nState(eCreated)
 {
     InitAttributes();
 }

@@ -85,7 +85,10 @@ void CKelLocalTime::ChangeTimezone(int nZone)
     {
         // Rare: the text is built on the stack only on this path.
         char acText[64];
-        std::snprintf(acText, sizeof acText, "CKelLocalTime: Timezone im ung\xFC" "ltigen Bereich: %d", nZone);
+        std::snprintf(acText, sizeof acText,
+                      "CKelLocalTime: Timezone im ung\xFC"
+                      "ltigen Bereich: %d",
+                      nZone);
         CTraceServer::SendTraceMessage(0x01, 2, 0xFFFFFFFFu, kInvalidZoneTraceLine,
                                        "libOrvaneExt/C++/source/KelLocalTime", acText, 0);
     }

@@ -30,12 +30,11 @@ public:
     // Local milliseconds since 0000-01-01 in the given zone.
     CKelLocalTime(long long nLocalMilliSeconds, int nZone);
     // Local wall-clock parts in the given zone.
-    CKelLocalTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour,
-                  unsigned int nMinute, unsigned int nSecond, unsigned int nMilliSecond, int nZone);
+    CKelLocalTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour, unsigned int nMinute,
+                  unsigned int nSecond, unsigned int nMilliSecond, int nZone);
     // The same with microseconds after the milliseconds.
-    CKelLocalTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour,
-                  unsigned int nMinute, unsigned int nSecond, unsigned int nMilliSecond,
-                  unsigned int nMicroSecond, int nZone);
+    CKelLocalTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour, unsigned int nMinute,
+                  unsigned int nSecond, unsigned int nMilliSecond, unsigned int nMicroSecond, int nZone);
     // Local wall-clock text in one of the UTC text forms, read in the given
     // zone. Text that does not parse leaves 0000-01-01 00:00:00 local time;
     // use Str2Time to learn whether it parsed.

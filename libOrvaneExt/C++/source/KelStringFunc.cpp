@@ -57,8 +57,8 @@ std::string KelMemDump(const void* pData, unsigned int nSize, unsigned int nHead
         sDump += '\n';
     };
     // The sum is taken in 64 bits so that one unlimited side cannot wrap it.
-    const bool bAll = (nHeadLines == kNoLimit && nTailLines == kNoLimit)
-                      || nLines <= static_cast<unsigned long long>(nHeadLines) + nTailLines;
+    const bool bAll = (nHeadLines == kNoLimit && nTailLines == kNoLimit) ||
+        nLines <= static_cast<unsigned long long>(nHeadLines) + nTailLines;
     if (bAll)
     {
         for (unsigned int nLine = 0; nLine < nLines; ++nLine)

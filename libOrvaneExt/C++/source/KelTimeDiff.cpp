@@ -53,13 +53,13 @@ std::string FormatMagnitude(Unsigned nUnits, CKelTimeDiff::EDiffFormat eFormat)
         const Unsigned nSeconds = nUnits % CKelTimeDiff::kUnitsPerMinute / nSecond;
         if (eFormat == CKelTimeDiff::eDiffDayTimeHighRes)
         {
-            std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%08llu", nDays, nHours,
-                          nMinutes, nSeconds, nUnits % nSecond);
+            std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%08llu", nDays, nHours, nMinutes, nSeconds,
+                          nUnits % nSecond);
         }
         else
         {
-            std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%03llu", nDays, nHours,
-                          nMinutes, nSeconds, nUnits % nSecond / CKelTimeDiff::kUnitsPerMilliSecond);
+            std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%03llu", nDays, nHours, nMinutes, nSeconds,
+                          nUnits % nSecond / CKelTimeDiff::kUnitsPerMilliSecond);
         }
         break;
     }
@@ -78,10 +78,9 @@ bool MulAdd(Unsigned a, Unsigned b, Unsigned c, Unsigned& nResult)
 bool ReadDayTime(std::istream& oStream, Unsigned& nUnits)
 {
     Unsigned nDays = 0, nHours = 0, nMinutes = 0, nSeconds = 0, nFraction = 0;
-    if (!KelReadDigits(oStream, 20, nDays) || !KelTryChar(oStream, ' ')
-        || !KelReadDigits(oStream, 2, nHours) || nHours >= 24 || !KelTryChar(oStream, ':')
-        || !KelReadDigits(oStream, 2, nMinutes) || nMinutes >= 60 || !KelTryChar(oStream, ':')
-        || !KelReadDigits(oStream, 2, nSeconds) || nSeconds >= 60)
+    if (!KelReadDigits(oStream, 20, nDays) || !KelTryChar(oStream, ' ') || !KelReadDigits(oStream, 2, nHours) ||
+        nHours >= 24 || !KelTryChar(oStream, ':') || !KelReadDigits(oStream, 2, nMinutes) || nMinutes >= 60 ||
+        !KelTryChar(oStream, ':') || !KelReadDigits(oStream, 2, nSeconds) || nSeconds >= 60)
     {
         return false;
     }
@@ -89,8 +88,7 @@ bool ReadDayTime(std::istream& oStream, Unsigned& nUnits)
     {
         return false;
     }
-    const Unsigned nDayPart = ((nHours * 60 + nMinutes) * 60 + nSeconds) * CKelTimeDiff::kUnitsPerSecond
-                              + nFraction;
+    const Unsigned nDayPart = ((nHours * 60 + nMinutes) * 60 + nSeconds) * CKelTimeDiff::kUnitsPerSecond + nFraction;
     return MulAdd(nDays, CKelTimeDiff::kUnitsPerDay, nDayPart, nUnits);
 }
 
@@ -112,34 +110,31 @@ bool ReadSeconds(std::istream& oStream, Unsigned& nUnits)
 bool ReadMilliSeconds(std::istream& oStream, Unsigned& nUnits)
 {
     Unsigned nMilliSeconds = 0;
-    return KelReadDigits(oStream, 20, nMilliSeconds)
-           && MulAdd(nMilliSeconds, CKelTimeDiff::kUnitsPerMilliSecond, 0, nUnits);
+    return KelReadDigits(oStream, 20, nMilliSeconds) &&
+        MulAdd(nMilliSeconds, CKelTimeDiff::kUnitsPerMilliSecond, 0, nUnits);
 }
 } // namespace
 
-CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds)
-    : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond))
-{
-}
+CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds) : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond)) {}
 
 CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds, unsigned int nMicroSeconds, unsigned int nNanoSeconds)
-    : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond + Unsigned(nMicroSeconds) * kUnitsPerMicroSecond
-                       + nNanoSeconds / 10))
+    : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond + Unsigned(nMicroSeconds) * kUnitsPerMicroSecond +
+                       nNanoSeconds / 10))
 {
 }
 
-CKelTimeDiff::CKelTimeDiff(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds,
-                           int nMicroSeconds, int nNanoSeconds)
+CKelTimeDiff::CKelTimeDiff(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds, int nMicroSeconds,
+                           int nNanoSeconds)
 {
     SetTime(nDays, nHours, nMinutes, nSeconds, nMilliSeconds, nMicroSeconds, nNanoSeconds);
 }
 
-void CKelTimeDiff::SetTime(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds,
-                           int nMicroSeconds, int nNanoSeconds)
+void CKelTimeDiff::SetTime(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds, int nMicroSeconds,
+                           int nNanoSeconds)
 {
-    m_nTimeDiff = Wrap(U(nDays) * kUnitsPerDay + U(nHours) * kUnitsPerHour + U(nMinutes) * kUnitsPerMinute
-                       + U(nSeconds) * kUnitsPerSecond + U(nMilliSeconds) * kUnitsPerMilliSecond
-                       + U(nMicroSeconds) * kUnitsPerMicroSecond + U(nNanoSeconds / 10));
+    m_nTimeDiff = Wrap(U(nDays) * kUnitsPerDay + U(nHours) * kUnitsPerHour + U(nMinutes) * kUnitsPerMinute +
+                       U(nSeconds) * kUnitsPerSecond + U(nMilliSeconds) * kUnitsPerMilliSecond +
+                       U(nMicroSeconds) * kUnitsPerMicroSecond + U(nNanoSeconds / 10));
 }
 
 void CKelTimeDiff::SetTimeDiff(long long nValue, bool bRaw)

@@ -56,12 +56,12 @@ public:
     CKelTimeDiff() = default;
     explicit CKelTimeDiff(long long nMilliSeconds);
     CKelTimeDiff(long long nMilliSeconds, unsigned int nMicroSeconds, unsigned int nNanoSeconds);
-    CKelTimeDiff(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds,
-                 int nMicroSeconds, int nNanoSeconds);
+    CKelTimeDiff(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds, int nMicroSeconds,
+                 int nNanoSeconds);
 
     // Sum of each part times its unit; nanoseconds / 10, truncated.
-    void SetTime(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds,
-                 int nMicroSeconds, int nNanoSeconds);
+    void SetTime(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds, int nMicroSeconds,
+                 int nNanoSeconds);
 
     // bRaw true: nValue is the count itself; false: nValue is milliseconds.
     void SetTimeDiff(long long nValue, bool bRaw);

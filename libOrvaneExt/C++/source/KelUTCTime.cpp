@@ -80,11 +80,11 @@ long long JoinUnits(const SDateParts& oParts)
 {
     using Unsigned = unsigned long long;
     const long long nDayNumber = CKelUTCTime::CalcDayNumber(static_cast<int>(oParts.nYear), oParts.nMonth, oParts.nDay);
-    const Unsigned nUnits = static_cast<Unsigned>(nDayNumber) * CKelTimeDiff::kUnitsPerDay
-                            + Unsigned(oParts.nHour) * CKelTimeDiff::kUnitsPerHour
-                            + Unsigned(oParts.nMinute) * CKelTimeDiff::kUnitsPerMinute
-                            + Unsigned(oParts.nSecond) * CKelTimeDiff::kUnitsPerSecond
-                            + Unsigned(oParts.nMilliSecond) * CKelTimeDiff::kUnitsPerMilliSecond;
+    const Unsigned nUnits = static_cast<Unsigned>(nDayNumber) * CKelTimeDiff::kUnitsPerDay +
+        Unsigned(oParts.nHour) * CKelTimeDiff::kUnitsPerHour +
+        Unsigned(oParts.nMinute) * CKelTimeDiff::kUnitsPerMinute +
+        Unsigned(oParts.nSecond) * CKelTimeDiff::kUnitsPerSecond +
+        Unsigned(oParts.nMilliSecond) * CKelTimeDiff::kUnitsPerMilliSecond;
     return static_cast<long long>(nUnits);
 }
 
@@ -126,9 +126,9 @@ bool ReadField(std::istream& oStream, unsigned int nMaxDigits, unsigned int& nFi
 // Reads "hh:mm:ss[.mmm]".
 bool ReadClock(std::istream& oStream, SDateParts& oParts)
 {
-    if (!ReadField(oStream, 2, oParts.nHour) || oParts.nHour >= 24 || !KelTryChar(oStream, ':')
-        || !ReadField(oStream, 2, oParts.nMinute) || oParts.nMinute >= 60 || !KelTryChar(oStream, ':')
-        || !ReadField(oStream, 2, oParts.nSecond) || oParts.nSecond >= 60)
+    if (!ReadField(oStream, 2, oParts.nHour) || oParts.nHour >= 24 || !KelTryChar(oStream, ':') ||
+        !ReadField(oStream, 2, oParts.nMinute) || oParts.nMinute >= 60 || !KelTryChar(oStream, ':') ||
+        !ReadField(oStream, 2, oParts.nSecond) || oParts.nSecond >= 60)
     {
         return false;
     }
@@ -157,20 +157,20 @@ bool ReadParts(std::istream& oStream, CKelUTCTime::ETimeFormat eFormat, SDatePar
     {
     case CKelUTCTime::eDotDateTime:
     case CKelUTCTime::eDotDate:
-        bRead = ReadField(oStream, 2, oParts.nDay) && KelTryChar(oStream, '.') && ReadField(oStream, 2, oParts.nMonth)
-                && KelTryChar(oStream, '.') && ReadField(oStream, 4, oParts.nYear);
+        bRead = ReadField(oStream, 2, oParts.nDay) && KelTryChar(oStream, '.') &&
+            ReadField(oStream, 2, oParts.nMonth) && KelTryChar(oStream, '.') && ReadField(oStream, 4, oParts.nYear);
         bWithClock = eFormat == CKelUTCTime::eDotDateTime;
         break;
     case CKelUTCTime::eIsoDateTime:
     case CKelUTCTime::eIsoDate:
     default:
-        bRead = ReadField(oStream, 4, oParts.nYear) && KelTryChar(oStream, '-') && ReadField(oStream, 2, oParts.nMonth)
-                && KelTryChar(oStream, '-') && ReadField(oStream, 2, oParts.nDay);
+        bRead = ReadField(oStream, 4, oParts.nYear) && KelTryChar(oStream, '-') &&
+            ReadField(oStream, 2, oParts.nMonth) && KelTryChar(oStream, '-') && ReadField(oStream, 2, oParts.nDay);
         bWithClock = eFormat != CKelUTCTime::eIsoDate;
         break;
     }
-    if (!bRead || oParts.nDay == 0
-        || oParts.nDay > CKelUTCTime::DaysInMonth(static_cast<int>(oParts.nYear), oParts.nMonth))
+    if (!bRead || oParts.nDay == 0 ||
+        oParts.nDay > CKelUTCTime::DaysInMonth(static_cast<int>(oParts.nYear), oParts.nMonth))
     {
         return false;
     }
@@ -193,9 +193,9 @@ CKelUTCTime CKelUTCTime::CurrentUTCTime()
     timeval oNow{};
     gettimeofday(&oNow, nullptr);
     CKelUTCTime oTime;
-    oTime.m_oTime.SetTimeDiff(static_cast<long long>(oNow.tv_sec) * CKelTimeDiff::kUnitsPerSecond
-                                  + static_cast<long long>(oNow.tv_usec) * CKelTimeDiff::kUnitsPerMicroSecond
-                                  + kUnixEpochOffset,
+    oTime.m_oTime.SetTimeDiff(static_cast<long long>(oNow.tv_sec) * CKelTimeDiff::kUnitsPerSecond +
+                                  static_cast<long long>(oNow.tv_usec) * CKelTimeDiff::kUnitsPerMicroSecond +
+                                  kUnixEpochOffset,
                               true);
     return oTime;
 }

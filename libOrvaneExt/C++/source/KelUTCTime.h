@@ -54,8 +54,8 @@ public:
 
     CKelUTCTime() = default;
     // Parts of a UTC date; see SetDate.
-    CKelUTCTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour,
-                unsigned int nMinute, unsigned int nSecond, unsigned int nMilliSecond);
+    CKelUTCTime(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour, unsigned int nMinute,
+                unsigned int nSecond, unsigned int nMilliSecond);
     virtual ~CKelUTCTime() = default;
     CKelUTCTime(const CKelUTCTime&) = default;
     CKelUTCTime& operator=(const CKelUTCTime&) = default;
@@ -76,8 +76,8 @@ public:
     // nothing: a day 32 runs on into the next month, an hour 24 into the next day.
     bool GetDate(unsigned int& nDay, unsigned int& nMonth, unsigned int& nYear, unsigned int& nHour,
                  unsigned int& nMinute, unsigned int& nSecond, unsigned int& nMilliSecond) const;
-    void SetDate(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour,
-                 unsigned int nMinute, unsigned int nSecond, unsigned int nMilliSecond);
+    void SetDate(unsigned int nDay, unsigned int nMonth, unsigned int nYear, unsigned int nHour, unsigned int nMinute,
+                 unsigned int nSecond, unsigned int nMilliSecond);
     // Weekday of the UTC date.
     EWeekday GetWeekday() const;
 

@@ -11,8 +11,7 @@ bool IsDigit(int c)
 }
 } // namespace
 
-bool KelReadDigits(std::istream& oStream, unsigned int nMaxDigits, unsigned long long& nValue,
-                   unsigned int* pnDigits)
+bool KelReadDigits(std::istream& oStream, unsigned int nMaxDigits, unsigned long long& nValue, unsigned int* pnDigits)
 {
     using Traits = std::istream::traits_type;
     unsigned long long nResult = 0;

@@ -24,7 +24,7 @@ public:
     bool WaitForOutput(const std::string& sText, int nTimeoutMs = 10000) const;
     // The exit status once the program has ended within nTimeoutMs, else -1.
     int WaitExit(int nTimeoutMs = 10000);
-    int Stop(int nSignal);  // sends the signal, then WaitExit
+    int Stop(int nSignal); // sends the signal, then WaitExit
     std::string Output() const;
 
 private:

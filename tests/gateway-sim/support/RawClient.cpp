@@ -4,8 +4,8 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/time.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -82,7 +82,9 @@ bool CRawClient::Receive(std::string& sMessage, int nTimeoutMs)
     const timeval oLimit{nTimeoutMs / 1000, nTimeoutMs % 1000 * 1000};
     setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &oLimit, sizeof(oLimit));
     auto MessageSize = [&] {
-        return m_sBuffer.size() < 2 ? 2u : (static_cast<unsigned char>(m_sBuffer[0]) | (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
+        return m_sBuffer.size() < 2
+            ? 2u
+            : (static_cast<unsigned char>(m_sBuffer[0]) | (static_cast<unsigned char>(m_sBuffer[1]) << 8)) + 2u;
     };
     char acChunk[4096];
     while (m_sBuffer.size() < MessageSize())
@@ -110,7 +112,7 @@ bool CRawClient::WaitClosed(int nTimeoutMs)
     while (Receive(sMessage, nTimeoutMs))
     {
     }
-    return errno != EAGAIN && errno != EWOULDBLOCK;  // end of stream or reset, not the time-out
+    return errno != EAGAIN && errno != EWOULDBLOCK; // end of stream or reset, not the time-out
 }
 
 void CRawClient::Close()

@@ -15,8 +15,8 @@ extern const char* const CONNECT_REQUEST;       // 0x0201, number 1, no connect 
 extern const char* const CONNECT_ACCEPTED;      // 0x8201, result 0
 extern const char* const CONNECT_LIMIT_REACHED; // 0x8201, result 1
 
-std::string FromHex(const std::string& sHex);   // "0D 00 07" -> bytes
-std::string ToHex(const std::string& sBytes);   // bytes -> "0D 00 07"
+std::string FromHex(const std::string& sHex); // "0D 00 07" -> bytes
+std::string ToHex(const std::string& sBytes); // bytes -> "0D 00 07"
 // Polls fCondition until it holds or nTimeoutMs have passed.
 bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs = 5000);
 
@@ -30,7 +30,10 @@ public:
 
     bool Connect(unsigned short nPort);
     // Connect and complete the connect handshake (result 0).
-    bool Open(unsigned short nPort) { return Connect(nPort) && SendHex(CONNECT_REQUEST) && ReceiveHex() == CONNECT_ACCEPTED; }
+    bool Open(unsigned short nPort)
+    {
+        return Connect(nPort) && SendHex(CONNECT_REQUEST) && ReceiveHex() == CONNECT_ACCEPTED;
+    }
     bool Send(const std::string& sBytes);
     bool SendHex(const std::string& sHex) { return Send(FromHex(sHex)); }
     // One whole message (length word included); false on close or when

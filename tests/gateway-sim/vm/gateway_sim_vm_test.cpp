@@ -27,7 +27,8 @@ class GatewaySimVm : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        s_poSim = new CChildProcess({"orvane-gateway-sim", "--socketcan", "vcan1", "--tcp-base", std::to_string(SIM_PORT)});
+        s_poSim =
+            new CChildProcess({"orvane-gateway-sim", "--socketcan", "vcan1", "--tcp-base", std::to_string(SIM_PORT)});
     }
     static void TearDownTestSuite()
     {
@@ -53,7 +54,7 @@ TEST_F(GatewaySimVm, FrameWrittenByAClientAppearsOnVcan1InCandump)
     // seen, so the client writes until candump has exited.
     CChildProcess oCandump({"candump", "-n", "2", "vcan1"});
     const std::string sFrames = GatewaySim::BuildTelegram(0x203, 1, FromHex("23 01 00 00 00 11 22")) +
-                                GatewaySim::BuildTelegram(0x203, 2, FromHex("78 56 34 12 01 DE AD"));
+        GatewaySim::BuildTelegram(0x203, 2, FromHex("78 56 34 12 01 DE AD"));
     bool bExited = false;
     for (int i = 0; i < 100 && !bExited; ++i)
     {
@@ -74,7 +75,7 @@ TEST_F(GatewaySimVm, FrameSentWithCansendReachesTheClient)
     EXPECT_EQ(oClient.ReceiveHex(), Indication("56 04 00 00 00 AA BB CC"));
     ASSERT_EQ(std::system("cansend vcan1 1ABCDEF0#01"), 0);
     EXPECT_EQ(oClient.ReceiveHex(), Indication("F0 DE BC 1A 01 01"));
-    ASSERT_EQ(std::system("cansend vcan1 321#R"), 0);  // a remote frame keeps its flag
+    ASSERT_EQ(std::system("cansend vcan1 321#R"), 0); // a remote frame keeps its flag
     EXPECT_EQ(oClient.ReceiveHex(), Indication("21 03 00 00 02"));
 }
 

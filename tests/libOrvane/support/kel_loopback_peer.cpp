@@ -6,8 +6,8 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/time.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -82,12 +82,11 @@ CRawListener::CRawListener(int backlog, int receiveBuffer) : m_nSocket(socket(AF
 {
     if (receiveBuffer > 0)
         setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-    SetReceiveTimeout(m_nSocket, kWaitMs);  // limits accept()
+    SetReceiveTimeout(m_nSocket, kWaitMs); // limits accept()
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof(address);
     if (bind(m_nSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        listen(m_nSocket, backlog) == 0 &&
-        getsockname(m_nSocket, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        listen(m_nSocket, backlog) == 0 && getsockname(m_nSocket, reinterpret_cast<sockaddr*>(&address), &length) == 0)
         m_nPort = ntohs(address.sin_port);
 }
 

@@ -19,7 +19,7 @@
 namespace kel_test
 {
 const char* const kLoopback = "127.0.0.1";
-const unsigned int kWaitMs = 5000;  // generous limit for anything awaited
+const unsigned int kWaitMs = 5000; // generous limit for anything awaited
 
 // One raw TCP socket (TCP_NODELAY, so every send is its own segment).
 class CRawSocket
@@ -56,7 +56,7 @@ public:
     explicit CRawListener(int backlog = 8, int receiveBuffer = 0);
     ~CRawListener();
     unsigned short Port() const { return m_nPort; }
-    CRawSocket Accept();  // closed socket when none came within kWaitMs
+    CRawSocket Accept(); // closed socket when none came within kWaitMs
 
 private:
     int m_nSocket;
@@ -66,7 +66,7 @@ private:
 sockaddr_in Loopback(unsigned short port);
 
 std::string MakeMsg(unsigned short command, unsigned short number, const std::string& data = std::string());
-std::string Frame(const std::string& payload);  // length word + payload
+std::string Frame(const std::string& payload); // length word + payload
 std::string Pattern(size_t count, unsigned char seed);
 std::string U32(unsigned int value);
 
@@ -80,7 +80,10 @@ public:
     using CKelIPConnection::CKelIPConnection;
     ~CRecordingConnection() override { Shutdown(); }
 
-    void ConnectInd(bool connected) override { Record([&] { ++m_anInd[connected]; }); }
+    void ConnectInd(bool connected) override
+    {
+        Record([&] { ++m_anInd[connected]; });
+    }
     void DataInd(const char* data, unsigned short length) override
     {
         const std::string message(data, length);
@@ -88,27 +91,42 @@ public:
             m_fOnData(*this, message);
         Record([&] { m_asMessages.push_back(message); });
     }
-    bool WaitForMessages(size_t count) { return Wait([&] { return m_asMessages.size() >= count; }); }
-    bool WaitForConnectInd(bool connected, int count) { return Wait([&] { return m_anInd[connected] >= count; }); }
-    std::vector<std::string> Messages() { return Read([&] { return m_asMessages; }); }
-    int ConnectIndCount(bool connected) { return Read([&] { return m_anInd[connected]; }); }
+    bool WaitForMessages(size_t count)
+    {
+        return Wait([&] { return m_asMessages.size() >= count; });
+    }
+    bool WaitForConnectInd(bool connected, int count)
+    {
+        return Wait([&] { return m_anInd[connected] >= count; });
+    }
+    std::vector<std::string> Messages()
+    {
+        return Read([&] { return m_asMessages; });
+    }
+    int ConnectIndCount(bool connected)
+    {
+        return Read([&] { return m_anInd[connected]; });
+    }
 
     // Called on the read thread with each message before it is recorded.
     std::function<void(CRecordingConnection&, const std::string&)> m_fOnData;
 
 private:
-    template <class F> void Record(F change)
+    template <class F>
+    void Record(F change)
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
         change();
         m_oChanged.notify_all();
     }
-    template <class F> auto Read(F read) -> decltype(read())
+    template <class F>
+    auto Read(F read) -> decltype(read())
     {
         std::lock_guard<std::mutex> lock(m_oMutex);
         return read();
     }
-    template <class F> bool Wait(F condition)
+    template <class F>
+    bool Wait(F condition)
     {
         std::unique_lock<std::mutex> lock(m_oMutex);
         return m_oChanged.wait_for(lock, std::chrono::milliseconds(kWaitMs), condition);
@@ -117,7 +135,7 @@ private:
     std::mutex m_oMutex;
     std::condition_variable m_oChanged;
     std::vector<std::string> m_asMessages;
-    int m_anInd[2] = {0, 0};  // ConnectInd(false), ConnectInd(true)
+    int m_anInd[2] = {0, 0}; // ConnectInd(false), ConnectInd(true)
 };
 } // namespace kel_test
 

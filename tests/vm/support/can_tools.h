@@ -9,21 +9,23 @@
 #include <string>
 #include <vector>
 
-namespace vmtest {
+namespace vmtest
+{
 
 using Milliseconds = std::chrono::milliseconds;
 constexpr Milliseconds kPatience{10000}; // generous: the VM is emulated and slow
 
 // Runs a program to completion; returns its exit status (-1 if it could not run).
-int runProgram(const std::vector<std::string> &argv);
+int runProgram(const std::vector<std::string>& argv);
 
 // candump -L on one interface, stopped when the object goes.
-class CanDump {
+class CanDump
+{
 public:
-    explicit CanDump(const std::string &interface);
+    explicit CanDump(const std::string& interface);
     ~CanDump();
-    CanDump(const CanDump &) = delete;
-    CanDump &operator=(const CanDump &) = delete;
+    CanDump(const CanDump&) = delete;
+    CanDump& operator=(const CanDump&) = delete;
 
     // Sends probe frames with cansend until candump prints one, so that every
     // frame sent afterwards is seen. False if candump never listened.
