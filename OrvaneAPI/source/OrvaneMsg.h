@@ -67,7 +67,7 @@ public:
     std::string GetMessageData() const;
 
     // Command code of a command on a device type: (type & 0x7F) << 8 | low byte.
-    static unsigned short MakeCmdCode(int nDeviceType, unsigned char nCommand)
+    static constexpr unsigned short MakeCmdCode(int nDeviceType, unsigned char nCommand)
     {
         return static_cast<unsigned short>(((nDeviceType & 0x7F) << 8) | nCommand);
     }

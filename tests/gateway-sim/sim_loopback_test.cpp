@@ -2,7 +2,6 @@
 // frames between clients, time stamps, fault modes and bad input.
 #include "GatewaySim.h"
 #include "SimTypes.h"
-#include "SimWire.h"
 #include "support/RawClient.h"
 
 #include <gtest/gtest.h>
@@ -127,7 +126,7 @@ TEST_F(SimLoopbackTest, TimeStampsOnlyForClientsThatSwitchedThemOn)
     // Flag 0x04, then s32 seconds and s32 microseconds behind the data.
     ASSERT_EQ(sStamped.size(), 22u);
     EXPECT_EQ(ToHex(sStamped.substr(0, 13)), "14 00 03 02 00 00 23 01 00 00 04 11 22");
-    const CPayloadReader oStamp(sStamped);
+    const CKelPayloadReader oStamp(sStamped);
     EXPECT_GE(oStamp.S32(13), 0x12345678);
     EXPECT_LE(oStamp.S32(13), 0x12345678 + 30);
     EXPECT_LT(oStamp.U32(17), 1000000u);
@@ -166,7 +165,7 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
     ASSERT_TRUE(m_aoClients[0].Receive(asFrames[0]) && m_aoClients[0].Receive(asFrames[1]));
     // Identifier 0x1F0, no flags, the 64-bit frame counter as data.
     EXPECT_EQ(ToHex(asFrames[0].substr(0, 11)), "12 00 03 02 00 00 F0 01 00 00 00");
-    const unsigned int nCounter = CPayloadReader(asFrames[0]).U32(11);
+    const unsigned int nCounter = CKelPayloadReader(asFrames[0]).U32(11);
     EXPECT_EQ(asFrames[1],
               BuildTelegram(eIndFrame, 0,
                             asFrames[0].substr(6, 5) + COrvaneMsg::ToChar(nCounter + 1) + asFrames[0].substr(15, 4)));

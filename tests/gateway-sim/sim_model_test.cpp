@@ -89,7 +89,7 @@ TEST_F(CanPortModelTest, WritesGoToTheBusAndAreConfirmedOnlyWhenAsked)
     EXPECT_EQ(oOut.oConfirmation.GetCmdCode(), 0x8203);
     EXPECT_EQ(oOut.oConfirmation.GetMsgID(), 8);
     // Result 0, then the transmit time.
-    const CPayloadReader oCnf(oOut.oConfirmation.GetData());
+    const CKelPayloadReader oCnf(oOut.oConfirmation.GetData());
     ASSERT_EQ(oCnf.Size(), 9u);
     EXPECT_EQ(oCnf.U8(0), 0);
     EXPECT_EQ(oCnf.S32(1), oOut.oTime.nSeconds);
@@ -104,13 +104,13 @@ TEST_F(CanPortModelTest, TimeAndCommonCommands)
     const std::string sTime = FromHex(Answer(eCmdGetTime, 3));
     ASSERT_EQ(sTime.size(), 10u);
     EXPECT_EQ(sTime[1], 1);
-    EXPECT_GE(CPayloadReader(sTime).S32(2), 1000);
-    EXPECT_LE(CPayloadReader(sTime).S32(2), 1010);
+    EXPECT_GE(CKelPayloadReader(sTime).S32(2), 1000);
+    EXPECT_LE(CKelPayloadReader(sTime).S32(2), 1010);
 
     EXPECT_EQ(ToHex(Run(eCmdClose, 9, "").oConfirmation.GetMessageData()), "06 00 0C 82 09 00 00 87");
     const std::string sInfo = FromHex(Answer(eCmdInfo, 2));
     ASSERT_EQ(sInfo.size(), 21u);
-    EXPECT_EQ(sInfo[9], CAN_DEVICE_TYPE);
+    EXPECT_EQ(sInfo[9], OrvaneCan::DEVICE_TYPE);
     EXPECT_EQ(FromHex(Answer(eCmdStatus, 3)).substr(1), "CAN port 0 ready");
 }
 

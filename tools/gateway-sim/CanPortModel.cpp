@@ -7,10 +7,9 @@ namespace GatewaySim
 namespace
 {
 
-constexpr unsigned short FRAME_HEADER = 5;               // s32 identifier, u8 flags
 constexpr unsigned short SDO_HEADER = 6;                 // u8 node, u16 index, u8 subindex, u16 time-out
 constexpr unsigned int SDO_ABORT_NO_OBJECT = 0x06020000; // object does not exist
-constexpr unsigned char SDO_RESULT_OK = 0;
+constexpr unsigned char SDO_RESULT_SUCCESS = 0;
 constexpr unsigned char SDO_RESULT_ABORTED = 1;
 
 // Identifier bases of the CANopen services the port sends as a master.
@@ -21,7 +20,7 @@ constexpr unsigned int COB_TIME = 0x100;
 constexpr unsigned char PDO_TYPE_FIRST = 1;
 constexpr unsigned char PDO_TYPE_LAST = 4;
 
-bool Flag(const CPayloadReader& oIn, std::size_t nOffset)
+bool Flag(const CKelPayloadReader& oIn, std::size_t nOffset)
 {
     return oIn.U8(nOffset) == 1;
 }
@@ -85,7 +84,7 @@ SCommandOutcome CCanPortModel::Handle(const COrvaneMsg& oRequest, SClientSetting
 
     auto Confirm = [&](unsigned char nResult, const std::string& sTail) {
         std::string sPayload(1, static_cast<char>(nResult));
-        if (nResult == RESULT_OK)
+        if (nResult == ORVANE_RESULT_OK)
             sPayload += sTail;
         oOutcome.oConfirmation.SetMessage(nCnfCode, oRequest.GetMsgID(), sPayload.data(),
                                           static_cast<unsigned short>(sPayload.size()));
@@ -102,7 +101,7 @@ SCommandOutcome CCanPortModel::Handle(const COrvaneMsg& oRequest, SClientSetting
     if (pEntry == nullptr)
     {
         oOutcome.eFault = EInputFault::eUnknownCommand;
-        Confirm(RESULT_COMMAND_FAILED, std::string());
+        Confirm(ORVANE_RESULT_COMMAND_FAILED, std::string());
         return oOutcome;
     }
 
@@ -124,18 +123,18 @@ SCommandOutcome CCanPortModel::Handle(const COrvaneMsg& oRequest, SClientSetting
     {
         oOutcome.eFault = EInputFault::eBadLength;
         if (bAnswered)
-            Confirm(RESULT_COMMAND_FAILED, std::string());
+            Confirm(ORVANE_RESULT_COMMAND_FAILED, std::string());
         return oOutcome;
     }
 
-    CPayloadReader oIn(sPayload);
-    CPayloadWriter oOut;
+    CKelPayloadReader oIn(sPayload);
+    CKelPayloadWriter oOut;
     unsigned char nResult;
     {
         CKelLockGuard oLock(m_oMutex);
         nResult = (this->*(pEntry->pfHandler))(oIn, oOut, oClient, oOutcome);
     }
-    if (nResult != RESULT_OK)
+    if (nResult != ORVANE_RESULT_OK)
         oOutcome.aoBusFrames.clear();
     if (bAnswered)
         Confirm(nResult, oOut.Data());
@@ -158,62 +157,65 @@ SCanPortSettings CCanPortModel::Settings() const
 
 // INFO: 20 bytes: u16 firmware version, u16 hardware version, u32 serial
 // number, u8 device type, u8 CAN port, 10 bytes of name, zero padded.
-unsigned char CCanPortModel::Info(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::Info(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
 {
     std::string sName("GW-SIM");
     sName.resize(10, '\0');
     oOut.U16(0x0100).U16(0x0100).U32(0x53494D00u | static_cast<unsigned int>(m_nCanPort & 0xFF));
-    oOut.U8(CAN_DEVICE_TYPE).U8(static_cast<unsigned char>(m_nCanPort)).Bytes(sName);
-    return RESULT_OK;
+    oOut.U8(OrvaneCan::DEVICE_TYPE).U8(static_cast<unsigned char>(m_nCanPort)).Bytes(sName);
+    return ORVANE_RESULT_OK;
 }
 
 // Status: a short text.
-unsigned char CCanPortModel::Status(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::Status(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                    SCommandOutcome&)
 {
     oOut.Bytes("CAN port " + std::to_string(m_nCanPort) + " ready");
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // CLOSE (restart): confirmed; the stored settings survive.
-unsigned char CCanPortModel::Restart(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::Restart(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&)
 {
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // READ DIGITAL: u32 inputs, u32 outputs. The inputs are wired to the outputs.
-unsigned char CCanPortModel::ReadDigital(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::ReadDigital(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
                                          SCommandOutcome&)
 {
     oOut.U32(m_oSettings.nDigitalOutputs).U32(m_oSettings.nDigitalOutputs);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::WriteDigital(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::WriteDigital(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                           SCommandOutcome&)
 {
     m_oSettings.nDigitalOutputs = oIn.U32(0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // READ ANALOG returns, after the result byte, the payload of the last WRITE
 // ANALOG as it came, so any layout the client uses reads back unchanged.
-unsigned char CCanPortModel::ReadAnalog(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::ReadAnalog(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                        SCommandOutcome&)
 {
     oOut.Bytes(m_oSettings.sAnalogOutputs);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::WriteAnalog(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::WriteAnalog(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
+                                         SCommandOutcome&)
 {
     m_oSettings.sAnalogOutputs = oIn.Tail(0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // ---- CAN ----
 
 // WRITE: s32 identifier, u8 flags, data. The frame goes onto the bus; the
 // confirmation (when the client wants one) carries the transmit time.
-unsigned char CCanPortModel::Write(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::Write(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut, SClientSettings&,
                                    SCommandOutcome& oOutcome)
 {
     SCanFrame oFrame;
@@ -222,28 +224,29 @@ unsigned char CCanPortModel::Write(const CPayloadReader& oIn, CPayloadWriter& oO
     oFrame.sData = oIn.Tail(FRAME_HEADER);
     oOutcome.aoBusFrames.push_back(oFrame);
     oOut.S32(oOutcome.oTime.nSeconds).S32(oOutcome.oTime.nMicroseconds);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient,
+unsigned char CCanPortModel::SetConfig(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings& oClient,
                                        SCommandOutcome&)
 {
     m_oSettings.bConfirmData = Flag(oIn, 0);
     m_oSettings.bMonitor = Flag(oIn, 1);
     oClient.bConfirmData = m_oSettings.bConfirmData;
     oClient.bMonitor = m_oSettings.bMonitor;
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::GetConfig(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetConfig(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                       SCommandOutcome&)
 {
     oOut.U8(m_oSettings.bConfirmData ? 1 : 0).U8(m_oSettings.bMonitor ? 1 : 0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // SET_GLOBALS: u8 operating mode, u32 baud rate, u8 termination, u8 high
 // speed, u8 time stamp.
-unsigned char CCanPortModel::SetGlobals(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings& oClient,
+unsigned char CCanPortModel::SetGlobals(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings& oClient,
                                         SCommandOutcome&)
 {
     m_oSettings.nOperatingMode = oIn.U8(0);
@@ -252,52 +255,57 @@ unsigned char CCanPortModel::SetGlobals(const CPayloadReader& oIn, CPayloadWrite
     m_oSettings.bHighSpeed = Flag(oIn, 6);
     m_oSettings.bTimeStamp = Flag(oIn, 7);
     oClient.bTimeStamps = m_oSettings.bTimeStamp;
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::GetGlobals(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetGlobals(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                        SCommandOutcome&)
 {
     oOut.U8(m_oSettings.nOperatingMode).U32(m_oSettings.nBaudrate);
     oOut.U8(m_oSettings.bTermination ? 1 : 0).U8(m_oSettings.bHighSpeed ? 1 : 0).U8(m_oSettings.bTimeStamp ? 1 : 0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetTime(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::SetTime(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
+                                     SCommandOutcome&)
 {
     STimeStamp oTime;
     oTime.nSeconds = oIn.S32(0);
     oTime.nMicroseconds = oIn.S32(4);
     m_oClock.Set(oTime);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // GET_TIME: u8 valid (1 once SET_TIME was received), s32 seconds, s32 micros.
-unsigned char CCanPortModel::GetTime(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetTime(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                     SCommandOutcome&)
 {
     const STimeStamp oNow = m_oClock.Now();
     oOut.U8(m_oClock.IsSet() ? 1 : 0).S32(oNow.nSeconds).S32(oNow.nMicroseconds);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetFilter(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::SetFilter(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
+                                       SCommandOutcome&)
 {
     for (unsigned int i = 0; i < 16; ++i)
         m_oSettings.anFilter[i] = oIn.U32(4 * i);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::GetFilter(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&, SCommandOutcome&)
+unsigned char CCanPortModel::GetFilter(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
+                                       SCommandOutcome&)
 {
     for (unsigned int nWord : m_oSettings.anFilter)
         oOut.U32(nWord);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // GET_POWERSTATUS: counts (2 values, 4 A flags, 1 B flag), s16 board
 // temperature, u16 supply voltage in mV, u16 supply current in mA, u8 relay;
 // then the values (12 V and 5 V rails in mV), the A flags (one per active
 // supply bit 0..3) and the B flag (relay).
-unsigned char CCanPortModel::GetPowerStatus(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::GetPowerStatus(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
                                             SCommandOutcome&)
 {
     const unsigned char nRelay = m_oSettings.bPowerRelay ? 1 : 0;
@@ -306,69 +314,69 @@ unsigned char CCanPortModel::GetPowerStatus(const CPayloadReader&, CPayloadWrite
     for (unsigned int nBit = 0; nBit < 4; ++nBit)
         oOut.U8((m_oSettings.nActiveSupplies >> nBit) & 1u);
     oOut.U8(nRelay);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetPowerRelais(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::SetPowerRelais(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                             SCommandOutcome&)
 {
     m_oSettings.bPowerRelay = oIn.U8(0) != 0;
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::SetActivePowerSupplies(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::SetActivePowerSupplies(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                                     SCommandOutcome&)
 {
     m_oSettings.nActiveSupplies = oIn.U32(0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // SET_ZCARD_PI: u8 interval, u16 start, u16 end (a trailing copy of the end
 // identifier is ignored).
-unsigned char CCanPortModel::SetZCardParameter(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::SetZCardParameter(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                                SCommandOutcome&)
 {
     m_oSettings.nZCardInterval = oIn.U8(0);
     m_oSettings.nZCardIDStart = oIn.U16(1);
     m_oSettings.nZCardIDEnd = oIn.U16(3);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::GetZCardParameter(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::GetZCardParameter(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
                                                SCommandOutcome&)
 {
     oOut.U8(m_oSettings.nZCardInterval).U16(m_oSettings.nZCardIDStart).U16(m_oSettings.nZCardIDEnd);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // ---- CANopen ----
 
-unsigned char CCanPortModel::CANopenSetConfig(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenSetConfig(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                               SCommandOutcome&)
 {
     m_oSettings.nCANopenMode = oIn.U8(0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
-unsigned char CCanPortModel::CANopenGetConfig(const CPayloadReader&, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::CANopenGetConfig(const CKelPayloadReader&, CKelPayloadWriter& oOut, SClientSettings&,
                                               SCommandOutcome&)
 {
     oOut.U8(m_oSettings.nCANopenMode);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // The SYNC period is stored; the simulator sends no periodic SYNC itself.
-unsigned char CCanPortModel::CANopenSyncMode(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenSyncMode(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                              SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
     m_oSettings.nSyncPeriod = oIn.U16(0);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // NMT: u8 node, u8 command -> frame 0x000 [command, node].
-unsigned char CCanPortModel::CANopenNMT(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenNMT(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                         SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
@@ -378,11 +386,11 @@ unsigned char CCanPortModel::CANopenNMT(const CPayloadReader& oIn, CPayloadWrite
     oFrame.sData.push_back(static_cast<char>(oIn.U8(1)));
     oFrame.sData.push_back(static_cast<char>(oIn.U8(0)));
     oOutcome.aoBusFrames.push_back(oFrame);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // SYNC -> empty frame 0x080.
-unsigned char CCanPortModel::CANopenSYNC(const CPayloadReader&, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenSYNC(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&,
                                          SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
@@ -390,25 +398,25 @@ unsigned char CCanPortModel::CANopenSYNC(const CPayloadReader&, CPayloadWriter&,
     SCanFrame oFrame;
     oFrame.nIdentifier = COB_SYNC;
     oOutcome.aoBusFrames.push_back(oFrame);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // TIME: u16 days, u32 milliseconds -> frame 0x100 [u32 ms (28 bits), u16 days].
-unsigned char CCanPortModel::CANopenTIME(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenTIME(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                          SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
     SCanFrame oFrame;
     oFrame.nIdentifier = COB_TIME;
-    oFrame.sData = CPayloadWriter().U32(oIn.U32(2) & 0x0FFFFFFFu).U16(oIn.U16(0)).Data();
+    oFrame.sData = CKelPayloadWriter().U32(oIn.U32(2) & 0x0FFFFFFFu).U16(oIn.U16(0)).Data();
     oOutcome.aoBusFrames.push_back(oFrame);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 // PDO: u8 node, u8 PDO type 1..4, data (up to 8 bytes) -> receive PDO frame of
 // that node.
-unsigned char CCanPortModel::CANopenPDO(const CPayloadReader& oIn, CPayloadWriter&, SClientSettings&,
+unsigned char CCanPortModel::CANopenPDO(const CKelPayloadReader& oIn, CKelPayloadWriter&, SClientSettings&,
                                         SCommandOutcome& oOutcome)
 {
     if (m_oSettings.nCANopenMode == 0)
@@ -416,12 +424,12 @@ unsigned char CCanPortModel::CANopenPDO(const CPayloadReader& oIn, CPayloadWrite
     const unsigned char nNode = oIn.U8(0);
     const unsigned char nType = oIn.U8(1);
     if (nType < PDO_TYPE_FIRST || nType > PDO_TYPE_LAST || nNode > 0x7F)
-        return RESULT_COMMAND_FAILED;
+        return ORVANE_RESULT_COMMAND_FAILED;
     SCanFrame oFrame;
     oFrame.nIdentifier = 0x100u * (nType + 1u) + nNode;
     oFrame.sData = oIn.Tail(2);
     oOutcome.aoBusFrames.push_back(oFrame);
-    return RESULT_OK;
+    return ORVANE_RESULT_OK;
 }
 
 unsigned int CCanPortModel::SdoKey(unsigned char nNode, unsigned short nIndex, unsigned char nSubindex)
@@ -435,7 +443,7 @@ unsigned int CCanPortModel::SdoKey(unsigned char nNode, unsigned short nIndex, u
 
 // SDO read: u8 node, u16 index, u8 subindex, u16 time-out -> u8 SDO result,
 // u32 value (or abort code).
-unsigned char CCanPortModel::CANopenSDORead(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::CANopenSDORead(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut, SClientSettings&,
                                             SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
@@ -444,30 +452,30 @@ unsigned char CCanPortModel::CANopenSDORead(const CPayloadReader& oIn, CPayloadW
     if (itObject == m_aoObjects.end())
     {
         oOut.U8(SDO_RESULT_ABORTED).U32(SDO_ABORT_NO_OBJECT);
-        return RESULT_OK;
+        return ORVANE_RESULT_OK;
     }
     std::string sValue = itObject->second;
     sValue.resize(4, '\0');
-    oOut.U8(SDO_RESULT_OK).Bytes(sValue);
-    return RESULT_OK;
+    oOut.U8(SDO_RESULT_SUCCESS).Bytes(sValue);
+    return ORVANE_RESULT_OK;
 }
 
 // SDO write: u8 node, u8 write type, u16 index, u8 subindex, u16 time-out,
 // u32 value -> u8 SDO result, u32 abort code.
-unsigned char CCanPortModel::CANopenSDOWrite(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
+unsigned char CCanPortModel::CANopenSDOWrite(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut, SClientSettings&,
                                              SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
-    m_aoObjects[SdoKey(oIn.U8(0), oIn.U16(2), oIn.U8(4))] = CPayloadWriter().U32(oIn.U32(7)).Data();
-    oOut.U8(SDO_RESULT_OK).U32(0);
-    return RESULT_OK;
+    m_aoObjects[SdoKey(oIn.U8(0), oIn.U16(2), oIn.U8(4))] = CKelPayloadWriter().U32(oIn.U32(7)).Data();
+    oOut.U8(SDO_RESULT_SUCCESS).U32(0);
+    return ORVANE_RESULT_OK;
 }
 
 // SDO read block: u8 node, u16 index, u8 subindex, u16 time-out -> u8 SDO
 // result, then the object's bytes.
-unsigned char CCanPortModel::CANopenSDOReadBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
-                                                 SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDOReadBlock(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut,
+                                                 SClientSettings&, SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
@@ -475,22 +483,22 @@ unsigned char CCanPortModel::CANopenSDOReadBlock(const CPayloadReader& oIn, CPay
     if (itObject == m_aoObjects.end())
     {
         oOut.U8(SDO_RESULT_ABORTED);
-        return RESULT_OK;
+        return ORVANE_RESULT_OK;
     }
-    oOut.U8(SDO_RESULT_OK).Bytes(itObject->second);
-    return RESULT_OK;
+    oOut.U8(SDO_RESULT_SUCCESS).Bytes(itObject->second);
+    return ORVANE_RESULT_OK;
 }
 
 // SDO write block: u8 node, u16 index, u8 subindex, u16 time-out, data ->
 // u8 SDO result, u32 abort code.
-unsigned char CCanPortModel::CANopenSDOWriteBlock(const CPayloadReader& oIn, CPayloadWriter& oOut, SClientSettings&,
-                                                  SCommandOutcome&)
+unsigned char CCanPortModel::CANopenSDOWriteBlock(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut,
+                                                  SClientSettings&, SCommandOutcome&)
 {
     if (m_oSettings.nCANopenMode == 0)
         return RESULT_CANOPEN_MODE_OFF;
     m_aoObjects[SdoKey(oIn.U8(0), oIn.U16(1), oIn.U8(3))] = oIn.Tail(SDO_HEADER);
-    oOut.U8(SDO_RESULT_OK).U32(0);
-    return RESULT_OK;
+    oOut.U8(SDO_RESULT_SUCCESS).U32(0);
+    return ORVANE_RESULT_OK;
 }
 
 } // namespace GatewaySim

@@ -9,7 +9,6 @@
 #include "GatewayClock.h"
 #include "OrvaneMsg.h"
 #include "SimTypes.h"
-#include "SimWire.h"
 #include "libKelMutex.h"
 
 #include <map>
@@ -89,7 +88,7 @@ public:
 private:
     // A handler writes the confirmation bytes after the result byte into
     // oOut and returns the result byte.
-    using FHandler = unsigned char (CCanPortModel::*)(const CPayloadReader& oIn, CPayloadWriter& oOut,
+    using FHandler = unsigned char (CCanPortModel::*)(const CKelPayloadReader& oIn, CKelPayloadWriter& oOut,
                                                       SClientSettings& oClient, SCommandOutcome& oOutcome);
     struct SCommandEntry
     {
@@ -101,38 +100,40 @@ private:
     static const SCommandEntry* FindCommand(unsigned short nCode);
     static const SCommandEntry s_aoCommands[];
 
-    unsigned char Info(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char Status(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char Restart(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char ReadDigital(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char WriteDigital(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char ReadAnalog(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char WriteAnalog(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char Write(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetConfig(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetConfig(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetGlobals(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetGlobals(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetTime(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetTime(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetFilter(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetFilter(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetPowerStatus(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetPowerRelais(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetActivePowerSupplies(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char SetZCardParameter(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char GetZCardParameter(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSetConfig(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenGetConfig(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSyncMode(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenNMT(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSYNC(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenTIME(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenPDO(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSDORead(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSDOWrite(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSDOReadBlock(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
-    unsigned char CANopenSDOWriteBlock(const CPayloadReader&, CPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char Info(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char Status(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char Restart(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char ReadDigital(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char WriteDigital(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char ReadAnalog(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char WriteAnalog(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char Write(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetConfig(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetConfig(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetGlobals(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetGlobals(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetTime(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetTime(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetFilter(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetFilter(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetPowerStatus(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetPowerRelais(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char SetActivePowerSupplies(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&,
+                                         SCommandOutcome&);
+    unsigned char SetZCardParameter(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char GetZCardParameter(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSetConfig(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenGetConfig(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSyncMode(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenNMT(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSYNC(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenTIME(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenPDO(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSDORead(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSDOWrite(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSDOReadBlock(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&, SCommandOutcome&);
+    unsigned char CANopenSDOWriteBlock(const CKelPayloadReader&, CKelPayloadWriter&, SClientSettings&,
+                                       SCommandOutcome&);
 
     static unsigned int SdoKey(unsigned char nNode, unsigned short nIndex, unsigned char nSubindex);
 

@@ -1,6 +1,6 @@
 #include "IndicationEncoder.h"
 
-#include "SimWire.h"
+#include "SimTypes.h"
 
 namespace GatewaySim
 {
@@ -18,7 +18,7 @@ COrvaneMsg MakeIndication(unsigned short nCode, const std::string& sPayload)
 
 COrvaneMsg FrameIndication(unsigned short nCode, const SCanFrame& oFrame, const STimeStamp& oTime, bool bTimeStamps)
 {
-    CPayloadWriter oOut;
+    CKelPayloadWriter oOut;
     const unsigned char nFlags = static_cast<unsigned char>(oFrame.nFlags | (bTimeStamps ? FRAME_FLAG_TIMESTAMP : 0));
     oOut.U32(oFrame.nIdentifier).U8(nFlags).Bytes(oFrame.sData);
     if (bTimeStamps)
@@ -41,7 +41,7 @@ COrvaneMsg EncodeIndication(const SCanFrame& oFrame, const STimeStamp& oTime, bo
     const bool bService = (oFrame.nFlags & (FRAME_FLAG_EXTENDED | FRAME_FLAG_REMOTE)) == 0;
     const unsigned int nId = oFrame.nIdentifier;
     const unsigned char nNode = static_cast<unsigned char>(nId & 0x7F);
-    CPayloadWriter oOut;
+    CKelPayloadWriter oOut;
     if (bService && nId == 0x080)
     {
         // SYNC: the counter byte, when the frame carries one.

@@ -1,7 +1,7 @@
 #include "LoadGenerator.h"
 
 #include "CanPortModel.h"
-#include "SimWire.h"
+#include "SimTypes.h"
 
 #include <time.h>
 
@@ -63,7 +63,7 @@ void CLoadGenerator::SendLoop()
             nSent = nDue - MAX_BURST;
         while (nSent < nDue && !m_bStop.load())
         {
-            oFrame.sData = CPayloadWriter()
+            oFrame.sData = CKelPayloadWriter()
                                .U32(static_cast<unsigned int>(nSent))
                                .U32(static_cast<unsigned int>(nSent >> 32))
                                .Data();

@@ -13,7 +13,7 @@ constexpr unsigned int SEND_TIMEOUT_MS = 2000;
 } // namespace
 
 CSimConnection::CSimConnection(SPortContext& oPort, CKelIPServerContainer* pContainer, int nSocket)
-    : CKelIPConnection(pContainer, CAN_DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true), m_roPort(oPort),
+    : CKelIPConnection(pContainer, OrvaneCan::DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true), m_roPort(oPort),
       m_nClient(oPort.nNextClient++),
       m_oSession(oPort.roModel, oPort.roBus, oPort.oSession, oPort.roCounters, oPort.roLog, *this,
                  oPort.sName + " client " + std::to_string(m_nClient))
@@ -87,7 +87,7 @@ void CSimConnection::CloseLink()
 }
 
 CSimContainer::CSimContainer(SPortContext& oPort, unsigned short nTcpPort)
-    : CKelIPServerContainer(CAN_DEVICE_TYPE, oPort.nMaxClients, nTcpPort, false), m_roPort(oPort)
+    : CKelIPServerContainer(OrvaneCan::DEVICE_TYPE, oPort.nMaxClients, nTcpPort, false), m_roPort(oPort)
 {
 }
 

@@ -1,6 +1,7 @@
 #include "TraceTelegram.h"
 
 #include "KelByteOrder.h"
+#include "KelPayload.h"
 
 #include <algorithm>
 #include <cstring>
@@ -26,37 +27,17 @@ unsigned int GetU32(const char* bytes)
 }
 
 // Reads fields front to back from possibly short data: a field that the data
-// does not reach reads as 0, a string running past the end is cut.
-class CFieldReader
+// does not reach reads as 0, a text running past the end is cut.
+class CFieldReader : public CKelPayloadReader
 {
 public:
-    explicit CFieldReader(const std::vector<char>& data) : m_roData(data), m_nPos(0) {}
+    explicit CFieldReader(const std::vector<char>& data) : CKelPayloadReader(data) {}
 
-    unsigned char U8() { return Has(1) ? static_cast<unsigned char>(m_roData[m_nPos++]) : 0; }
-    unsigned short U16() { return Has(2) ? Advance(GetU16(&m_roData[m_nPos]), 2) : 0; }
-    unsigned int U32() { return Has(4) ? Advance(GetU32(&m_roData[m_nPos]), 4) : 0; }
-
+    unsigned char U8() { return NextU8(); }
+    unsigned short U16() { return NextU16(); }
+    unsigned int U32() { return NextU32(); }
     // A 2-byte length followed by that many bytes (or what is left of them).
-    std::string Text()
-    {
-        const size_t announced = U16();
-        const size_t length = std::min(announced, m_roData.size() - m_nPos);
-        std::string text(m_roData.data() + m_nPos, length);
-        m_nPos += length;
-        return text;
-    }
-
-private:
-    bool Has(size_t count) const { return m_roData.size() - m_nPos >= count; }
-    template <typename T>
-    T Advance(T value, size_t count)
-    {
-        m_nPos += count;
-        return value;
-    }
-
-    const std::vector<char>& m_roData;
-    size_t m_nPos;
+    std::string Text() { return NextBytes(NextU16()); }
 };
 
 // Appends two texts, each behind its 2-byte length. Where the data would

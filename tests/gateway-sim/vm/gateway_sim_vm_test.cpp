@@ -3,7 +3,7 @@
 #include "support/ChildProcess.h"
 #include "support/RawClient.h"
 
-#include "SimWire.h"
+#include "SimTypes.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,148 @@
+// Wire facts of the gateway protocol above the telegram: command codes,
+// indication codes, frame flags, device result bytes, TCP ports, and the
+// payload layouts that more than one side must agree on. The client library
+// and the gateway simulator both name these facts from here; each side keeps
+// its own encoders and decoders.
+//
+// A command code is ((device type & 0x7F) << 8) | low byte
+// (COrvaneMsg::MakeCmdCode); a confirmation
+// carries the request's code | 0x8000 and the request's message ID. Every
+// confirmation payload starts with the device's result byte (0 = success),
+// the command's own data follow from offset 1. Multi-byte fields are
+// little-endian.
+#ifndef ORVANE_PROTOCOL_H
+#define ORVANE_PROTOCOL_H
+
+#include "OrvaneErrors.h"
+#include "OrvaneMsg.h"
+
+// TCP port of port nPort (0..99) of a device kind: 4999 + type + 100 * port;
+// 5099 serves device type 0.
+constexpr unsigned short OrvaneTcpPort(int nDeviceType, int nPort)
+{
+    return static_cast<unsigned short>(4999 + (nDeviceType == 0 ? 100 : nDeviceType) + 100 * nPort);
+}
+
+// Low bytes of the commands every device kind answers.
+enum EOrvaneCommonCommand : unsigned char
+{
+    eOrvaneCmdInfo = 0x09,         // -> 20 bytes of device information (layout below)
+    eOrvaneCmdStatus = 0x0A,       // -> status text
+    eOrvaneCmdClose = 0x0C,        // restart the device
+    eOrvaneCmdReadDigital = 0x40,  // -> u32 inputs, u32 outputs
+    eOrvaneCmdWriteDigital = 0x41, // u32 outputs
+    eOrvaneCmdReadAnalog = 0x42,   // layout below
+    eOrvaneCmdWriteAnalog = 0x43   // layout below
+};
+
+// Device result bytes (the first confirmation byte). The client adds the
+// device type shifted left by 8, so 0x21 reads as 0x221 on a CAN port.
+constexpr unsigned char ORVANE_RESULT_OK = 0x00;
+constexpr unsigned char ORVANE_RESULT_COMMAND_FAILED = 0xFF;
+
+// Payload layouts of the common commands that the protocol leaves to the
+// two sides (offsets count from the start of the confirmation payload, so
+// offset 0 is the result byte):
+//
+// INFO confirmation, 20 bytes from offset 1: u16 firmware version, u16
+//   hardware version, u32 serial number, u8 device type, u8 port, 10 bytes of
+//   name, zero padded.
+// STATUS confirmation: the status text, from offset 1 to the end, no
+//   terminating zero.
+// WRITE ANALOG request: u16 count n, then n u32 output values.
+// READ ANALOG request: empty; confirmation: from offset 1 the layout of WRITE
+//   ANALOG (u16 count n, then n u32 values).
+constexpr unsigned int ORVANE_INFO_SIZE = 20;
+
+// The CAN port of a gateway (device type 2).
+namespace OrvaneCan
+{
+
+constexpr unsigned char DEVICE_TYPE = eOrvaneCAN;
+
+constexpr unsigned short Code(unsigned char nLowByte)
+{
+    return COrvaneMsg::MakeCmdCode(DEVICE_TYPE, nLowByte);
+}
+
+// TCP port of CAN port nCanPort: 5001 + 100 * nCanPort.
+constexpr unsigned short TcpPort(int nCanPort)
+{
+    return OrvaneTcpPort(DEVICE_TYPE, nCanPort);
+}
+
+// Command codes of a CAN port (requests; confirmations add 0x8000).
+enum ECommand : unsigned short
+{
+    // Common to every device kind.
+    eCmdInfo = Code(eOrvaneCmdInfo),
+    eCmdStatus = Code(eOrvaneCmdStatus),
+    eCmdClose = Code(eOrvaneCmdClose),
+    eCmdReadDigital = Code(eOrvaneCmdReadDigital),
+    eCmdWriteDigital = Code(eOrvaneCmdWriteDigital),
+    eCmdReadAnalog = Code(eOrvaneCmdReadAnalog),
+    eCmdWriteAnalog = Code(eOrvaneCmdWriteAnalog),
+    // CAN.
+    eCmdWrite = Code(0x03),                  // s32 identifier, u8 flags, data
+    eCmdSetConfig = Code(0x05),              // u8 confirm data, u8 monitor
+    eCmdGetConfig = Code(0x06),              // -> u8 confirm data, u8 monitor
+    eCmdSetGlobals = Code(0x07),             // u8 mode, u32 baud rate, u8 termination, u8 high speed, u8 time stamp
+    eCmdGetGlobals = Code(0x08),             // -> the SET_GLOBALS layout
+    eCmdSetTime = Code(0x0B),                // s32 seconds, s32 microseconds
+    eCmdGetTime = Code(0x0E),                // -> u8 valid, s32 seconds, s32 microseconds
+    eCmdSetFilter = Code(0x20),              // 16 u32 words
+    eCmdGetFilter = Code(0x21),              // -> 16 u32 words
+    eCmdGetPowerStatus = Code(0x22),         // -> layout below
+    eCmdSetPowerRelais = Code(0x23),         // u8 relay state
+    eCmdSetActivePowerSupplies = Code(0x24), // u32 bit mask
+    eCmdSetZCardParameter = Code(0x51),      // u8 interval, u16 start, u16 end, u16 end again
+    eCmdGetZCardParameter = Code(0x52),      // -> u8 interval, u16 start, u16 end
+    // CANopen.
+    eCmdCANopenSetConfig = Code(0x60),    // u8 mode
+    eCmdCANopenGetConfig = Code(0x61),    // -> u8 mode
+    eCmdCANopenSyncMode = Code(0x62),     // u16 period
+    eCmdCANopenNMT = Code(0x63),          // u8 node, u8 NMT type
+    eCmdCANopenSYNC = Code(0x64),         // empty
+    eCmdCANopenTIME = Code(0x65),         // u16 days, u32 milliseconds
+    eCmdCANopenPDO = Code(0x67),          // u8 node, u8 PDO type, data
+    eCmdCANopenSDORead = Code(0x68),      // u8 node, u16 index, u8 subindex, u16 time-out -> u8 result, u32 value
+    eCmdCANopenSDOWrite = Code(0x69),     // u8 node, u8 type, u16 index, u8 subindex, u16 time-out, u32 value
+    eCmdCANopenSDOReadBlock = Code(0x6A), // as SDO read -> u8 result, data
+    eCmdCANopenSDOWriteBlock = Code(0x6B) // u8 node, u16 index, u8 subindex, u16 time-out, data
+};
+
+// Codes of the indications a CAN port sends on its own (message ID 0).
+enum EIndication : unsigned short
+{
+    eIndFrame = Code(0x03),     // u32 identifier, u8 flags, data [, s32 seconds, s32 microseconds]
+    eIndSYNC = Code(0x64),      // u8
+    eIndEMCY = Code(0x66),      // u8, u16, u8, 5 bytes
+    eIndPDO = Code(0x67),       // u8, u8, u8 length, data
+    eIndUndefined = Code(0x6C), // laid out like eIndFrame
+    eIndGUARD = Code(0x6D)      // u8, u8
+};
+
+// Flag bits of a frame (WRITE request and frame indications alike).
+constexpr unsigned char FRAME_FLAG_EXTENDED = 0x01;  // 29-bit identifier
+constexpr unsigned char FRAME_FLAG_REMOTE = 0x02;    // remote frame
+constexpr unsigned char FRAME_FLAG_TIMESTAMP = 0x04; // 8-byte time stamp behind the data
+
+// Bytes before a frame's data: identifier and flags.
+constexpr unsigned int FRAME_HEADER = 5;
+// Longest data field a frame telegram may carry.
+constexpr unsigned int MAX_FRAME_DATA = 64;
+// Size of the time stamp behind the data: s32 seconds, s32 microseconds.
+constexpr unsigned int FRAME_TIMESTAMP_SIZE = 8;
+
+// Device result bytes of a CAN port.
+constexpr unsigned char RESULT_CAN_TRANSMIT_ERROR = 0x21;
+constexpr unsigned char RESULT_CANOPEN_MODE_OFF = 0xFE;
+
+// GET_POWERSTATUS confirmation, from offset 1: u8 count of u16 values, u8
+// count of A flags, u8 count of B flags, s16, u16, u16, u8 (bit 0 a flag);
+// then the u16 values, the A flag bytes and the B flag bytes (bit 0 each).
+constexpr unsigned int POWER_STATUS_HEADER = 11;
+
+} // namespace OrvaneCan
+
+#endif
