@@ -1,0 +1,117 @@
+/* Application interface for the CAN ports of an Orvane gateway: plain
+ * functions over integer device handles, usable from C, C++ and any
+ * language that can call a C function in a shared library.
+ *
+ * Every function returns a return code (0 = success; the texts come from
+ * CANErrorMessage), except CANDeviceConnectState, which returns the state of
+ * the device's connection (3 = connected). A handle that is not open gives
+ * 0x900000. No function lets an exception escape.
+ *
+ * Callbacks are called on the device's receive thread: they must return
+ * soon, and must not close their own device. */
+#ifndef ORVANE_DLL_CAN_H
+#define ORVANE_DLL_CAN_H
+
+#ifdef __cplusplus
+extern "C"
+{
+#endif
+
+    /* A CAN frame from the gateway: identifier, data, length, flags (bit 0
+ * 29-bit identifier, bit 1 remote frame, bit 2 time stamp), device handle. */
+    typedef void (*CANCallback)(unsigned int nIdentifier, const char* pcData, int nLength, int nFlags, int nHandle);
+    /* The same with the gateway's time stamp of the frame. */
+    typedef void (*CANCallbackEx)(unsigned int nIdentifier, const char* pcData, int nLength, int nFlags, int nHandle,
+                                  int nSeconds, int nMicroseconds);
+    /* CANopen indications. */
+    typedef void (*CANopenPDOCallback)(unsigned char nNodeID, unsigned char nPDOType, unsigned char nLength,
+                                       const char* pcData, int nHandle, int nSeconds, int nMicroseconds);
+    typedef void (*CANopenSYNCCallback)(unsigned char nCounter, int nHandle, int nSeconds, int nMicroseconds);
+    typedef void (*CANopenEMCYCallback)(unsigned char nNodeID, unsigned short nErrorCode, unsigned char nErrorRegister,
+                                        const unsigned char* pcData, int nHandle, int nSeconds, int nMicroseconds);
+    typedef void (*CANopenGUARDCallback)(unsigned char nNodeID, unsigned char nState, int nHandle, int nSeconds,
+                                         int nMicroseconds);
+    typedef void (*CANopenUndefinedCallback)(int nIdentifier, unsigned char nByte0, unsigned char nByte1,
+                                             unsigned char nLength, const char* pcData, int nHandle, int nSeconds,
+                                             int nMicroseconds);
+
+    /* Devices. */
+    int CANOpenDevice(int* pnHandle, int bSendDataConfirm, int bSendDataInd, int nCANPort, const char* pcIPAddress,
+                      int nTimeout);
+    int CANOpenDeviceEx(int* pnHandle, int bSendDataConfirm, int bSendDataInd, int nCANPort, const char* pcIPAddress,
+                        int nTimeout, unsigned char nProtocol);
+    int CANCloseDevice(int nHandle);
+    int CANRestart(const char* pcIPAddress, int nTimeout);
+    int CANDeviceConnectState(int nHandle);
+    int CANStartAlive(int nHandle, unsigned int nSeconds);
+    int CANErrorMessage(int nRetCode, char* pcMessage, int nMessageLen);
+
+    /* Configuration. */
+    int CANSetGlobals(int nHandle, unsigned int nBaudrate, unsigned char nOperatingMode, int bTermination,
+                      int bHighSpeed, int bTimeStamp);
+    int CANGetGlobals(int nHandle, unsigned int* pnBaudrate, unsigned char* pnOperatingMode, int* pbTermination,
+                      int* pbHighSpeed, int* pbTimeStamp);
+    int CANSetFilter(int nHandle, const int* pnFilter);
+    int CANGetFilter(int nHandle, int* pnFilter);
+    int CANSetTime(int nHandle, int nSeconds, int nMicroseconds);
+    int CANGetTime(int nHandle, int* pbValid, int* pnSeconds, int* pnMicroseconds);
+    int CANGetPowerStatus(int nHandle, unsigned char nMaxValues, unsigned char* pnValues, unsigned char nMaxFlagsA,
+                          unsigned char* pnFlagsA, unsigned char nMaxFlagsB, unsigned char* pnFlagsB, short* pnValue1,
+                          unsigned short* pnValue2, unsigned short* pnValue3, int* pbFlag, unsigned short* pValues,
+                          int* pFlagsA, int* pFlagsB);
+    int CANSetPowerRelais(int nHandle, int bOn);
+    int CANSetActivePowerSupplies(int nHandle, unsigned int nBitmask);
+
+    /* Frames. */
+    int CANWrite(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags);
+    int CANWriteEx(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags, int* pnSeconds,
+                   int* pnMicroseconds);
+    int CANSetCallback(int nHandle, CANCallback pCallback);
+    int CANSetCallbackEx(int nHandle, CANCallbackEx pCallback);
+    int CANSetMaxSizePerQueue(int nHandle, unsigned int nMaxSize);
+    int CANGetMessage(int nHandle, int* pnAvailable, int* pnIdentifier, char* pcData, unsigned char* pnLength,
+                      int* pnFlags, int* pnSeconds, int* pnMicroseconds);
+
+    /* Digital and analog I/O of the gateway. */
+    int CANReadDigital(int nHandle, unsigned int* pnInputs, unsigned int* pnOutputs);
+    int CANWriteDigital(int nHandle, unsigned int nOutputs);
+    int CANReadAnalog(int nHandle, unsigned int* pnValues, unsigned int nMaxValues, unsigned short* pnCount);
+    int CANWriteAnalog(int nHandle, unsigned int* pnValues, unsigned short nCount);
+
+    /* CANopen. */
+    int CANopenSetCallback(int nHandle, CANopenPDOCallback pPDO, CANopenSYNCCallback pSYNC, CANopenEMCYCallback pEMCY,
+                           CANopenGUARDCallback pGUARD, CANopenUndefinedCallback pUndefined);
+    int CANopenGetPDO(int nHandle, int* pnAvailable, unsigned char* pnNodeID, unsigned char* pnPDOType,
+                      unsigned char* pnLength, char* pcData);
+    int CANopenGetSYNC(int nHandle, int* pnAvailable, unsigned char* pnCounter);
+    int CANopenGetEMCY(int nHandle, int* pnAvailable, unsigned char* pnNodeID, unsigned short* pnErrorCode,
+                       unsigned char* pnErrorRegister, unsigned char* pcData);
+    int CANopenGetGUARD(int nHandle, int* pnAvailable, unsigned char* pnNodeID, unsigned char* pnState);
+    int CANopenGetUndefined(int nHandle, int* pnAvailable, int* pnIdentifier, unsigned char* pnByte0,
+                            unsigned char* pnByte1, unsigned char* pnLength, char* pcData, int* pnSeconds,
+                            int* pnMicroseconds);
+    int CANopenSetConfig(int nHandle, unsigned char nMode);
+    int CANopenGetConfig(int nHandle, unsigned char* pnMode);
+    int CANopenSetSYNCMode(int nHandle, unsigned short nPeriodTime);
+    int CANopenSendNMT(int nHandle, unsigned char nNodeID, unsigned char nNMTType);
+    int CANopenSendSYNC(int nHandle);
+    int CANopenSendTIME(int nHandle, unsigned short nDay, unsigned int nMs);
+    int CANopenSendPDO(int nHandle, unsigned char nNodeID, unsigned char nPDOType, unsigned char nLen,
+                       const char* pcData);
+    int CANopenSendSDORead(int nHandle, unsigned char nNodeID, unsigned short nIndex, unsigned char nSubindex,
+                           unsigned short nTimeout, unsigned char* pnResult, unsigned int* pnValue);
+    int CANopenSendSDOWrite(int nHandle, unsigned char nNodeID, unsigned char nSDOWriteType, unsigned short nIndex,
+                            unsigned char nSubindex, unsigned short nTimeout, unsigned int nValue,
+                            unsigned char* pnResult, unsigned int* pnAbort);
+    int CANopenSendSDOReadBlock(int nHandle, unsigned char nNodeID, unsigned short nIndex, unsigned char nSubindex,
+                                unsigned short nTimeout, unsigned short nBufferLen, unsigned char* pnResult,
+                                unsigned short* pnLen, unsigned char* pData);
+    int CANopenSendSDOWriteBlock(int nHandle, unsigned char nNodeID, unsigned short nIndex, unsigned char nSubindex,
+                                 unsigned short nTimeout, unsigned short nLen, const unsigned char* pData,
+                                 unsigned char* pnResult, unsigned int* pnAbort);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ORVANE_DLL_CAN_H */
