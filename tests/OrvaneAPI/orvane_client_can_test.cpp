@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <ctime>
 #include <functional>
 
 using namespace ClientTest;
@@ -263,10 +262,19 @@ TEST(OrvaneClientCAN, WriteWithoutConfirmationsReportsTheLocalClock)
 {
     // Nobody answers, and the default time-out is long: Write must not wait.
     CScriptedClient oClient(600000);
+    // The stamp lies between two readings of the local clock since local
+    // midnight of 01.01.1970, taken before and after.
+    const CKelLocalTime oEpoch("01.01.1970", CKelUTCTime::eDotDate, 0);
+    const auto fnLocalMs = [&] {
+        return static_cast<long long>((CKelLocalTime::CurrentLocalTime() - oEpoch).GetTotalMilliSeconds());
+    };
     int nSeconds = 0, nMicroseconds = -1;
+    const long long nBefore = fnLocalMs();
     ASSERT_EQ(oClient.Write(0x10, "\x01", 1, 0, &nSeconds, &nMicroseconds), 0);
-    const long long nLocalNow = static_cast<long long>(time(nullptr)) + 3600LL * CKelLocalTime::GetCurrentTimezone();
-    EXPECT_NEAR(static_cast<double>(nSeconds), static_cast<double>(nLocalNow), 5.0);
+    const long long nAfter = fnLocalMs();
+    const long long nStamp = nSeconds * 1000LL + nMicroseconds / 1000;
+    EXPECT_LE(nBefore, nStamp);
+    EXPECT_LE(nStamp, nAfter);
     EXPECT_GE(nMicroseconds, 0);
     EXPECT_LT(nMicroseconds, 1000000);
     EXPECT_EQ(oClient.Write(0x10, nullptr, 0, 0, nullptr, nullptr), 0);
