@@ -121,29 +121,29 @@ EParseResult ParseHexCommandLine(int nArgc, char** apArgv, SHexOptions& oOptions
 
 std::string HexHelpText(const std::string& sProgram)
 {
-    return "Usage: " + sProgram + " info [<options>] <file>\n" +                               //
-        "       " + sProgram + " convert --to intel|srec|bin [<options>] <input> <output>\n" + //
-        "       " + sProgram +
-        " --help\n"
-        "\n"
-        "Reads a firmware image from an Intel hex, Motorola S-record or binary file.\n"
-        "  info     lists its memory blocks (start, end, size) and the total size\n"
-        "  convert  writes it to <output> in another form\n"
-        "\n"
-        "Options (anywhere on the line):\n"
-        "  -t, --to intel|srec|bin    form of the output (convert only, required)\n"
-        "  -f, --from intel|srec|bin  form of the input; by default detected from its first\n"
-        "                             character: ':' Intel hex, 'S' S-record, else binary\n"
-        "  -k, --ignore-errors        go on with an input that has bad lines: lines that cannot\n"
-        "                             be read are left out, a line with a bad checksum is kept\n"
-        "  -h, --help                 print this text\n"
-        "\n"
-        "Intel output uses extended linear address records where needed; S-record output\n"
-        "uses S1, S2 or S3 records by address, without header or end record. Binary output\n"
-        "needs an image of one block starting at address 0.\n"
-        "\n"
-        "Exit status: 0 success; 1 the input could not be read (or had bad lines) or the\n"
-        "output could not be written; 2 bad command line (message and usage on stderr).\n";
+    std::string sText = "Usage: " + sProgram + " info [<options>] <file>\n";
+    sText += "       " + sProgram + " convert --to intel|srec|bin [<options>] <input> <output>\n";
+    sText += "       " + sProgram + " --help\n";
+    sText += "\n"
+             "Reads a firmware image from an Intel hex, Motorola S-record or binary file.\n"
+             "  info     lists its memory blocks (start, end, size) and the total size\n"
+             "  convert  writes it to <output> in another form\n"
+             "\n"
+             "Options (anywhere on the line):\n"
+             "  -t, --to intel|srec|bin    form of the output (convert only, required)\n"
+             "  -f, --from intel|srec|bin  form of the input; by default detected from its first\n"
+             "                             character: ':' Intel hex, 'S' S-record, else binary\n"
+             "  -k, --ignore-errors        go on with an input that has bad lines: lines that cannot\n"
+             "                             be read are left out, a line with a bad checksum is kept\n"
+             "  -h, --help                 print this text\n"
+             "\n"
+             "Intel output uses extended linear address records where needed; S-record output\n"
+             "uses S1, S2 or S3 records by address, without header or end record. Binary output\n"
+             "needs an image of one block starting at address 0.\n"
+             "\n"
+             "Exit status: 0 success; 1 the input could not be read (or had bad lines) or the\n"
+             "output could not be written; 2 bad command line (message and usage on stderr).\n";
+    return sText;
 }
 
 } // namespace HexTool
