@@ -2,10 +2,9 @@
 // the three forms, and the failures it reports.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -48,31 +47,14 @@ protected:
 
     std::string Path(const std::string& sName) const { return m_sDir + "/" + sName; }
 
-    // Runs the program with its output in two files; waits for it to end.
+    // Runs the program through the shell with its output in two files.
     SRun Run(const std::vector<std::string>& asArgs) const
     {
-        const std::string sOut = Path("stdout"), sErr = Path("stderr");
-        const pid_t nPid = fork();
-        if (nPid == 0)
-        {
-            const int nOut = open(sOut.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const int nErr = open(sErr.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(nOut, 1);
-            dup2(nErr, 2);
-            std::vector<char*> apArgv{const_cast<char*>("orvane-hex")};
-            for (const std::string& sArg : asArgs)
-                apArgv.push_back(const_cast<char*>(sArg.c_str()));
-            apArgv.push_back(nullptr);
-            execv(HEX_BINARY, apArgv.data());
-            _exit(127);
-        }
-        SRun oRun;
-        int nStatus = 0;
-        if (nPid > 0 && waitpid(nPid, &nStatus, 0) == nPid && WIFEXITED(nStatus))
-            oRun.nExit = WEXITSTATUS(nStatus);
-        oRun.sOut = ReadFile(sOut);
-        oRun.sErr = ReadFile(sErr);
-        return oRun;
+        std::string sCommand = HEX_BINARY;
+        for (const std::string& sArg : asArgs)
+            sCommand += " '" + sArg + "'";
+        const int nStatus = std::system((sCommand + " >" + Path("stdout") + " 2>" + Path("stderr")).c_str());
+        return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, ReadFile(Path("stdout")), ReadFile(Path("stderr"))};
     }
 
     std::string m_sDir;
@@ -89,28 +71,20 @@ TEST_F(HexProgram, HelpAndBadCommandLines)
 {
     const SRun oHelp = Run({"--help"});
     EXPECT_EQ(oHelp.nExit, 0);
-    EXPECT_NE(oHelp.sOut.find("Usage: orvane-hex info [<options>] <file>"), std::string::npos) << oHelp.sOut;
-    EXPECT_NE(oHelp.sOut.find("Exit status"), std::string::npos);
-
-    const std::vector<std::vector<std::string>> aasBad = {
-        {},
-        {"list", "x"},
-        {"info"},
-        {"info", "a", "b"},
-        {"convert", "a", "b"},
-        {"convert", "--to", "elf", "a", "b"},
-        {"convert", "--to", "bin", "a"},
-        {"info", "--to", "bin", "a"},
-        {"info", "--from", "hex", "a"},
-        {"info", "--bogus", "a"},
-    };
-    for (const auto& asArgs : aasBad)
+    EXPECT_EQ(oHelp.sOut.rfind("Usage: orvane-hex info [<options>] <file>\n", 0), 0u) << oHelp.sOut;
+    for (const std::vector<std::string>& asArgs :
+         std::vector<std::vector<std::string>>{{},
+                                               {"list", "x"},
+                                               {"info", "a", "b"},
+                                               {"convert", "a", "b"},
+                                               {"convert", "--to", "elf", "a", "b"},
+                                               {"info", "--to", "bin", "a"},
+                                               {"info", "--bogus", "a"}})
     {
         const SRun oRun = Run(asArgs);
         EXPECT_EQ(oRun.nExit, 2) << testing::PrintToString(asArgs);
-        EXPECT_TRUE(oRun.sOut.empty());
-        EXPECT_NE(oRun.sErr.find("orvane-hex: "), std::string::npos);
-        EXPECT_NE(oRun.sErr.find("Usage: "), std::string::npos);
+        EXPECT_EQ(oRun.sOut, "");
+        EXPECT_NE(oRun.sErr.find("\n\nUsage: "), std::string::npos) << oRun.sErr;
     }
 }
 
@@ -126,12 +100,12 @@ TEST_F(HexProgram, InfoListsBlocksAndTotal)
                   "0x00000000  0x00000003  4 byte\n"
                   "0x00010000  0x00010001  2 byte\n"
                   "Total: 6 byte\n");
-
     WriteFile(Path("k.bin"), std::string(2048, '\x5A'));
-    const SRun oBinary = Run({"info", Path("k.bin")});
-    EXPECT_EQ(oBinary.nExit, 0);
-    EXPECT_NE(oBinary.sOut.find(": binary, 1 block\n"), std::string::npos) << oBinary.sOut;
-    EXPECT_NE(oBinary.sOut.find("0x00000000  0x000007FF  2048 byte (2 kbyte)\n"), std::string::npos) << oBinary.sOut;
+    EXPECT_NE(Run({"info", Path("k.bin")})
+                  .sOut.find(": binary, 1 block\n"
+                             "Start       End         Size\n"
+                             "0x00000000  0x000007FF  2048 byte (2 kbyte)\n"),
+              std::string::npos);
 }
 
 TEST_F(HexProgram, ConvertsThroughAllThreeForms)
@@ -142,63 +116,40 @@ TEST_F(HexProgram, ConvertsThroughAllThreeForms)
         sData.push_back(static_cast<char>(i * 7 + 1));
     WriteFile(Path("in.bin"), sData);
     ASSERT_EQ(Run({"convert", "--to", "srec", Path("in.bin"), Path("a.s19")}).nExit, 0);
-    EXPECT_EQ(ReadFile(Path("a.s19")).substr(0, 4), "S113");
     ASSERT_EQ(Run({"convert", Path("a.s19"), "-t", "intel", Path("b.hex")}).nExit, 0);
     EXPECT_EQ(ReadFile(Path("b.hex")).substr(0, 9), ":10000000");
     ASSERT_EQ(Run({"convert", "--to=bin", Path("b.hex"), Path("c.bin")}).nExit, 0);
     EXPECT_EQ(ReadFile(Path("c.bin")), sData);
-
-    // --from overrides detection: a text file read as binary.
+    // --from overrides detection: the text file read as binary.
     ASSERT_EQ(Run({"convert", "--from", "bin", "--to", "bin", Path("b.hex"), Path("d.bin")}).nExit, 0);
     EXPECT_EQ(ReadFile(Path("d.bin")), ReadFile(Path("b.hex")));
-
-    // S-record output of the two blocks:
-    //   S1 07 0000 01020304: 07+01+02+03+04 = 11, checksum EE
-    //   S2 06 010000 AABB:   06+01+AA+BB = 16C, checksum 93
-    WriteFile(Path("two.hex"), kTwoBlocks);
-    ASSERT_EQ(Run({"convert", "--to", "srec", Path("two.hex"), Path("two.s28")}).nExit, 0);
-    EXPECT_EQ(ReadFile(Path("two.s28")), "S107000001020304EE\nS206010000AABB93\n");
 }
 
-TEST_F(HexProgram, ReportsFailures)
+TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
 {
     const SRun oMissing = Run({"info", Path("missing.hex")});
     EXPECT_EQ(oMissing.nExit, 1);
     EXPECT_EQ(oMissing.sErr, "orvane-hex: File <" + Path("missing.hex") + "> could not be opened.\n");
-
     WriteFile(Path("two.hex"), kTwoBlocks);
-    WriteFile(Path("out.bin"), "keep");
     const SRun oTwo = Run({"convert", "--to", "bin", Path("two.hex"), Path("out.bin")});
     EXPECT_EQ(oTwo.nExit, 1);
-    EXPECT_NE(oTwo.sErr.find("Data could not be saved in binary format because of StartAddress != 0 OR multiple "
-                             "blocks in hex data."),
-              std::string::npos)
-        << oTwo.sErr;
-    EXPECT_EQ(ReadFile(Path("out.bin")), "keep") << "a refused output is not truncated";
+    EXPECT_NE(oTwo.sErr.find("orvane-hex: Data could not be saved in binary format"), std::string::npos) << oTwo.sErr;
 
-    EXPECT_EQ(Run({"convert", "--to", "intel", Path("two.hex"), Path("no/such/dir.hex")}).nExit, 1);
-
-    // A bad checksum (F3 instead of F2) fails unless --ignore-errors keeps the data.
-    WriteFile(Path("bad.hex"), ":0400000001020304F3\n:00000001FF\n");
-    const SRun oBad = Run({"info", Path("bad.hex")});
-    EXPECT_EQ(oBad.nExit, 1);
-    EXPECT_EQ(oBad.sOut, "Invalid checksum in data line: :0400000001020304F3\n");
-    EXPECT_NE(oBad.sErr.find("File <" + Path("bad.hex") + ">: checksum error."), std::string::npos) << oBad.sErr;
-    const SRun oKept = Run({"info", "-k", Path("bad.hex")});
-    EXPECT_EQ(oKept.nExit, 0);
-    EXPECT_NE(oKept.sOut.find("Total: 4 byte"), std::string::npos) << oKept.sOut;
-
-    // An unreadable line likewise; the other lines' data stay.
+    // A bad checksum (F3 instead of F2), or a line that cannot be read, fails
+    // the load unless --ignore-errors keeps the data.
+    WriteFile(Path("sum.hex"), ":0400000001020304F3\n:00000001FF\n");
     WriteFile(Path("junk.hex"), ":0400000001020304F2\njunk\n");
-    const SRun oJunk = Run({"info", Path("junk.hex")});
-    EXPECT_EQ(oJunk.nExit, 1);
-    EXPECT_NE(oJunk.sErr.find("Invalid format in data line: junk"), std::string::npos) << oJunk.sErr;
-    EXPECT_EQ(Run({"info", "--ignore-errors", Path("junk.hex")}).nExit, 0);
-
-    WriteFile(Path("empty.hex"), "");
-    const SRun oEmpty = Run({"info", Path("empty.hex")});
-    EXPECT_EQ(oEmpty.nExit, 1);
-    EXPECT_EQ(oEmpty.sErr, "orvane-hex: Eingabe " + Path("empty.hex") + " enthaelt keine Daten.\n");
+    for (const char* pcName : {"sum.hex", "junk.hex"})
+    {
+        const SRun oBad = Run({"info", Path(pcName)});
+        EXPECT_EQ(oBad.nExit, 1) << pcName;
+        EXPECT_NE(oBad.sErr.find("--ignore-errors keeps the data"), std::string::npos) << oBad.sErr;
+        const SRun oKept = Run({"info", "-k", Path(pcName)});
+        EXPECT_EQ(oKept.nExit, 0) << pcName;
+        EXPECT_NE(oKept.sOut.find("Total: 4 byte"), std::string::npos) << oKept.sOut;
+    }
+    EXPECT_NE(Run({"info", Path("sum.hex")}).sErr.find("File <" + Path("sum.hex") + ">: checksum error."),
+              std::string::npos);
 }
 
 } // namespace
