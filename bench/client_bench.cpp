@@ -8,7 +8,11 @@
 //     a thread drains: frames per second and heap allocations per call
 //     (counted by the replaced global operator new).
 //
-// Run: build/bench/client_bench [--benchmark_repetitions=5]
+// Run: build/bench/client_bench --benchmark_repetitions=10
+//        --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2
+// On a shared machine the speed drifts within seconds; interleaving the
+// repetitions lets both sides of the ratio see the same conditions. The
+// ratios use the medians; process_cpu_ns counts the CPU time of every thread.
 #include "OrvaneClientCAN.h"
 #include "OrvaneProtocol.h"
 
