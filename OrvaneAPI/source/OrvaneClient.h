@@ -249,8 +249,8 @@ protected:
 
     // Stops the connection's threads (disconnecting first when connected):
     // after it no thread calls DataInd, ConInd or DataIndRespond any more.
-    // Every derived client whose hooks it overrides calls this first thing
-    // in its destructor. Safe to call more than once.
+    // A derived client that overrides a hook calls this first thing in its
+    // destructor. Safe to call more than once.
     void ShutdownConnection() { m_oConnection.Stop(); }
 
     // Longest payload that still fits the telegram's 16-bit sizes.
