@@ -47,6 +47,10 @@ public:
     void Resume() {}
 
     static void Sleep(long seconds, long milliseconds);
+    // The wall clock now (microsecond resolution), and now plus an offset,
+    // for time stamps. Not for deadlines: the wall clock may be stepped, so
+    // waits take a relative time-out (CKelEvent, CKelMutex, CKelDeadline),
+    // which is measured on the monotonic clock.
     static void GetTimeCurrent(long* seconds, long* nanoseconds);
     static void GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds);
     static void* ThreadProc(CKelThread* thread);
