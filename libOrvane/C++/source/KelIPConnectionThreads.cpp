@@ -4,6 +4,7 @@
 #include "KelMsg.h"
 #include "KelSocketWait.h"
 
+#include <cxxabi.h>
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -39,12 +40,28 @@ CKelIPConnection::CReadThread::~CReadThread()
 
 void CKelIPConnection::CReadThread::Run()
 {
-    if (m_poOwner->IsDatagramServer())
-        RunDatagramServer();
-    else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
-        RunDatagramClient();
-    else
-        RunStream();
+    try
+    {
+        if (m_poOwner->IsDatagramServer())
+            RunDatagramServer();
+        else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
+            RunDatagramClient();
+        else
+            RunStream();
+    }
+    catch (abi::__forced_unwind&)
+    {
+        throw;
+    }
+    catch (...)
+    {
+        // A hook (DataInd, ConnectInd: the client's code) threw. Nobody reads
+        // this connection any more, so it must not look alive: end it, which
+        // reports the loss through ConnectInd(false), then let the thread's
+        // own firewall log the exception and end the thread.
+        m_poOwner->EndConnection();
+        throw;
+    }
 }
 
 // recv/recvfrom on `socket` while it is still the connection's socket.
