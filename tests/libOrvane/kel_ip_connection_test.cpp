@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 using namespace kel_test;
@@ -208,6 +209,16 @@ TEST_F(RawStreamTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectServesTheNe
         EXPECT_EQ(eKelIPWrongState, m_oConnection.CloseConnection());
         EXPECT_EQ(round, m_oConnection.ConnectIndCount(false));
     }
+}
+
+TEST_F(RawStreamTest, HookThatThrowsEndsTheConnectionAndItsReadThread)
+{
+    m_oConnection.m_fOnData = [](CRecordingConnection&, const std::string&) { throw std::runtime_error("hook"); };
+    ASSERT_TRUE(m_oPeer.SendAll(Frame(Pattern(4, 1))));
+    ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
+    EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetReadThreadState() == CKelThread::eFinished; }));
+    EXPECT_EQ(CKelIPBase::eDisconnected, m_oConnection.GetState());
+    EXPECT_TRUE(m_oPeer.WaitForClose());
 }
 
 TEST(KelIPConnectionLoss, SendTimeOutEndsTheConnection)

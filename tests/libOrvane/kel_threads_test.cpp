@@ -11,6 +11,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -299,4 +300,80 @@ TEST(KelThread, TimeHelpersNormaliseNanoseconds)
     const long long got = static_cast<long long>(s) * 1000000000LL + ns;
     EXPECT_GE(got, target);
     EXPECT_LT(got - target, 5000000000LL);
+}
+
+namespace
+{
+// Leaves Initialize or Run in one of the ways foreign code might.
+class EscapingThread : public CKelThread
+{
+public:
+    enum EWay
+    {
+        eStdExceptionFromRun,
+        eOtherExceptionFromRun,
+        eStdExceptionFromInitialize,
+        ePthreadExitFromRun
+    };
+
+    explicit EscapingThread(EWay way) : m_eWay(way) {}
+    ~EscapingThread() override { Terminate(); }
+
+    std::atomic<int> runs{0};
+
+protected:
+    void Initialize() override
+    {
+        if (m_eWay == eStdExceptionFromInitialize)
+            throw std::runtime_error("no resources");
+    }
+    void Run() override
+    {
+        ++runs;
+        if (m_eWay == eStdExceptionFromRun)
+            throw std::runtime_error("callback failed");
+        if (m_eWay == eOtherExceptionFromRun)
+            throw 42;
+        pthread_exit(nullptr);
+    }
+
+private:
+    EWay m_eWay;
+};
+} // namespace
+
+TEST(KelThread, EscapingExceptionEndsOnlyTheThreadWithOneLineOnStderr)
+{
+    const std::string prefix = "+++ error: thread (anonymous namespace)::EscapingThread ended by an exception: ";
+    const struct
+    {
+        EscapingThread::EWay way;
+        bool started; // what Start returns
+        int runs;     // Run calls per start
+        std::string log;
+    } rows[] = {
+        {EscapingThread::eStdExceptionFromRun, true, 1, prefix + "callback failed\n"},
+        {EscapingThread::eOtherExceptionFromRun, true, 1, prefix + "unknown exception\n"},
+        {EscapingThread::eStdExceptionFromInitialize, false, 0, prefix + "no resources\n"},
+        {EscapingThread::ePthreadExitFromRun, true, 1, ""}, // an unwind, not an error
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(static_cast<int>(row.way));
+        EscapingThread thread(row.way);
+        // Twice: a thread that ended this way can be started again.
+        for (int start = 1; start <= 2; ++start)
+        {
+            testing::internal::CaptureStderr();
+            const bool started = thread.Start();
+            const bool finished = Eventually([&] { return thread.GetState() == CKelThread::eFinished; });
+            const std::string log = testing::internal::GetCapturedStderr();
+            EXPECT_EQ(row.started, started);
+            EXPECT_TRUE(finished);
+            EXPECT_EQ(row.log, log);
+            EXPECT_EQ(row.runs * start, thread.runs.load());
+        }
+        thread.Terminate();
+        EXPECT_EQ(CKelThread::eFinished, thread.GetState());
+    }
 }

@@ -160,6 +160,9 @@ private:
     friend class CAliveThread;
 
     void SetIdentifiers(unsigned char id);
+    // Connect request and confirmation within the deadline (connection
+    // messages on); 1 accepted, else the connection is closed again.
+    unsigned int ConnectHandshake(const std::string& connectData, const CKelDeadline& deadline);
     // True for the six connect, disconnect and alive commands of this id.
     bool IsConnectionCommand(unsigned short command) const;
     void ResetAliveCounters();

@@ -1,13 +1,13 @@
 #include "KelIPConnectionThreads.h"
 
+#include "KelAliveRules.h"
 #include "KelMsg.h"
 #include "KelSocketWait.h"
 
+#include <cxxabi.h>
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
-
-#include <algorithm>
 
 namespace
 {
@@ -18,11 +18,6 @@ const size_t kReceiveBufferSize = 131072;
 const size_t kDatagramBufferSize = 65527;
 const int kReadWaitMs = 1000;
 
-const unsigned int kMinTickMs = 10;
-// Silent ticks after which the alive thread ends the connection, and quiet
-// ticks after which it sends an alive request.
-const unsigned int kSilentTicks = 4;
-const unsigned int kQuietTicks = 2;
 const unsigned int kSilenceDisconnectTimeoutMs = 1000;
 
 bool IsRetry(ssize_t received)
@@ -45,12 +40,28 @@ CKelIPConnection::CReadThread::~CReadThread()
 
 void CKelIPConnection::CReadThread::Run()
 {
-    if (m_poOwner->IsDatagramServer())
-        RunDatagramServer();
-    else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
-        RunDatagramClient();
-    else
-        RunStream();
+    try
+    {
+        if (m_poOwner->IsDatagramServer())
+            RunDatagramServer();
+        else if (m_poOwner->GetProtocol() == CKelIPBase::eUDP)
+            RunDatagramClient();
+        else
+            RunStream();
+    }
+    catch (abi::__forced_unwind&)
+    {
+        throw;
+    }
+    catch (...)
+    {
+        // A hook (DataInd, ConnectInd: the client's code) threw. Nobody reads
+        // this connection any more, so it must not look alive: end it, which
+        // reports the loss through ConnectInd(false), then let the thread's
+        // own firewall log the exception and end the thread.
+        m_poOwner->EndConnection();
+        throw;
+    }
 }
 
 // recv/recvfrom on `socket` while it is still the connection's socket.
@@ -218,7 +229,7 @@ CKelIPConnection::CAliveThread::~CAliveThread()
 
 unsigned int CKelIPConnection::CAliveThread::TickMs(unsigned int periodMs)
 {
-    return std::max(kMinTickMs, periodMs / 4);
+    return CKelAliveRules::TickMs(periodMs);
 }
 
 bool CKelIPConnection::CAliveThread::Pause(unsigned int ms)
@@ -245,22 +256,23 @@ void CKelIPConnection::CAliveThread::Run()
             owner.m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
             owner.m_nAlivePeriod.store(0, std::memory_order_relaxed);
             owner.ResetAliveCounters();
-            if (Pause(kMinTickMs))
+            if (Pause(CKelAliveRules::kMinTickMs))
                 return;
             continue;
         }
 
-        // Nothing at all received for more than four ticks: the peer is gone.
         const unsigned int tick = owner.m_nAliveTick.fetch_add(1, std::memory_order_relaxed) + 1;
-        if (tick > owner.m_nAliveLastReceive.load(std::memory_order_relaxed) + kSilentTicks)
-            owner.DisconnectReq(kSilenceDisconnectTimeoutMs);
-        // Requests flow only while the line is otherwise quiet.
-        if (mode == eAliveActive)
+        switch (CKelAliveRules::Decide(mode, tick, owner.m_nAliveLastSend.load(std::memory_order_relaxed),
+                                       owner.m_nAliveLastReceive.load(std::memory_order_relaxed)))
         {
-            const unsigned int lastSend = owner.m_nAliveLastSend.load(std::memory_order_relaxed);
-            const unsigned int lastReceive = owner.m_nAliveLastReceive.load(std::memory_order_relaxed);
-            if (lastSend + kQuietTicks < tick || tick > lastReceive + kQuietTicks)
-                owner.AliveReq(period / 2);
+        case CKelAliveRules::eLinkLost:
+            owner.DisconnectReq(kSilenceDisconnectTimeoutMs);
+            break;
+        case CKelAliveRules::eSendRequest:
+            owner.AliveReq(period / 2);
+            break;
+        case CKelAliveRules::eNothing:
+            break;
         }
         if (Pause(TickMs(period)))
             return;

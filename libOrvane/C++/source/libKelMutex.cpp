@@ -1,37 +1,59 @@
 #include "libKelMutex.h"
 
 #include <errno.h>
-#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
+
+// A timed lock that measures on the monotonic clock needs
+// pthread_mutex_clocklock; pthread_mutex_timedlock only takes the wall clock.
+#if !defined(__GLIBC__) || __GLIBC__ < 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ < 30)
+#error "libKelMutex needs pthread_mutex_clocklock (glibc 2.30 or later)"
+#endif
+
+#if defined(__SANITIZE_THREAD__)
+#define KEL_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KEL_TSAN 1
+#endif
+#endif
+#ifdef KEL_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace
 {
-// Absolute wall-clock deadline `timeoutMs` from now, as the POSIX timed
-// waits expect it. False when the clock cannot be read.
+// Every wait measures on CLOCK_MONOTONIC: a bridge runs for months, and a step
+// of the wall clock (NTP, an operator) must neither stretch nor cut a
+// time-out, an alive period or a confirmation wait.
+const clockid_t kWaitClock = CLOCK_MONOTONIC;
+
+// Absolute deadline `timeoutMs` from now on the wait clock. False when the
+// clock cannot be read.
 bool DeadlineFromNow(unsigned int timeoutMs, timespec& deadline)
 {
-    timeval now;
-    if (gettimeofday(&now, nullptr) != 0)
+    timespec now;
+    if (clock_gettime(kWaitClock, &now) != 0)
         return false;
-    long long micro = static_cast<long long>(now.tv_usec) + (timeoutMs % 1000) * 1000LL;
+    long long nano = static_cast<long long>(now.tv_nsec) + (timeoutMs % 1000) * 1000000LL;
     long long seconds = static_cast<long long>(now.tv_sec) + timeoutMs / 1000;
-    if (micro > 999999)
+    if (nano > 999999999LL)
     {
         seconds += 1;
-        micro -= 1000000;
+        nano -= 1000000000LL;
     }
     deadline.tv_sec = static_cast<time_t>(seconds);
-    deadline.tv_nsec = static_cast<long>(micro * 1000);
+    deadline.tv_nsec = static_cast<long>(nano);
     return true;
 }
 
 bool IsPast(const timespec& deadline)
 {
-    timeval now;
-    gettimeofday(&now, nullptr);
+    timespec now{};
+    clock_gettime(kWaitClock, &now);
     if (now.tv_sec != deadline.tv_sec)
         return now.tv_sec > deadline.tv_sec;
-    return now.tv_usec * 1000L >= deadline.tv_nsec;
+    return now.tv_nsec >= deadline.tv_nsec;
 }
 
 const useconds_t kPollPauseUs = 10 * 1000;
@@ -57,7 +79,17 @@ bool CKelMutex::Lock(unsigned int timeoutMs)
     timespec deadline;
     if (!DeadlineFromNow(timeoutMs, deadline))
         return false;
-    return pthread_mutex_timedlock(&m_oMutex, &deadline) == 0;
+#ifdef KEL_TSAN
+    // The thread sanitizer does not know pthread_mutex_clocklock; it is told
+    // about the lock as it would be about a timed lock.
+    __tsan_mutex_pre_lock(&m_oMutex, __tsan_mutex_try_lock);
+    const int result = pthread_mutex_clocklock(&m_oMutex, kWaitClock, &deadline);
+    __tsan_mutex_post_lock(
+        &m_oMutex, result == 0 ? __tsan_mutex_try_lock : __tsan_mutex_try_lock | __tsan_mutex_try_lock_failed, 0);
+    return result == 0;
+#else
+    return pthread_mutex_clocklock(&m_oMutex, kWaitClock, &deadline) == 0;
+#endif
 }
 
 bool CKelMutex::Unlock()
@@ -69,7 +101,12 @@ bool CKelMutex::Unlock()
 
 CKelEvent::CKelEvent() : m_poCondition(new pthread_cond_t), m_nSignalled(0), m_nSignalCount(0)
 {
-    pthread_cond_init(m_poCondition, nullptr);
+    // The condition's timed waits take their deadline on the wait clock.
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, kWaitClock);
+    pthread_cond_init(m_poCondition, &attributes);
+    pthread_condattr_destroy(&attributes);
 }
 
 CKelEvent::~CKelEvent()

@@ -1,6 +1,8 @@
 // Locks and events used by every thread of the library.
 //
 // All time-outs are in milliseconds; KEL_INFINITE (0xFFFFFFFF) waits for ever.
+// They are measured on the monotonic clock (CLOCK_MONOTONIC): setting or
+// stepping the system's wall clock neither stretches nor cuts a wait.
 #ifndef LIB_KEL_MUTEX_H
 #define LIB_KEL_MUTEX_H
 

@@ -1,13 +1,30 @@
 #include "libKelThread.h"
 
+#include <cxxabi.h>
 #include <sys/time.h>
 #include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <typeinfo>
 
 namespace
 {
 void* ThreadEntry(void* argument)
 {
     return CKelThread::ThreadProc(static_cast<CKelThread*>(argument));
+}
+
+// One line on stderr naming the thread by its class and what ended it.
+void ReportEscapedException(const CKelThread& thread, const char* what)
+{
+    const char* const mangled = typeid(thread).name();
+    int status = -1;
+    char* const demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+    std::fprintf(stderr, "+++ error: thread %s ended by an exception: %s\n",
+                 status == 0 && demangled != nullptr ? demangled : mangled, what);
+    std::free(demangled);
 }
 } // namespace
 
@@ -49,6 +66,7 @@ bool CKelThread::Start()
         InitAttributes();
 
     m_nState.store(eStarting, std::memory_order_relaxed);
+    m_bInitializeFailed = false;
     pthread_t handle;
     if (pthread_create(&handle, &m_oAttributes, ThreadEntry, this) != 0)
     {
@@ -57,7 +75,8 @@ bool CKelThread::Start()
     }
     m_hThread = handle;
     m_oStartedEvent.Wait(KEL_INFINITE);
-    return true;
+    // Written before the started event was signalled.
+    return !m_bInitializeFailed;
 }
 
 void CKelThread::JoinThread()
@@ -86,13 +105,58 @@ bool CKelThread::IsTerminationRequested()
     return m_oTerminationEvent.Wait(0);
 }
 
+// The sanitizer's null check is off here: a forced unwind carries no C++
+// object, so its handler's reference is bound to null, which is reported
+// although catching it this way is the documented idiom.
+__attribute__((no_sanitize("null"))) bool CKelThread::CallGuarded(void (CKelThread::*step)())
+{
+    try
+    {
+        (this->*step)();
+        return true;
+    }
+    catch (abi::__forced_unwind&)
+    {
+        // pthread_exit or a cancellation unwinds the thread: not an error,
+        // and the C library aborts the process unless the unwind goes on.
+        throw;
+    }
+    catch (const std::exception& exception)
+    {
+        ReportEscapedException(*this, exception.what());
+    }
+    catch (...)
+    {
+        ReportEscapedException(*this, "unknown exception");
+    }
+    return false;
+}
+
 void* CKelThread::ThreadProc(CKelThread* thread)
 {
-    thread->Initialize();
+    // However the thread ends (Run returns, an exception, or an unwind that
+    // passes through here), it ends finished and never leaves Start waiting.
+    struct CEnd
+    {
+        CKelThread& thread;
+        bool started;
+        ~CEnd()
+        {
+            thread.m_nState.store(eFinished, std::memory_order_relaxed);
+            if (!started)
+            {
+                thread.m_bInitializeFailed = true;
+                thread.m_oStartedEvent.Signal();
+            }
+        }
+    } end{*thread, false};
+
+    if (!thread->CallGuarded(&CKelThread::Initialize))
+        return nullptr;
+    end.started = true;
     thread->m_oStartedEvent.Signal();
     thread->m_nState.store(eRunning, std::memory_order_relaxed);
-    thread->Run();
-    thread->m_nState.store(eFinished, std::memory_order_relaxed);
+    thread->CallGuarded(&CKelThread::Run);
     return nullptr;
 }
 

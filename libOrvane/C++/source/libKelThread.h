@@ -4,6 +4,17 @@
 // waits on the termination event) so that Terminate() and the destructor can
 // end it cooperatively. A derived class whose Run uses its own members must
 // call Terminate() in its own destructor, before those members are gone.
+//
+// Exceptions: Run and Initialize may reach foreign code (application
+// callbacks). An exception that escapes them does not end the process; it
+// ends the thread only: one line goes to stderr,
+//   +++ error: thread <class of the thread> ended by an exception: <what()>
+// and the thread finishes as if Run had returned: the state becomes
+// finished, Terminate and the destructor join it as usual, and Start may
+// begin it again. Start returns false when Initialize threw (Run is then not
+// called). Whatever the thread was doing for its owner stops with it, so
+// foreign code that must not end its thread catches its own exceptions.
+// pthread_exit and cancellation unwind through Run as usual.
 #ifndef LIB_KEL_THREAD_H
 #define LIB_KEL_THREAD_H
 
@@ -32,7 +43,8 @@ public:
     CKelThread& operator=(const CKelThread&) = delete;
 
     // Creates the thread and returns once its Initialize() has run. False
-    // when the thread is already starting or running, or cannot be created.
+    // when the thread is already starting or running, cannot be created, or
+    // its Initialize() ended by an exception.
     bool Start();
     // Requests termination and joins the thread; nothing when none exists.
     void Terminate();
@@ -47,6 +59,10 @@ public:
     void Resume() {}
 
     static void Sleep(long seconds, long milliseconds);
+    // The wall clock now (microsecond resolution), and now plus an offset,
+    // for time stamps. Not for deadlines: the wall clock may be stepped, so
+    // waits take a relative time-out (CKelEvent, CKelMutex, CKelDeadline),
+    // which is measured on the monotonic clock.
     static void GetTimeCurrent(long* seconds, long* nanoseconds);
     static void GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds);
     static void* ThreadProc(CKelThread* thread);
@@ -59,6 +75,9 @@ protected:
     CKelEvent m_oTerminationEvent;
 
 private:
+    // Calls Initialize or Run; false when it ended by an exception, which is
+    // then reported on stderr.
+    bool CallGuarded(void (CKelThread::*step)());
     void JoinThread();
     void InitAttributes();
 
@@ -67,6 +86,7 @@ private:
     bool m_bAttributesValid;
     unsigned int m_nStackSize;
     CKelEvent m_oStartedEvent;
+    bool m_bInitializeFailed = false; // set by the new thread before it signals m_oStartedEvent
     std::atomic<int> m_nState;
 };
 

@@ -1,0 +1,24 @@
+#include "KelAliveRules.h"
+
+#include "KelIPConnection.h"
+
+#include <algorithm>
+
+unsigned int CKelAliveRules::TickMs(unsigned int periodMs)
+{
+    return std::max(kMinTickMs, periodMs / 4);
+}
+
+CKelAliveRules::EAction CKelAliveRules::Decide(unsigned int mode, unsigned int tick, unsigned int lastSend,
+                                               unsigned int lastReceive)
+{
+    if (mode == CKelIPConnection::eAliveOff)
+        return eNothing;
+    if (tick > lastReceive + kSilentTicks)
+        return eLinkLost;
+    // Requests flow only while the line is otherwise quiet; the passive side
+    // only watches.
+    if (mode == CKelIPConnection::eAliveActive && (lastSend + kQuietTicks < tick || tick > lastReceive + kQuietTicks))
+        return eSendRequest;
+    return eNothing;
+}
