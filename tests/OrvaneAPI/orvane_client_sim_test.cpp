@@ -1,0 +1,227 @@
+// COrvaneClientCAN against the gateway simulator, run in-process on
+// 127.0.0.1: every command over a real connection, frames between two
+// clients, requests from several threads, and a peer that stops answering or
+// goes away.
+#include "GatewaySim.h"
+#include "OrvaneClientCAN.h"
+#include "OrvaneProtocol.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace GatewaySim;
+
+namespace
+{
+
+constexpr auto WAIT_LIMIT = std::chrono::seconds(5);
+
+// A client that keeps the frame indications it receives.
+class CFrameClient : public COrvaneClientCAN
+{
+public:
+    explicit CFrameClient(int nTimeout) : COrvaneClientCAN(nTimeout) {}
+    ~CFrameClient() override { ShutdownConnection(); }
+
+    bool DataIndRespond(COrvaneMsg* poMsg) override
+    {
+        if (poMsg->GetCmdCode() != OrvaneCan::eIndFrame)
+            return false;
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        m_asFrames.push_back(poMsg->GetData());
+        m_oArrived.notify_all();
+        delete poMsg;
+        return true;
+    }
+
+    // The payload of the next frame indication, "" when none came in time.
+    std::string NextFrame()
+    {
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        if (!m_oArrived.wait_for(oLock, WAIT_LIMIT, [&] { return !m_asFrames.empty(); }))
+            return std::string();
+        const std::string sFrame = m_asFrames.front();
+        m_asFrames.erase(m_asFrames.begin());
+        return sFrame;
+    }
+
+private:
+    std::mutex m_oMutex;
+    std::condition_variable m_oArrived;
+    std::vector<std::string> m_asFrames;
+};
+
+template <typename F>
+bool WaitUntil(F fnDone)
+{
+    const auto oLimit = std::chrono::steady_clock::now() + WAIT_LIMIT;
+    while (!fnDone())
+    {
+        if (std::chrono::steady_clock::now() > oLimit)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+class OrvaneClientSim : public ::testing::Test
+{
+protected:
+    void Start(const SFaultSettings& oFaults = SFaultSettings())
+    {
+        SSimOptions oOptions;
+        oOptions.nTcpBase = 0; // a free port on 127.0.0.1
+        oOptions.bQuiet = true;
+        oOptions.oFaults = oFaults;
+        m_poSim.reset(new CGatewaySim(oOptions, nullptr));
+        std::string sError;
+        ASSERT_TRUE(m_poSim->Start(sError)) << sError;
+    }
+
+    std::unique_ptr<CFrameClient> Client(bool bConfirmData, int nTimeout = 5000)
+    {
+        std::unique_ptr<CFrameClient> oClient(new CFrameClient(nTimeout));
+        EXPECT_EQ(oClient->Connect("127.0.0.1", m_poSim->TcpPort(0), CKelIPBase::eTCP, true), 0);
+        EXPECT_EQ(oClient->Open(bConfirmData, false), 0);
+        return oClient;
+    }
+
+    std::unique_ptr<CGatewaySim> m_poSim;
+};
+
+} // namespace
+
+// What one command stores, the matching one reads back through the
+// simulator's own encoders.
+TEST_F(OrvaneClientSim, CommandsRoundTrip)
+{
+    Start();
+    auto oClient = Client(false);
+    COrvaneClientCAN& c = *oClient;
+
+    unsigned int nBaud = 0, nIn = 0, nOut = 0, anBack[3] = {};
+    unsigned char nMode = 0, nInterval = 0;
+    unsigned short nStart = 0, nEnd = 0, nCount = 0;
+    bool bTerm = false, bHigh = false, bStamp = true, bConfirm = true, bMonitor = false;
+    ASSERT_EQ(c.SetGlobals(250000, 'E', true, true, false), 0);
+    ASSERT_EQ(c.GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp), 0);
+    EXPECT_TRUE(nBaud == 250000 && nMode == 'E' && bTerm && bHigh && !bStamp);
+    ASSERT_EQ(c.SetConfig(false, true), 0);
+    ASSERT_EQ(c.GetConfig(bConfirm, bMonitor), 0);
+    EXPECT_TRUE(!bConfirm && bMonitor);
+    ASSERT_EQ(c.SetZCardParameter(9, 0x0123, 0x0456), 0);
+    ASSERT_EQ(c.GetZCardParameter(nInterval, nStart, nEnd), 0);
+    EXPECT_TRUE(nInterval == 9 && nStart == 0x0123 && nEnd == 0x0456);
+    ASSERT_EQ(c.WriteDigital(0xA5A5), 0);
+    ASSERT_EQ(c.ReadDigital(nIn, nOut), 0);
+    EXPECT_EQ(nOut, 0xA5A5u);
+
+    SConfigFilter oFilter = {}, oRead = {};
+    for (unsigned int i = 0; i < 16; ++i)
+        oFilter.m_anWords[i] = 0x01000000u * i + i;
+    ASSERT_EQ(c.SetFilter(oFilter), 0);
+    ASSERT_EQ(c.GetFilter(oRead), 0);
+    EXPECT_EQ(std::memcmp(&oFilter, &oRead, sizeof(oFilter)), 0);
+    const unsigned int anAnalog[] = {7, 0xFFFFFFFF, 12};
+    ASSERT_EQ(c.WriteAnalog(anAnalog, 3), 0);
+    ASSERT_EQ(c.ReadAnalog(3, anBack, nCount), 0);
+    EXPECT_EQ(nCount, 3);
+    EXPECT_EQ(std::memcmp(anAnalog, anBack, sizeof(anBack)), 0);
+
+    SOrvaneDeviceInfo oInfo = {};
+    std::string sStatus;
+    ASSERT_EQ(c.Info(&oInfo), 0);
+    EXPECT_EQ(std::string(oInfo.m_acName, 6), "GW-SIM");
+    ASSERT_EQ(c.Status(sStatus), 0);
+    EXPECT_EQ(sStatus, "CAN port 0 ready");
+    EXPECT_EQ(c.Restart(), 0);
+
+    // CANopen: refused until the mode is on; SDO objects as stored.
+    EXPECT_EQ(c.CANopenSendSYNC(), 0x2FE);
+    ASSERT_EQ(c.CANopenSetConfig(1), 0);
+    ASSERT_EQ(c.CANopenGetConfig(nMode), 0);
+    EXPECT_EQ(nMode, 1);
+    EXPECT_EQ(c.CANopenSendSYNC(), 0);
+    unsigned char nResult = 0xFF, acBack[8] = {};
+    unsigned int nValue = 0, nAbort = 0xFF;
+    ASSERT_EQ(c.CANopenSendSDOWrite(5, 0, 0x2000, 1, 100, 0x12345678, nResult, nAbort), 0);
+    ASSERT_EQ(c.CANopenSendSDORead(5, 0x2000, 1, 100, nResult, nValue), 0);
+    EXPECT_TRUE(nResult == 0 && nValue == 0x12345678u);
+    const unsigned char acBlock[] = {0x10, 0x20, 0x30};
+    ASSERT_EQ(c.CANopenSendSDOWriteBlock(5, 0x2001, 0, 100, 3, acBlock, nResult, nAbort), 0);
+    ASSERT_EQ(c.CANopenSendSDOReadBlock(5, 0x2001, 0, 100, sizeof(acBack), nResult, nCount, acBack), 0);
+    EXPECT_TRUE(nCount == 3 && acBack[0] == nResult && acBack[1] == 0x10); // the copy starts with the result byte
+
+    EXPECT_EQ(c.StartAlive(5), 0);
+    EXPECT_EQ(c.GetConnection().GetAlivePeriod(), 5000u);
+}
+
+TEST_F(OrvaneClientSim, FramesWrittenByOneClientReachAnother)
+{
+    Start();
+    auto oWriter = Client(false);
+    auto oReader = Client(false);
+    int nSeconds = 0, nMicroseconds = 0;
+    ASSERT_EQ(oWriter->Write(0x123, "\x11\x22", 2, 0, &nSeconds, &nMicroseconds), 0);
+    EXPECT_EQ(oReader->NextFrame(), std::string("\x23\x01\x00\x00\x00\x11\x22", 7));
+
+    // With data confirmations the gateway's transmit time comes back.
+    ASSERT_EQ(oWriter->SetConfig(true, false), 0);
+    nSeconds = -1;
+    ASSERT_EQ(oWriter->Write(0x1ABCDEF0, "\x33", 1, OrvaneCan::FRAME_FLAG_EXTENDED, &nSeconds, &nMicroseconds), 0);
+    EXPECT_GE(nSeconds, 0);
+    EXPECT_EQ(oReader->NextFrame(), std::string("\xF0\xDE\xBC\x1A\x01\x33", 6));
+}
+
+TEST_F(OrvaneClientSim, ConcurrentRequestsOnOneClient)
+{
+    Start();
+    auto oClient = Client(true);
+    ASSERT_EQ(oClient->CANopenSetConfig(1), 0);
+    std::atomic<int> nWrong{0};
+    std::vector<std::thread> aoThreads;
+    for (unsigned char nNode = 1; nNode <= 4; ++nNode)
+        aoThreads.emplace_back([&, nNode] {
+            for (unsigned short i = 0; i < 40; ++i)
+            {
+                unsigned char nResult = 0xFF;
+                unsigned int nAbort = 0, nValue = 0;
+                const unsigned int nWritten = nNode * 0x100u + i;
+                if (oClient->CANopenSendSDOWrite(nNode, 0, i, 0, 100, nWritten, nResult, nAbort) != 0 ||
+                    oClient->Write(nNode, "\x01", 1, 0, nullptr, nullptr) != 0 ||
+                    oClient->CANopenSendSDORead(nNode, i, 0, 100, nResult, nValue) != 0 || nValue != nWritten)
+                    ++nWrong;
+            }
+        });
+    for (std::thread& oThread : aoThreads)
+        oThread.join();
+    EXPECT_EQ(nWrong.load(), 0);
+}
+
+TEST_F(OrvaneClientSim, PeerThatStopsAnsweringOrGoesAway)
+{
+    SFaultSettings oFaults;
+    oFaults.nFreezeAfter = 1; // answers Open's SET_CONFIG, then nothing
+    Start(oFaults);
+    auto oClient = Client(false, 300);
+    unsigned int nBaud;
+    unsigned char nMode;
+    bool bTerm, bHigh, bStamp;
+    EXPECT_EQ(oClient->GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp), ORVANE_ERR_TCP_TIMEOUT);
+
+    // A request waiting while the gateway goes away ends with its time-out.
+    std::thread oWaiting([&] { EXPECT_EQ(oClient->SetPowerRelais(true), ORVANE_ERR_TCP_TIMEOUT); });
+    EXPECT_TRUE(WaitUntil([&] { return m_poSim->Counters().nIgnoredFrozen.load() == 2; }));
+    m_poSim->Stop();
+    oWaiting.join();
+    EXPECT_TRUE(WaitUntil([&] { return oClient->GetConnectState() != CKelIPBase::eConnected; }));
+    EXPECT_EQ(oClient->SetPowerRelais(true), ORVANE_ERR_TCP_NOT_CONNECTED);
+    EXPECT_EQ(oClient->Write(1, nullptr, 0, 0, nullptr, nullptr), ORVANE_ERR_TCP_NOT_CONNECTED);
+}

@@ -1,0 +1,95 @@
+// A CAN client without a socket: every request is recorded and may be
+// answered at once through DataInd, as the read thread would.
+#ifndef TESTS_CLIENT_SEAMS_H
+#define TESTS_CLIENT_SEAMS_H
+
+#include "OrvaneClientCAN.h"
+
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace ClientTest
+{
+
+// "05 00 01" -> bytes.
+inline std::string Hex(const std::string& sHex)
+{
+    std::istringstream oIn(sHex);
+    std::string s;
+    unsigned int n;
+    while (oIn >> std::hex >> n)
+        s.push_back(static_cast<char>(n));
+    return s;
+}
+
+inline std::string Wire(unsigned short nCode, short nId, const std::string& sPayload)
+{
+    return COrvaneMsg(nCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size())).GetMessageData();
+}
+
+inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& sPayload)
+{
+    return Wire(oRequest.GetCmdCode() | COrvaneMsg::CONFIRMATION_FLAG, oRequest.GetMsgID(), sPayload);
+}
+
+class CScriptedClient : public COrvaneClientCAN
+{
+public:
+    explicit CScriptedClient(int nTimeout = 5000) : COrvaneClientCAN(nTimeout) {}
+    ~CScriptedClient() override { ShutdownConnection(); }
+
+    using COrvaneClient::NextTelegramID;
+    using COrvaneClientCAN::SendMsg;
+
+    int SendMsg(const COrvaneMsg& oRequest) override
+    {
+        std::vector<std::string> asReplies;
+        {
+            std::lock_guard<std::mutex> oLock(m_oMutex);
+            m_aoSent.push_back(oRequest);
+            if (m_nSendResult != 0)
+                return m_nSendResult;
+            if (m_fnReply)
+                asReplies = m_fnReply(oRequest);
+        }
+        for (const std::string& sWire : asReplies)
+            Feed(sWire);
+        return 0;
+    }
+
+    void Feed(const std::string& sWire) { DataInd(sWire.data(), static_cast<unsigned short>(sWire.size())); }
+
+    // Every request is confirmed with this payload (given as hex).
+    void ReplyWith(const std::string& sHex)
+    {
+        const std::string sPayload = Hex(sHex);
+        m_fnReply = [sPayload](const COrvaneMsg& oRequest) {
+            return std::vector<std::string>{Confirmation(oRequest, sPayload)};
+        };
+    }
+
+    COrvaneMsg LastSent()
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_aoSent.empty() ? COrvaneMsg() : m_aoSent.back();
+    }
+    std::size_t SentCount()
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_aoSent.size();
+    }
+
+    std::function<std::vector<std::string>(const COrvaneMsg&)> m_fnReply;
+    int m_nSendResult = 0;
+
+private:
+    std::mutex m_oMutex;
+    std::vector<COrvaneMsg> m_aoSent;
+};
+
+} // namespace ClientTest
+
+#endif
