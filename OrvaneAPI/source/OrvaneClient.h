@@ -32,6 +32,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 
 // Device information filled by COrvaneClient::Info. The first 20 bytes are a
@@ -63,6 +64,10 @@ public:
 
         // The client that receives ConInd / DataInd; set before connecting.
         void SetParentClass(COrvaneClient* poClient) { m_poClient = poClient; }
+
+        // Disconnects when connected and stops the threads; see
+        // COrvaneClient::ShutdownConnection.
+        void Stop() { Shutdown(); }
 
         void ConnectInd(bool bConnected) override;
         void DataInd(const char* pcData, unsigned short nLength) override;
@@ -195,14 +200,17 @@ protected:
     static void Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText);
 
     // The common request: next telegram ID, telegram of the command code
-    // nCmdCode and payload sPayload, a trace of "sName requested to <host>"
-    // followed by the text of fnParams (level 4, built only when tracing),
-    // SendMsg with pnTimeout, then GetCnfRetCode. On return poConfirmation
-    // holds the confirmation (or null); the caller deletes it.
+    // nCmdCode and payload sPayload, a trace of "<pcName> requested to <host>"
+    // followed by what fnParams(std::string&) appends (level 4; built only
+    // when that trace would be sent), then SendMsg with pnTimeout (null: the
+    // default). Returns the result of SendMsg; oConfirmation holds what
+    // arrived, if anything.
     template <typename TParams>
-    int Request(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, TParams fnParams,
-                COrvaneMsg*& poConfirmation, const unsigned int* pnTimeout = nullptr)
+    int SendRequest(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, TParams fnParams,
+                    std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr)
     {
+        if (sPayload.size() > MAX_PAYLOAD)
+            return ORVANE_ERR_INVALID_PARAMETER;
         const short nId = NextTelegramID();
         if (IsTraceActive(TRACE_LEVEL_REQUEST))
         {
@@ -210,26 +218,45 @@ protected:
             fnParams(sText);
             Trace(TRACE_LEVEL_REQUEST, __LINE__, sText);
         }
-        return Exchange(COrvaneMsg(nCmdCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size())),
-                        poConfirmation, pnTimeout);
+        const COrvaneMsg oRequest(nCmdCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size()));
+        return SendAndWait(oRequest, oConfirmation, pnTimeout);
     }
-    // The same for a command without trace parameters.
-    int Request(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, COrvaneMsg*& poConfirmation,
-                const unsigned int* pnTimeout = nullptr)
+    // SendRequest, then GetCnfRetCode of the confirmation when SendMsg
+    // succeeded.
+    template <typename TParams>
+    int Request(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, TParams fnParams,
+                std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr)
     {
-        return Request(
-            nCmdCode, sPayload, pcName, [](std::string&) {}, poConfirmation, pnTimeout);
+        const int nRet = SendRequest(nCmdCode, sPayload, pcName, fnParams, oConfirmation, pnTimeout);
+        return nRet == ORVANE_OK ? GetCnfRetCode(*oConfirmation) : nRet;
     }
+    // The same for commands without trace parameters.
+    int Request(unsigned short nCmdCode, const std::string& sPayload, const char* pcName,
+                std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr)
+    {
+        return Request(nCmdCode, sPayload, pcName, NoParams, oConfirmation, pnTimeout);
+    }
+    static void NoParams(std::string&) {}
+
+    // SendMsg with confirmation into a smart pointer.
+    int SendAndWait(const COrvaneMsg& oRequest, std::unique_ptr<COrvaneMsg>& oConfirmation,
+                    const unsigned int* pnTimeout);
+    // "<pcName> requested to <host>".
+    std::string RequestTraceText(const char* pcName) const;
+
+    // Stops the connection's threads (disconnecting first when connected):
+    // after it no thread calls DataInd, ConInd or DataIndRespond any more.
+    // Every derived client whose hooks it overrides calls this first thing
+    // in its destructor. Safe to call more than once.
+    void ShutdownConnection() { m_oConnection.Stop(); }
+
+    // Longest payload that still fits the telegram's 16-bit sizes.
+    static constexpr std::size_t MAX_PAYLOAD = 0xFFFF - COrvaneMsg::MIN_TELEGRAM_SIZE;
 
     // Command code of a command low byte on this client's device type.
     unsigned short CmdCode(unsigned char nLowByte) const { return COrvaneMsg::MakeCmdCode(m_eDeviceType, nLowByte); }
 
 private:
-    // SendMsg with confirmation, then GetCnfRetCode when that succeeded.
-    int Exchange(const COrvaneMsg& oRequest, COrvaneMsg*& poConfirmation, const unsigned int* pnTimeout);
-    // "<sName> requested to <host>".
-    std::string RequestTraceText(const char* pcName) const;
-
     CConnection m_oConnection;
     const unsigned int m_nTimeout;
     // Confirmations by message ID, guarded by m_oMutex.
