@@ -12,8 +12,8 @@
 
 int CDeviceManager::m_nMaxHandle = 0;
 CKelMutex CDeviceManager::m_oMutexMaxHandle;
-std::map<int, CDeviceManager::CDeviceRef> CDeviceManager::m_aoHandleMap;
 CKelMutex CDeviceManager::m_oMutexHandleMap;
+std::map<int, CDeviceManager::CDeviceRef> CDeviceManager::m_aoHandleMap;
 
 namespace
 {
@@ -128,6 +128,14 @@ private:
     std::condition_variable_any m_oDone;
     int m_nPending = 0;
 };
+
+// Devices still open at process exit are closed before the table and its
+// mutex go (this object is destroyed first, being defined after them), so a
+// callback running meanwhile still finds both intact.
+struct SCloseAtExit
+{
+    ~SCloseAtExit() { CDeviceManager::CloseAllDevices(); }
+} s_oCloseAtExit;
 
 } // namespace
 

@@ -134,7 +134,8 @@ TEST(CanIndicationDecode, CANopenIndications)
     // Undefined message: identifier 0x701 as s32, flags 0, data 7F, and its
     // first two payload bytes 01 07 on their own.
     SUndefinedInd oUndefined;
-    ASSERT_TRUE(DecodeUndefined(Ind(eIndUndefined, {0x01, 0x07, 0x00, 0x00, 0x00, 0x7F}), oUndefined));
+    const COrvaneMsg oMsg = Ind(eIndUndefined, {0x01, 0x07, 0x00, 0x00, 0x00, 0x7F});
+    ASSERT_TRUE(DecodeUndefined(oMsg, oUndefined));
     EXPECT_EQ(oUndefined.nIdentifier, 0x701);
     EXPECT_EQ(oUndefined.nByte0, 0x01);
     EXPECT_EQ(oUndefined.nByte1, 0x07);
