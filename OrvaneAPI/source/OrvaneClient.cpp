@@ -87,8 +87,17 @@ void COrvaneClient::CConnection::DataInd(const char* pcData, unsigned short nLen
 // --- CMessageItem ----------------------------------------------------------
 
 COrvaneClient::CMessageItem::CMessageItem(COrvaneMsg* poMsg)
-    : m_poMsg(poMsg), m_oTime(CKelLocalTime::CurrentLocalTime()), m_oArrival(std::chrono::steady_clock::now())
+    : m_poMsg(poMsg), m_oTime(std::chrono::system_clock::now()), m_oArrival(std::chrono::steady_clock::now())
 {
+}
+
+CKelLocalTime COrvaneClient::CMessageItem::GetTime() const
+{
+    const long long nUtc = std::chrono::duration_cast<std::chrono::milliseconds>(m_oTime.time_since_epoch()).count();
+    const int nZone = CKelLocalTime::GetCurrentTimezone();
+    return CKelLocalTime(CKelUTCTime::kUnixEpochOffset / CKelTimeDiff::kUnitsPerMilliSecond + nUtc +
+                             static_cast<long long>(nZone) * 3600000,
+                         nZone);
 }
 
 COrvaneClient::CMessageItem::~CMessageItem()
@@ -301,8 +310,11 @@ void COrvaneClient::DataInd(const char* pcData, unsigned short nLength)
         CMessageItem*& rpoSlot = m_aoMessages[poMsg->GetMsgID()];
         poReplaced = rpoSlot;
         rpoSlot = poItem;
-        m_oEvent.notify_all();
     }
+    // Waking the waiters after the store's lock is released spares them
+    // waking only to block on it; the condition variable's own lock keeps a
+    // waiter that looked before the store from missing this.
+    m_oEvent.notify_all();
     delete poReplaced;
 }
 

@@ -91,14 +91,16 @@ public:
         // Hands the telegram out; the item is empty afterwards.
         COrvaneMsg* PopMsg();
 
-        // Local time of arrival.
-        const CKelLocalTime& GetTime() const { return m_oTime; }
+        // Local time of arrival (in the system's current zone).
+        CKelLocalTime GetTime() const;
         // Arrival on the monotonic clock (used for ageing).
         std::chrono::steady_clock::time_point GetArrival() const { return m_oArrival; }
 
     private:
         COrvaneMsg* m_poMsg;
-        CKelLocalTime m_oTime;
+        // Arrival on the wall clock, turned into local time only when asked:
+        // the zone look-up reads the zone file, too slow for every telegram.
+        std::chrono::system_clock::time_point m_oTime;
         std::chrono::steady_clock::time_point m_oArrival;
     };
 

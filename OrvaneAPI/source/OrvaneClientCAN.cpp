@@ -58,12 +58,27 @@ unsigned short ReadZCardWord(const CKelPayloadReader& oData, std::size_t nOffset
     return static_cast<unsigned short>(oData.S8(nOffset + 1) * 256 + oData.S8(nOffset));
 }
 
-// Local midnight of 01.01.1970, read once: the frame time stamps of Write
-// count from it.
-const CKelLocalTime& LocalEpoch()
+// Milliseconds from local midnight of 01.01.1970 to now, as the difference
+// CKelLocalTime::CurrentLocalTime() - CKelLocalTime("01.01.1970") gives them.
+// Write stamps every frame with it, so it is taken apart: the date text is
+// read once, and the system's zone (whose look-up reads the zone file) is
+// asked once per wall-clock second. The zone depends on nothing but the
+// current second, so this gives the same values as asking on every call.
+long long MilliSecondsSinceLocalEpoch()
 {
-    static const CKelLocalTime oEpoch("01.01.1970", CKelUTCTime::eDotDate, CKelLocalTime::GetCurrentTimezone());
-    return oEpoch;
+    static const long long nEpochLocal = CKelLocalTime("01.01.1970", CKelUTCTime::eDotDate, 0).GetLocaltime();
+    thread_local time_t nZoneSecond = -1;
+    thread_local int nZone = 0;
+    timeval oNow{};
+    gettimeofday(&oNow, nullptr);
+    if (oNow.tv_sec != nZoneSecond)
+    {
+        nZone = CKelLocalTime::GetCurrentTimezone();
+        nZoneSecond = oNow.tv_sec;
+    }
+    const long long nNowLocal = CKelUTCTime::kUnixEpochOffset / CKelTimeDiff::kUnitsPerMilliSecond +
+        static_cast<long long>(oNow.tv_sec) * 1000 + oNow.tv_usec / 1000 + static_cast<long long>(nZone) * 3600000;
+    return nNowLocal - nEpochLocal;
 }
 
 } // namespace
@@ -71,7 +86,6 @@ const CKelLocalTime& LocalEpoch()
 COrvaneClientCAN::COrvaneClientCAN(int nTimeout)
     : COrvaneClient(eOrvaneCAN, static_cast<unsigned int>(nTimeout)), m_bConfirmData(false)
 {
-    LocalEpoch();
 }
 
 COrvaneClientCAN::~COrvaneClientCAN()
@@ -134,11 +148,11 @@ int COrvaneClientCAN::Write(int nIdentifier, const char* pcBuffer, unsigned char
     const int nRet = SendMsg(oRequest);
     if (pnSeconds != nullptr || pnMicroseconds != nullptr)
     {
-        const CKelTimeDiff oSince = CKelLocalTime::CurrentLocalTime() - LocalEpoch();
+        const long long nSince = MilliSecondsSinceLocalEpoch();
         if (pnSeconds != nullptr)
-            *pnSeconds = static_cast<int>(oSince.GetTotalMilliSeconds() / 1000);
+            *pnSeconds = static_cast<int>(nSince / 1000);
         if (pnMicroseconds != nullptr)
-            *pnMicroseconds = static_cast<int>(oSince.GetTotalMicroSeconds() % 1000000);
+            *pnMicroseconds = static_cast<int>(nSince % 1000 * 1000);
     }
     return nRet;
 }
