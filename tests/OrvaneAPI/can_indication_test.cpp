@@ -1,7 +1,7 @@
-// Indication decoders and the bounded receive queue, on telegrams whose
-// payload bytes are written out by hand.
+// Frame and PDO decoders on telegrams whose payload bytes are written out by
+// hand: time stamp step, length limits, short payloads. The other kinds are
+// pinned through the CAN client (can_client_dll_test).
 #include "OrvaneCanIndication.h"
-#include "OrvaneMsgQueue.h"
 
 #include <gtest/gtest.h>
 
@@ -107,41 +107,6 @@ TEST(CanIndicationDecode, GetTimeKeepsStampWhenTooShortAndClearsItWithoutFlag)
     EXPECT_EQ(oTime.tv_usec, 0);
 }
 
-TEST(CanIndicationDecode, CANopenIndications)
-{
-    SSYNCInd oSync;
-    DecodeSYNC(Ind(eIndSYNC, {0x2A}), oSync);
-    EXPECT_EQ(oSync.nCounter, 0x2A);
-
-    // Node 5, error code 0x8130, register 0x11, data 01..05.
-    SEMCYInd oEmcy;
-    DecodeEMCY(Ind(eIndEMCY, {0x05, 0x30, 0x81, 0x11, 0x01, 0x02, 0x03, 0x04, 0x05}), oEmcy);
-    EXPECT_EQ(oEmcy.nNodeID, 5);
-    EXPECT_EQ(oEmcy.nErrorCode, 0x8130);
-    EXPECT_EQ(oEmcy.nErrorRegister, 0x11);
-    EXPECT_EQ(std::vector<unsigned char>(oEmcy.anData, oEmcy.anData + 5), (std::vector<unsigned char>{1, 2, 3, 4, 5}));
-    // Cut short: a field the payload does not reach whole reads as 0.
-    DecodeEMCY(Ind(eIndEMCY, {0x06, 0x10}), oEmcy);
-    EXPECT_EQ(oEmcy.nNodeID, 6);
-    EXPECT_EQ(oEmcy.nErrorCode, 0);
-    EXPECT_EQ(oEmcy.anData[0], 0);
-
-    SGUARDInd oGuard;
-    DecodeGUARD(Ind(eIndGUARD, {0x7F, 0x05}), oGuard);
-    EXPECT_EQ(oGuard.nNodeID, 0x7F);
-    EXPECT_EQ(oGuard.nState, 0x05);
-
-    // Undefined message: identifier 0x701 as s32, flags 0, data 7F, and its
-    // first two payload bytes 01 07 on their own.
-    SUndefinedInd oUndefined;
-    const COrvaneMsg oMsg = Ind(eIndUndefined, {0x01, 0x07, 0x00, 0x00, 0x00, 0x7F});
-    ASSERT_TRUE(DecodeUndefined(oMsg, oUndefined));
-    EXPECT_EQ(oUndefined.nIdentifier, 0x701);
-    EXPECT_EQ(oUndefined.nByte0, 0x01);
-    EXPECT_EQ(oUndefined.nByte1, 0x07);
-    EXPECT_EQ(Str(oUndefined.oFrame.pcData, oUndefined.oFrame.nLength), "\x7F");
-}
-
 TEST(CanIndicationDecode, PDOLengthIsCappedAtEightAndAtTheBytesPresent)
 {
     struct SCase
@@ -164,29 +129,6 @@ TEST(CanIndicationDecode, PDOLengthIsCappedAtEightAndAtTheBytesPresent)
         EXPECT_EQ(oPdo.nPDOType, 1);
         EXPECT_EQ(Str(oPdo.pcData, oPdo.nLength), oCase.sData);
     }
-}
-
-TEST(OrvaneMsgQueue, FullQueueKeepsTheOldestAndCountsWhatIsLeft)
-{
-    COrvaneMsgQueue oQueue;
-    EXPECT_EQ(oQueue.GetMaxSize(), 1000u);
-    oQueue.SetMaxSize(2);
-    for (unsigned char n = 1; n <= 3; ++n)
-        EXPECT_EQ(oQueue.Push(Ind(eIndSYNC, {n})), n <= 2) << int(n);
-    COrvaneMsg oMsg;
-    EXPECT_EQ(oQueue.Pop(oMsg), 1);
-    EXPECT_EQ(oMsg.GetData(), "\x01");
-    EXPECT_TRUE(oQueue.Push(Ind(eIndSYNC, {4})));
-    EXPECT_EQ(oQueue.Pop(oMsg), 1);
-    EXPECT_EQ(oMsg.GetData(), "\x02");
-    EXPECT_EQ(oQueue.Pop(oMsg), 0);
-    EXPECT_EQ(oMsg.GetData(), "\x04");
-    EXPECT_EQ(oQueue.Pop(oMsg), -1);
-    EXPECT_EQ(oMsg.GetData(), "\x04") << "an empty queue leaves the output alone";
-
-    oQueue.Push(Ind(eIndSYNC, {5}));
-    oQueue.Clear();
-    EXPECT_EQ(oQueue.Size(), 0);
 }
 
 } // namespace
