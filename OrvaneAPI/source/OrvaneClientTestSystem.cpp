@@ -89,7 +89,9 @@ int COrvaneClientTestSystemCOM::IsConfigAvailable(const std::string& sName, bool
     const int nRet = Request(
         eCmdIsConfigAvailable, oPayload.Data(), "IS CONFIG AVAILABLE",
         [&sName](std::string& sText) { sText += ",name=" + sName; }, oCnf);
-    const CKelPayloadReader oData(nRet == ORVANE_OK ? oCnf->GetData() : std::string());
+    if (nRet != ORVANE_OK)
+        return nRet;
+    const CKelPayloadReader oData(oCnf->GetData());
     if (oData.Size() > 1)
     {
         bAvailable = oData.U8(1) != 0;
