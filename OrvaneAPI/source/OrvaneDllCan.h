@@ -7,8 +7,13 @@
  * the device's connection (3 = connected). A handle that is not open gives
  * 0x900000. No function lets an exception escape.
  *
- * Callbacks are called on the device's receive thread: they must return
- * soon, and must not close their own device. */
+ * Callbacks are called on the device's receive thread and must return soon.
+ * A callback may call any function, CANCloseDevice of its own handle
+ * included: the handle is gone at once, and the device is disconnected and
+ * destroyed on a helper thread after the callback has returned.
+ *
+ * A handle closed while other threads still call functions on it stays
+ * valid for those calls; later calls get 0x900000. */
 #ifndef ORVANE_DLL_CAN_H
 #define ORVANE_DLL_CAN_H
 
@@ -69,6 +74,11 @@ extern "C"
     int CANSetCallback(int nHandle, CANCallback pCallback);
     int CANSetCallbackEx(int nHandle, CANCallbackEx pCallback);
     int CANSetMaxSizePerQueue(int nHandle, unsigned int nMaxSize);
+    /* Polling (queueing is on once CANSetMaxSizePerQueue set a maximum and no
+     * callback takes the frames): *pnAvailable = frames still queued, -1 when
+     * there was none; the function returns 0. pcData receives every byte
+     * behind the frame's header, its 8-byte time stamp included: allow 72
+     * bytes. *pnLength is the data length without the time stamp. */
     int CANGetMessage(int nHandle, int* pnAvailable, int* pnIdentifier, char* pcData, unsigned char* pnLength,
                       int* pnFlags, int* pnSeconds, int* pnMicroseconds);
 

@@ -84,15 +84,24 @@ unsigned char COrvaneMsg::ComputeCRC() const
 
 std::string COrvaneMsg::GetMessageData() const
 {
-    std::string sWire(HEADER_SIZE + m_sData.size() + 1, '\0');
-    char* p = &sWire[0];
+    std::string sWire(GetMessageSize(), '\0');
+    CopyMessageData(&sWire[0], sWire.size());
+    return sWire;
+}
+
+std::size_t COrvaneMsg::CopyMessageData(void* pBuffer, std::size_t nSize) const
+{
+    const std::size_t nWire = GetMessageSize();
+    if (pBuffer == nullptr || nSize < nWire)
+        return 0;
+    char* p = static_cast<char*>(pBuffer);
     KelPutLE(p, m_nLength);
     KelPutLE(p + 2, m_nCmdCode);
     KelPutLE(p + 4, m_nMsgID);
     if (!m_sData.empty())
         std::memcpy(p + HEADER_SIZE, m_sData.data(), m_sData.size());
     p[HEADER_SIZE + m_sData.size()] = static_cast<char>(m_nCRC);
-    return sWire;
+    return nWire;
 }
 
 std::string COrvaneMsg::ToChar(short nValue)

@@ -10,6 +10,7 @@
 #ifndef ORVANE_MSG_H
 #define ORVANE_MSG_H
 
+#include <cstddef>
 #include <string>
 
 class COrvaneMsg
@@ -65,6 +66,11 @@ public:
 
     // The wire form; length and CRC are written as stored, not recomputed.
     std::string GetMessageData() const;
+    // Size of the wire form.
+    std::size_t GetMessageSize() const { return HEADER_SIZE + m_sData.size() + 1; }
+    // Writes the wire form into pBuffer (nSize bytes of room) and returns its
+    // size; 0, and nothing written, when it does not fit.
+    std::size_t CopyMessageData(void* pBuffer, std::size_t nSize) const;
 
     // Command code of a command on a device type: (type & 0x7F) << 8 | low byte.
     static constexpr unsigned short MakeCmdCode(int nDeviceType, unsigned char nCommand)

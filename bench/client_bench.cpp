@@ -1,0 +1,262 @@
+// Client speed on loopback:
+//   - BM_ClientGetGlobals: one GetGlobals request (7 bytes) and its
+//     confirmation (16 bytes) through COrvaneClientCAN, answered by a plain
+//     blocking responder thread, beside BM_PlainPingPong, the same sizes
+//     between two plain blocking sockets. The ratio client / plain is printed
+//     at the end (target: at most 1.5).
+//   - BM_WriteNoConfirm: Write with data confirmations off into a socket that
+//     a thread drains: frames per second and heap allocations per call
+//     (counted by the replaced global operator new).
+//
+// Run: build/bench/client_bench [--benchmark_repetitions=5]
+#include "OrvaneClientCAN.h"
+#include "OrvaneProtocol.h"
+
+#include <benchmark/benchmark.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+std::atomic<unsigned long long> g_nAllocations{0};
+}
+
+// GCC sees the replaced operator new and delete inlined into their callers and
+// takes the malloc/free pair inside them for a mismatch.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
+void* operator new(std::size_t nSize)
+{
+    g_nAllocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(nSize == 0 ? 1 : nSize))
+        return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
+
+namespace
+{
+
+constexpr std::size_t REQUEST_SIZE = 7;       // GET_GLOBALS request: no payload
+constexpr std::size_t CONFIRMATION_SIZE = 16; // result + 8 bytes of globals
+
+bool ReadExactly(int nSocket, char* pcBuffer, std::size_t nCount)
+{
+    std::size_t nGot = 0;
+    while (nGot < nCount)
+    {
+        const ssize_t n = recv(nSocket, pcBuffer + nGot, nCount - nGot, 0);
+        if (n <= 0)
+            return false;
+        nGot += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void NoDelay(int nSocket)
+{
+    const int nOn = 1;
+    setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof(nOn));
+}
+
+// A listening socket on 127.0.0.1 with a port of the system's choice.
+struct CListener
+{
+    int m_nSocket = socket(AF_INET, SOCK_STREAM, 0);
+    unsigned short m_nPort = 0;
+
+    CListener()
+    {
+        sockaddr_in oAddr{};
+        oAddr.sin_family = AF_INET;
+        oAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddr), sizeof(oAddr));
+        socklen_t nLen = sizeof(oAddr);
+        getsockname(m_nSocket, reinterpret_cast<sockaddr*>(&oAddr), &nLen);
+        listen(m_nSocket, 1);
+        m_nPort = ntohs(oAddr.sin_port);
+    }
+    ~CListener() { close(m_nSocket); }
+    int Accept()
+    {
+        const int nSocket = accept(m_nSocket, nullptr, nullptr);
+        NoDelay(nSocket);
+        return nSocket;
+    }
+};
+
+// The GET_GLOBALS confirmation for a request (its ID at bytes 4..5).
+void Confirm(const char* pcRequest, char* pcConfirmation)
+{
+    const unsigned short nCode = OrvaneCan::eCmdGetGlobals | COrvaneMsg::CONFIRMATION_FLAG;
+    short nId;
+    COrvaneMsg::FromChar(nId, pcRequest + 4);
+    const char acPayload[9] = {0, 0, 0x20, static_cast<char>(0xA1), 0x07, 0, 1, 0, 0};
+    COrvaneMsg(nCode, nId, acPayload, sizeof(acPayload)).CopyMessageData(pcConfirmation, CONFIRMATION_SIZE);
+}
+
+void BM_PlainPingPong(benchmark::State& state)
+{
+    CListener oListener;
+    const int nClient = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in oAddr{};
+    oAddr.sin_family = AF_INET;
+    oAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    oAddr.sin_port = htons(oListener.m_nPort);
+    connect(nClient, reinterpret_cast<sockaddr*>(&oAddr), sizeof(oAddr));
+    NoDelay(nClient);
+    const int nServer = oListener.Accept();
+    std::thread oResponder([&] {
+        char acRequest[REQUEST_SIZE], acConfirmation[CONFIRMATION_SIZE];
+        while (ReadExactly(nServer, acRequest, REQUEST_SIZE))
+        {
+            Confirm(acRequest, acConfirmation);
+            send(nServer, acConfirmation, CONFIRMATION_SIZE, MSG_NOSIGNAL);
+        }
+    });
+    const std::string sRequest = COrvaneMsg(OrvaneCan::eCmdGetGlobals, 7, nullptr, 0).GetMessageData();
+    char acReply[CONFIRMATION_SIZE];
+    for (auto _ : state)
+    {
+        send(nClient, sRequest.data(), REQUEST_SIZE, MSG_NOSIGNAL);
+        ReadExactly(nClient, acReply, CONFIRMATION_SIZE);
+    }
+    shutdown(nClient, SHUT_RDWR);
+    oResponder.join();
+    close(nClient);
+    close(nServer);
+}
+
+void BM_ClientGetGlobals(benchmark::State& state)
+{
+    CListener oListener;
+    int nServer = -1;
+    std::thread oAccept([&] { nServer = oListener.Accept(); });
+    COrvaneClientCAN oClient(5000);
+    if (oClient.Connect("127.0.0.1", oListener.m_nPort, CKelIPBase::eTCP, false) != 0)
+    {
+        oAccept.join();
+        state.SkipWithError("connect failed");
+        return;
+    }
+    oAccept.join();
+    std::thread oResponder([&] {
+        char acRequest[REQUEST_SIZE], acConfirmation[CONFIRMATION_SIZE];
+        while (ReadExactly(nServer, acRequest, REQUEST_SIZE))
+        {
+            Confirm(acRequest, acConfirmation);
+            send(nServer, acConfirmation, CONFIRMATION_SIZE, MSG_NOSIGNAL);
+        }
+    });
+    unsigned int nBaud;
+    unsigned char nMode;
+    bool bTerm, bHigh, bStamp;
+    for (auto _ : state)
+    {
+        if (oClient.GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp) != 0)
+        {
+            state.SkipWithError("request failed");
+            break;
+        }
+    }
+    oClient.Close();
+    shutdown(nServer, SHUT_RDWR);
+    oResponder.join();
+    close(nServer);
+}
+
+void BM_WriteNoConfirm(benchmark::State& state)
+{
+    CListener oListener;
+    int nServer = -1;
+    std::thread oAccept([&] { nServer = oListener.Accept(); });
+    COrvaneClientCAN oClient(5000);
+    if (oClient.Connect("127.0.0.1", oListener.m_nPort, CKelIPBase::eTCP, false) != 0)
+    {
+        oAccept.join();
+        state.SkipWithError("connect failed");
+        return;
+    }
+    oAccept.join();
+    std::thread oSink([&] {
+        char acBuffer[65536];
+        while (recv(nServer, acBuffer, sizeof(acBuffer), 0) > 0)
+        {
+        }
+    });
+    const char acData[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    int nSeconds, nMicroseconds;
+    oClient.Write(0x123, acData, 8, 0, &nSeconds, &nMicroseconds); // first call sizes the thread's telegram
+    const unsigned long long nBefore = g_nAllocations.load();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(oClient.Write(0x123, acData, 8, 0, &nSeconds, &nMicroseconds));
+    const unsigned long long nAllocations = g_nAllocations.load() - nBefore;
+    state.SetItemsProcessed(state.iterations());
+    state.counters["allocs_per_call"] =
+        static_cast<double>(nAllocations) / static_cast<double>(std::max<int64_t>(1, state.iterations()));
+    oClient.Close();
+    shutdown(nServer, SHUT_RDWR);
+    oSink.join();
+    close(nServer);
+}
+
+BENCHMARK(BM_PlainPingPong)->UseRealTime();
+BENCHMARK(BM_ClientGetGlobals)->UseRealTime();
+BENCHMARK(BM_WriteNoConfirm)->UseRealTime();
+
+// Keeps the real time per call of each run (median of repetitions if any).
+class CRatioReporter : public benchmark::ConsoleReporter
+{
+public:
+    void ReportRuns(const std::vector<Run>& aoRuns) override
+    {
+        ConsoleReporter::ReportRuns(aoRuns);
+        for (const Run& oRun : aoRuns)
+        {
+            if (oRun.run_type == Run::RT_Aggregate && oRun.aggregate_name != "median")
+                continue;
+            const std::string sName = oRun.run_name.function_name;
+            m_aoNs[sName] = oRun.GetAdjustedRealTime();
+        }
+    }
+    std::map<std::string, double> m_aoNs;
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    CRatioReporter oReporter;
+    benchmark::RunSpecifiedBenchmarks(&oReporter);
+    const auto itPlain = oReporter.m_aoNs.find("BM_PlainPingPong");
+    const auto itClient = oReporter.m_aoNs.find("BM_ClientGetGlobals");
+    if (itPlain != oReporter.m_aoNs.end() && itClient != oReporter.m_aoNs.end() && itPlain->second > 0)
+        std::printf("round trip ratio client / plain: %.2f (target <= 1.5)\n", itClient->second / itPlain->second);
+    const auto itWrite = oReporter.m_aoNs.find("BM_WriteNoConfirm");
+    if (itWrite != oReporter.m_aoNs.end() && itWrite->second > 0)
+        std::printf("Write without confirmation: %.0f frames/s (target >= 150000)\n", 1e9 / itWrite->second);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,191 @@
+// Handles: numbering across successful and failed opens, an open whose
+// configuration fails, and closing a handle while other threads use it or
+// while its callbacks run. The first test opens the first handle of this
+// process, so the tests run in the order written.
+#include "DeviceManager.h"
+#include "OrvaneDllCan.h"
+#include "OrvaneErrors.h"
+#include "support/ApiSim.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace ApiTest;
+
+namespace
+{
+
+constexpr int TIMEOUT_MS = 5000;
+constexpr int INVALID_HANDLE = 0x900000;
+constexpr int INVALID_DEVICE_TYPE = 0x910000;
+constexpr int INVALID_PARAMETER = 0x920000;
+// Transport failures: the connection's results 2 to 6, shifted left by 16.
+constexpr int TRANSPORT_FIRST = 0x20000;
+constexpr int TRANSPORT_LAST = 0x60000;
+
+int Open(int nCanPort, int* pnHandle, int nTimeout = TIMEOUT_MS)
+{
+    return CANOpenDevice(pnHandle, 0, 0, nCanPort, HOST, nTimeout);
+}
+
+TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
+{
+    CApiSim oSim;
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    const int nNobody = UnusedCanPort();
+    ASSERT_GE(nNobody, 0);
+
+    int nHandle = 0;
+    const int nRefused = Open(nNobody, &nHandle, 1000);
+    EXPECT_TRUE(nRefused >= TRANSPORT_FIRST && nRefused <= TRANSPORT_LAST && (nRefused & 0xFFFF) == 0) << nRefused;
+    EXPECT_EQ(nHandle, 1) << "the first handle is 1, consumed by the failed open";
+    nHandle = 0;
+    for (int nBadPort : {100, -1, 256})
+        EXPECT_EQ(Open(nBadPort, &nHandle), INVALID_PARAMETER) << nBadPort;
+    EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, eOrvaneCAN, 100, 1, true), INVALID_PARAMETER);
+    EXPECT_EQ(nHandle, 0) << "no handle for a bad port";
+    for (unsigned char nType : {0, 1, 4, 10, 15})
+    {
+        EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, nType, 0, 1, true), INVALID_DEVICE_TYPE) << +nType;
+        EXPECT_FALSE(CDeviceManager::GetDevice(nHandle));
+    }
+    EXPECT_EQ(nHandle, 6) << "each refused type consumed one";
+
+    ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
+    EXPECT_EQ(nHandle, 7);
+    const std::shared_ptr<CDevice> poDevice = CDeviceManager::GetDevice(7);
+    ASSERT_TRUE(poDevice);
+    EXPECT_EQ(poDevice->GetPort(), 5001 + 100 * oSim.CanPort());
+    EXPECT_EQ(poDevice->GetHost(), HOST);
+    EXPECT_EQ(poDevice->GetDeviceType(), eOrvaneCAN);
+    EXPECT_EQ(CANCloseDevice(7), 0);
+    EXPECT_EQ(CANWrite(7, 1, "a", 1, 0), INVALID_HANDLE);
+    EXPECT_EQ(CANCloseDevice(7), INVALID_HANDLE);
+
+    ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
+    EXPECT_EQ(nHandle, 8) << "closed handles are not reused";
+    int nSecond = 0;
+    ASSERT_EQ(Open(oSim.CanPort(), &nSecond), 0);
+    EXPECT_EQ(nSecond, 9);
+    CDeviceManager::CloseAllDevices();
+    EXPECT_EQ(CANDeviceConnectState(8), INVALID_HANDLE);
+    EXPECT_EQ(CANDeviceConnectState(9), INVALID_HANDLE);
+    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; }));
+    ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
+    EXPECT_EQ(nHandle, 10);
+    EXPECT_EQ(CANCloseDevice(nHandle), 0);
+}
+
+TEST(DeviceManager, FailedConfigurationLeavesNoHandle)
+{
+    GatewaySim::SSimOptions oOptions;
+    oOptions.oFaults.aoFailCommands[0x205] = 0x24; // SET_CONFIG
+    CApiSim oSim(oOptions);
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    int nHandle = 0;
+    EXPECT_EQ(Open(oSim.CanPort(), &nHandle), 0x224);
+    EXPECT_EQ(nHandle, -1);
+    int nNext = 0;
+    EXPECT_EQ(CDeviceManager::OpenDevice(&nNext, HOST, 1000, 4, 0, 1, true), INVALID_DEVICE_TYPE);
+    EXPECT_FALSE(CDeviceManager::GetDevice(nNext - 1)) << "the failed open's handle is gone";
+    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; })) << "and its connection closed";
+}
+
+// Closing a handle while another thread writes on it: the writer sees 0 or a
+// transport error until the handle is gone, then 0x900000, and nothing
+// touches a destroyed client.
+TEST(DeviceManager, CloseWhileAnotherThreadWrites)
+{
+    CApiSim oSim;
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    int nHandle = 0;
+    ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
+    std::atomic<int> nWrites{0}, nUnexpected{0};
+    std::thread oWriter([&] {
+        for (;;)
+        {
+            const int nRet = CANWrite(nHandle, 0x10, "abcdefgh", 8, 0);
+            if (nRet == INVALID_HANDLE)
+                return;
+            if (nRet != 0 && (nRet & 0xFFFF) != 0)
+                ++nUnexpected;
+            ++nWrites;
+        }
+    });
+    EXPECT_TRUE(WaitFor([&] { return nWrites.load() >= 200; }));
+    EXPECT_EQ(CANCloseDevice(nHandle), 0);
+    oWriter.join();
+    EXPECT_EQ(nUnexpected.load(), 0);
+    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; }));
+}
+
+// Callbacks run on the receive thread while the main thread closes.
+std::atomic<int> g_nFrames{0};
+std::atomic<bool> g_bClosed{false};
+std::atomic<int> g_nLate{0};
+void CountFrame(unsigned int, const char*, int, int, int, int, int)
+{
+    if (g_bClosed.load())
+        ++g_nLate;
+    ++g_nFrames;
+}
+
+TEST(DeviceManager, CloseWhileCallbacksRun)
+{
+    GatewaySim::SSimOptions oOptions;
+    oOptions.nLoadRate = 20000;
+    CApiSim oSim(oOptions);
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    for (int nRound = 0; nRound < 5; ++nRound)
+    {
+        int nHandle = 0;
+        ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
+        g_nFrames = 0;
+        g_bClosed = false;
+        ASSERT_EQ(CANSetCallbackEx(nHandle, CountFrame), 0);
+        ASSERT_TRUE(WaitFor([] { return g_nFrames.load() >= 100; }));
+        EXPECT_EQ(CANCloseDevice(nHandle), 0);
+        g_bClosed = true;
+    }
+    EXPECT_EQ(g_nLate.load(), 0) << "no callback after CANCloseDevice returned";
+}
+
+// A callback that closes its own handle: the close returns at once (no wait
+// for a disconnect that only this receive thread could complete), the
+// handle is gone for every later call, and the client is destroyed on a
+// helper thread once the callback has returned.
+std::atomic<int> g_nSelfHandle{0};
+std::atomic<int> g_nSelfClose{-1};
+std::atomic<int> g_nWriteAfter{-1};
+void CloseOwnHandle(unsigned int, const char*, int, int, int nHandle)
+{
+    if (g_nSelfClose.load() != -1)
+        return;
+    g_nSelfClose = CANCloseDevice(nHandle);
+    g_nWriteAfter = CANWrite(nHandle, 1, "a", 1, 0);
+}
+
+TEST(DeviceManager, CallbackClosesItsOwnHandle)
+{
+    CApiSim oSim;
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    int nReader = 0, nWriter = 0;
+    // A long default time-out: a close that waited for it would miss the
+    // event below.
+    ASSERT_EQ(Open(oSim.CanPort(), &nReader, 60000), 0);
+    ASSERT_EQ(Open(oSim.CanPort(), &nWriter), 0);
+    ASSERT_EQ(CANSetCallback(nReader, CloseOwnHandle), 0);
+    ASSERT_EQ(CANWrite(nWriter, 0x55, "x", 1, 0), 0);
+    ASSERT_TRUE(WaitFor([] { return g_nWriteAfter.load() != -1; }));
+    EXPECT_EQ(g_nSelfClose.load(), 0);
+    EXPECT_EQ(g_nWriteAfter.load(), INVALID_HANDLE);
+    EXPECT_EQ(CANDeviceConnectState(nReader), INVALID_HANDLE);
+    CDeviceManager::WaitForReleasedDevices();
+    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 1; }));
+    EXPECT_EQ(CANCloseDevice(nWriter), 0);
+}
+
+} // namespace

@@ -1,0 +1,179 @@
+// The texts the client's requests trace, read as a trace viewer on
+// 127.0.0.1 would see them.
+#include "TraceServer.h"
+#include "TraceTelegram.h"
+#include "support/ClientSeams.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <vector>
+
+using namespace ClientTest;
+
+namespace
+{
+
+sockaddr_in Loopback(unsigned short nPort)
+{
+    return sockaddr_in{AF_INET, htons(nPort), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+// A trace viewer: activates levels for category 3 and reads trace texts.
+class CViewer
+{
+public:
+    CViewer()
+    {
+        sockaddr_in oAddr = Loopback(0);
+        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddr), sizeof(oAddr));
+    }
+    ~CViewer() { close(m_nSocket); }
+
+    // Activate request: levels, 4 masks (category 3 all bits), CRC = XOR of
+    // every byte before it.
+    void Activate(unsigned char nLevels)
+    {
+        std::string s = Bytes({4 + 2 + 16 + 1, 0, 1, 0, 0, 0, nLevels, 4});
+        s += std::string(12, '\0') + Bytes({0xFF, 0xFF, 0xFF, 0xFF});
+        char nCrc = 0;
+        for (char c : s)
+            nCrc ^= c;
+        Send(s + nCrc);
+        // The server answers a categories request after the activation: then
+        // the activation has been handled.
+        Send(Bytes({4, 0, 2, 0, 0, 0, 0}));
+        Receive();
+    }
+
+    // Text of the next trace message, "" when none comes within 5 s.
+    std::string NextText()
+    {
+        const std::string sBytes = Receive();
+        if (sBytes.empty())
+            return std::string();
+        return CTraceMessageTelegram(static_cast<unsigned short>(sBytes.size()), sBytes.data()).GetMessageText();
+    }
+
+    bool Quiet()
+    {
+        pollfd oReadable = {m_nSocket, POLLIN, 0};
+        return poll(&oReadable, 1, 0) == 0;
+    }
+
+private:
+    void Send(const std::string& sBytes)
+    {
+        const sockaddr_in oServer = Loopback(CTraceServer::m_nServerUdpPort);
+        sendto(m_nSocket, sBytes.data(), sBytes.size(), 0, reinterpret_cast<const sockaddr*>(&oServer),
+               sizeof(oServer));
+    }
+    std::string Receive()
+    {
+        pollfd oReadable = {m_nSocket, POLLIN, 0};
+        if (poll(&oReadable, 1, 5000) != 1)
+            return std::string();
+        std::string sBuffer(65536, '\0');
+        const ssize_t n = recv(m_nSocket, &sBuffer[0], sBuffer.size(), 0);
+        sBuffer.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return sBuffer;
+    }
+
+    int m_nSocket = socket(AF_INET, SOCK_DGRAM, 0);
+};
+
+} // namespace
+
+TEST(OrvaneClientTrace, RequestTexts)
+{
+    ASSERT_EQ(CTraceServer::Init(0), 0);
+    CViewer oViewer;
+    CScriptedClient oClient;
+    oClient.ReplyWith(Bytes({0}));
+    const std::string H = " requested to " + oClient.GetConnection().GetHost();
+    unsigned char n8;
+    unsigned short n16;
+    unsigned int n32, n32b;
+    bool b1, b2, b3;
+    timeval oTime;
+    SConfigFilter oFilter = {};
+    SOrvaneDeviceInfo oInfo;
+    std::string sStatus;
+    unsigned short anValues[1];
+    bool abFlags[1];
+    short nShort;
+    const unsigned char acData[1] = {0};
+
+    struct SCase
+    {
+        std::function<int()> fnCall;
+        std::string sText;
+    };
+    const SCase aoCases[] = {
+        {[&] { return oClient.Write(0x1AB, "\x01", 1, 0, nullptr, nullptr); }, "WRITE" + H + ",nIdentifier=0x1AB"},
+        {[&] { return oClient.SetConfig(true, false); }, "SET_CONFIG" + H + ", ConfirmData=1, Monitor=0"},
+        {[&] { return oClient.GetConfig(b1, b2); }, "GET_CONFIG" + H},
+        {[&] { return oClient.SetGlobals(125000, 'x', true, false, true); },
+         "SET_GLOBALS" + H + ", Operating mode=x, Baudrate=125000, Termination=1, HighSpeed=0, TimestampOn=1"},
+        {[&] { return oClient.GetGlobals(n32, n8, b1, b2, b3); }, "GET_GLOBALS" + H},
+        {[&] {
+             return oClient.SetTime(timeval{5, 6});
+         },
+         "SET_TIME" + H + ", oTime.tv_sec=5, oTime.tv_usec=6"},
+        {[&] { return oClient.GetTime(b1, oTime); }, "GET_TIME" + H},
+        {[&] { return oClient.SetFilter(oFilter); }, "SET_FILTER" + H},
+        {[&] { return oClient.GetFilter(oFilter); }, "GET_FILTER" + H},
+        {[&] { return oClient.GetPowerStatus(1, n8, 1, n8, 1, n8, nShort, n16, n16, b1, anValues, abFlags, abFlags); },
+         "GET_POWERSTATUS" + H},
+        {[&] { return oClient.SetPowerRelais(true); }, "SET_POWERRELAIS" + H},
+        {[&] { return oClient.SetActivePowerSupplies(11); }, "SET_POWERACTIVESUPPLIES" + H + ", nBitmask=11"},
+        {[&] { return oClient.SetZCardParameter(5, 256, 512); },
+         "SET_ZCARD_PI" + H + ", ZCardInterval=5, ZCardIDStart=256, ZCardIDEnd=512"},
+        {[&] { return oClient.GetZCardParameter(n8, n16, n16); }, "GET_ZCARD_PI" + H},
+        {[&] { return oClient.CANopenSetConfig(1); }, "CANOPEN_SET_CONFIG" + H + ", CANOpenModus=1"},
+        {[&] { return oClient.CANopenGetConfig(n8); }, "CANOPEN_GET_CONFIG" + H},
+        {[&] { return oClient.CANopenSetSYNCMode(100); }, "CANOPEN_SYNC_MODE" + H + ", PeriodTime=100"},
+        {[&] { return oClient.CANopenSendNMT(5, 1); }, "CANOPEN_NMT" + H + ", NodeID=5, NMTTyp=1"},
+        {[&] { return oClient.CANopenSendSYNC(); }, "CANOPEN_SYNC" + H},
+        {[&] { return oClient.CANopenSendTIME(3, 4); }, "CANOPEN_TIME" + H + ", Day=3, Ms=4"},
+        {[&] { return oClient.CANopenSendPDO(5, 1, 1, "\x01"); }, "CANOPEN_PDO" + H + ", NodeID=5, PDOTyp=1"},
+        {[&] { return oClient.CANopenSendSDORead(5, 0x1000, 1, 10, n8, n32); },
+         "CANOPEN_SDO_READ" + H + ", NodeID=5, Index=4096, Subindex=1, Timeout=10"},
+        {[&] { return oClient.CANopenSendSDOWrite(5, 2, 0x1000, 1, 10, 7, n8, n32); },
+         "CANOPEN_SDO_WRITE" + H + ", NodeID=5, SDOWriteTyp=2, Index=4096, Subindex=1, Timeout=10, Value=7"},
+        {[&] { return oClient.CANopenSendSDOReadBlock(5, 0x1000, 1, 10, 0, n8, n16, nullptr); },
+         "CANOPEN_SDO_READ_BLOCK" + H},
+        {[&] { return oClient.CANopenSendSDOWriteBlock(5, 0x1000, 1, 10, 1, acData, n8, n32); },
+         "CANOPEN_SDO_WRITE_BLOCK" + H},
+        {[&] { return oClient.Restart(); }, "CLOSE" + H},
+        {[&] { return oClient.Info(&oInfo); }, "INFO" + H},
+        {[&] { return oClient.Status(sStatus); }, "STATUS" + H},
+        {[&] { return oClient.ReadDigital(n32, n32b); }, "READ DIGITAL" + H},
+        {[&] { return oClient.WriteDigital(1); }, "WRITE DIGITAL" + H},
+        {[&] { return oClient.ReadAnalog(1, &n32, n16); }, "READ ANALOG" + H},
+        {[&] { return oClient.WriteAnalog(&n32, 1); }, "WRITE ANALOG" + H},
+    };
+
+    // Request texts only (level 4).
+    oViewer.Activate(0x04);
+    for (const SCase& oCase : aoCases)
+    {
+        EXPECT_EQ(oCase.fnCall(), 0) << oCase.sText;
+        EXPECT_EQ(oViewer.NextText(), oCase.sText);
+    }
+    EXPECT_TRUE(oViewer.Quiet());
+
+    // Failures (level 2): the error text and the code.
+    oViewer.Activate(0x02);
+    oClient.m_fnReply = nullptr;
+    EXPECT_EQ(oClient.CANopenSendSDORead(5, 0x1000, 1, 0, n8, n32), ORVANE_ERR_TCP_TIMEOUT);
+    EXPECT_EQ(oViewer.NextText(), "TCP/IP timeout occured: 0x40000");
+    EXPECT_TRUE(oViewer.Quiet());
+    CTraceServer::Disable();
+}
