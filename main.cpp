@@ -272,13 +272,13 @@ void ForwardOneFrame(int nHandle)
     const int nResult = can_receive(&oMsg);
     if (nResult == 0)
     {
-        const int nFlags = (oMsg.rtr << 1) | oMsg.ext;
+        const int nFlags = (oMsg.rtr != 0 ? FLAG_REMOTE : 0) | (oMsg.ext != 0 ? FLAG_EXTENDED : 0);
+        // The result and the write's time stamp are not used: a frame the
+        // gateway cannot take is lost, as on a bus without a receiver.
         int nSeconds = 0;
         int nMicroseconds = 0;
         CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
                    &nSeconds, &nMicroseconds);
-        oMsg.timestamp.tv_sec = nSeconds;
-        oMsg.timestamp.tv_usec = nMicroseconds;
     }
     else if (nResult != CAN_RC_RX_EMPTY)
     {
