@@ -8,7 +8,11 @@
 //     a thread drains: frames per second and heap allocations per call
 //     (counted by the replaced global operator new).
 //
-// Run: build/bench/client_bench [--benchmark_repetitions=5]
+// Run: build/bench/client_bench --benchmark_repetitions=10
+//        --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2
+// On a shared machine the speed drifts within seconds; interleaving the
+// repetitions lets both sides of the ratio see the same conditions. The
+// ratios use the medians; process_cpu_ns counts the CPU time of every thread.
 #include "OrvaneClientCAN.h"
 #include "OrvaneProtocol.h"
 
@@ -24,6 +28,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <new>
 #include <string>
@@ -60,6 +65,21 @@ namespace
 
 constexpr std::size_t REQUEST_SIZE = 7;       // GET_GLOBALS request: no payload
 constexpr std::size_t CONFIRMATION_SIZE = 16; // result + 8 bytes of globals
+
+// CPU time of the whole process (every thread) in nanoseconds: unlike the
+// wall time it hardly depends on what else the machine runs.
+double ProcessCpuNs()
+{
+    timespec oNow{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &oNow);
+    return static_cast<double>(oNow.tv_sec) * 1e9 + static_cast<double>(oNow.tv_nsec);
+}
+
+void CountProcessCpu(benchmark::State& state, double nStartNs)
+{
+    state.counters["process_cpu_ns"] =
+        (ProcessCpuNs() - nStartNs) / static_cast<double>(std::max<int64_t>(1, state.iterations()));
+}
 
 bool ReadExactly(int nSocket, char* pcBuffer, std::size_t nCount)
 {
@@ -137,11 +157,13 @@ void BM_PlainPingPong(benchmark::State& state)
     });
     const std::string sRequest = COrvaneMsg(OrvaneCan::eCmdGetGlobals, 7, nullptr, 0).GetMessageData();
     char acReply[CONFIRMATION_SIZE];
+    const double nCpu = ProcessCpuNs();
     for (auto _ : state)
     {
         send(nClient, sRequest.data(), REQUEST_SIZE, MSG_NOSIGNAL);
         ReadExactly(nClient, acReply, CONFIRMATION_SIZE);
     }
+    CountProcessCpu(state, nCpu);
     shutdown(nClient, SHUT_RDWR);
     oResponder.join();
     close(nClient);
@@ -172,6 +194,7 @@ void BM_ClientGetGlobals(benchmark::State& state)
     unsigned int nBaud;
     unsigned char nMode;
     bool bTerm, bHigh, bStamp;
+    const double nCpu = ProcessCpuNs();
     for (auto _ : state)
     {
         if (oClient.GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp) != 0)
@@ -180,6 +203,7 @@ void BM_ClientGetGlobals(benchmark::State& state)
             break;
         }
     }
+    CountProcessCpu(state, nCpu);
     oClient.Close();
     shutdown(nServer, SHUT_RDWR);
     oResponder.join();
@@ -209,8 +233,10 @@ void BM_WriteNoConfirm(benchmark::State& state)
     int nSeconds, nMicroseconds;
     oClient.Write(0x123, acData, 8, 0, &nSeconds, &nMicroseconds); // first call sizes the thread's telegram
     const unsigned long long nBefore = g_nAllocations.load();
+    const double nCpu = ProcessCpuNs();
     for (auto _ : state)
         benchmark::DoNotOptimize(oClient.Write(0x123, acData, 8, 0, &nSeconds, &nMicroseconds));
+    CountProcessCpu(state, nCpu);
     const unsigned long long nAllocations = g_nAllocations.load() - nBefore;
     state.SetItemsProcessed(state.iterations());
     state.counters["allocs_per_call"] =
@@ -238,9 +264,13 @@ public:
                 continue;
             const std::string sName = oRun.run_name.function_name;
             m_aoNs[sName] = oRun.GetAdjustedRealTime();
+            const auto itCpu = oRun.counters.find("process_cpu_ns");
+            if (itCpu != oRun.counters.end())
+                m_aoCpuNs[sName] = itCpu->second.value;
         }
     }
     std::map<std::string, double> m_aoNs;
+    std::map<std::string, double> m_aoCpuNs;
 };
 
 } // namespace
@@ -253,7 +283,13 @@ int main(int argc, char** argv)
     const auto itPlain = oReporter.m_aoNs.find("BM_PlainPingPong");
     const auto itClient = oReporter.m_aoNs.find("BM_ClientGetGlobals");
     if (itPlain != oReporter.m_aoNs.end() && itClient != oReporter.m_aoNs.end() && itPlain->second > 0)
+    {
         std::printf("round trip ratio client / plain: %.2f (target <= 1.5)\n", itClient->second / itPlain->second);
+        const double nPlainCpu = oReporter.m_aoCpuNs["BM_PlainPingPong"];
+        if (nPlainCpu > 0)
+            std::printf("process CPU per round trip, client / plain: %.2f\n",
+                        oReporter.m_aoCpuNs["BM_ClientGetGlobals"] / nPlainCpu);
+    }
     const auto itWrite = oReporter.m_aoNs.find("BM_WriteNoConfirm");
     if (itWrite != oReporter.m_aoNs.end() && itWrite->second > 0)
         std::printf("Write without confirmation: %.0f frames/s (target >= 150000)\n", 1e9 / itWrite->second);

@@ -24,18 +24,6 @@ const char* const TRACE_FILE = "OrvaneAPI/source/OrvaneClient";
 // Telegrams up to this size are serialised on the stack when sent.
 constexpr std::size_t STACK_TELEGRAM_SIZE = 512;
 
-// Lets the condition variable lock and unlock the store's CKelMutex.
-class CStoreLock
-{
-public:
-    explicit CStoreLock(CKelMutex& oMutex) : m_roMutex(oMutex) {}
-    void lock() { m_roMutex.Lock(KEL_INFINITE); }
-    void unlock() { m_roMutex.Unlock(); }
-
-private:
-    CKelMutex& m_roMutex;
-};
-
 // Takes the item with this ID out of the store (the caller holds the lock).
 COrvaneMsg* TakeMessage(std::map<short, COrvaneClient::CMessageItem*>& aoMessages, short nId)
 {
@@ -124,7 +112,7 @@ COrvaneClient::~COrvaneClient()
 {
     // No read thread may file a confirmation while the store is emptied.
     ShutdownConnection();
-    CKelLockGuard oLock(m_oMutex);
+    std::lock_guard<std::mutex> oLock(m_oMutex);
     for (auto& oEntry : m_aoMessages)
         delete oEntry.second;
     m_aoMessages.clear();
@@ -226,7 +214,7 @@ int COrvaneClient::SendAndWait(const COrvaneMsg& oRequest, std::unique_ptr<COrva
 
 COrvaneMsg* COrvaneClient::GetMsg(short nId)
 {
-    CKelLockGuard oLock(m_oMutex);
+    std::lock_guard<std::mutex> oLock(m_oMutex);
     return TakeMessage(m_aoMessages, nId);
 }
 
@@ -237,7 +225,8 @@ COrvaneMsg* COrvaneClient::GetMsg(short nId)
 // through the confirmation it needs, and one waiter's reset before sending
 // would wipe a signal meant for another. A condition variable on the
 // store's own mutex has no such gap: the look and the wait are one step
-// under the lock.
+// under the lock. (It waits on the monotonic clock: libstdc++ maps a
+// steady_clock deadline to pthread_cond_clockwait with CLOCK_MONOTONIC.)
 COrvaneMsg* COrvaneClient::WaitForMsg(short nId, const unsigned int* pnTimeout)
 {
     const unsigned int nTimeout = pnTimeout != nullptr ? *pnTimeout : m_nTimeout;
@@ -246,8 +235,7 @@ COrvaneMsg* COrvaneClient::WaitForMsg(short nId, const unsigned int* pnTimeout)
     const auto oDeadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeout);
     COrvaneMsg* poMsg = nullptr;
     {
-        CStoreLock oStore(m_oMutex);
-        std::unique_lock<CStoreLock> oLock(oStore);
+        std::unique_lock<std::mutex> oLock(m_oMutex);
         poMsg = TakeMessage(m_aoMessages, nId);
         while (poMsg == nullptr)
         {
@@ -267,7 +255,7 @@ void COrvaneClient::RemoveOldMsgs()
     // whole seconds (time-out / 100). Ages are taken on the monotonic clock,
     // so a step of the wall clock neither flushes nor keeps the store.
     const auto oThreshold = std::chrono::steady_clock::now() - std::chrono::seconds(m_nTimeout / 100);
-    CKelLockGuard oLock(m_oMutex);
+    std::lock_guard<std::mutex> oLock(m_oMutex);
     for (auto it = m_aoMessages.begin(); it != m_aoMessages.end();)
     {
         if (it->second->GetArrival() < oThreshold)
@@ -306,14 +294,15 @@ void COrvaneClient::DataInd(const char* pcData, unsigned short nLength)
     CMessageItem* poItem = new CMessageItem(poMsg);
     CMessageItem* poReplaced = nullptr;
     {
-        CKelLockGuard oLock(m_oMutex);
+        std::lock_guard<std::mutex> oLock(m_oMutex);
         CMessageItem*& rpoSlot = m_aoMessages[poMsg->GetMsgID()];
         poReplaced = rpoSlot;
         rpoSlot = poItem;
     }
     // Waking the waiters after the store's lock is released spares them
-    // waking only to block on it; the condition variable's own lock keeps a
-    // waiter that looked before the store from missing this.
+    // waking only to block on it. No waiter can miss it: one that looked
+    // before the store was already waiting, as it held the lock from its
+    // look until it slept.
     m_oEvent.notify_all();
     delete poReplaced;
 }

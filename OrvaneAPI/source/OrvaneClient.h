@@ -33,6 +33,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 // Device information filled by COrvaneClient::Info. The first 20 bytes are a
@@ -248,8 +249,8 @@ protected:
 
     // Stops the connection's threads (disconnecting first when connected):
     // after it no thread calls DataInd, ConInd or DataIndRespond any more.
-    // Every derived client whose hooks it overrides calls this first thing
-    // in its destructor. Safe to call more than once.
+    // A derived client that overrides a hook calls this first thing in its
+    // destructor. Safe to call more than once.
     void ShutdownConnection() { m_oConnection.Stop(); }
 
     // Longest payload that still fits the telegram's 16-bit sizes.
@@ -261,14 +262,16 @@ protected:
 private:
     CConnection m_oConnection;
     const unsigned int m_nTimeout;
-    // Confirmations by message ID, guarded by m_oMutex.
+    // Confirmations by message ID, guarded by m_oMutex. The store's lock is
+    // a std::mutex, not a CKelMutex, because waiting for a confirmation needs
+    // a condition variable bound to exactly this lock (see WaitForMsg).
     std::map<short, CMessageItem*> m_aoMessages;
-    CKelMutex m_oMutex;
+    std::mutex m_oMutex;
     std::atomic<short> m_nTelegramCounter;
     const EOrvaneDevice m_eDeviceType;
-    // Signalled (under m_oMutex) whenever a confirmation is stored; see
-    // WaitForMsg for why this is a condition variable and not a CKelEvent.
-    std::condition_variable_any m_oEvent;
+    // Signalled whenever a confirmation is stored; see WaitForMsg for why
+    // this is a condition variable and not a CKelEvent.
+    std::condition_variable m_oEvent;
 };
 
 #endif // ORVANE_CLIENT_H

@@ -61,7 +61,8 @@ public:
     // Power status: three counted lists (16-bit values, A flags, B flags) and
     // four single values. The counts returned are the gateway's; element i of
     // a list is stored only when i is below the matching nMax... and the
-    // array pointer is not null.
+    // array pointer is not null. A confirmation whose lists run past its end
+    // gives 0xC0200 (confirmation invalid) and nothing is written.
     int GetPowerStatus(unsigned char nMaxValues, unsigned char& nValues, unsigned char nMaxFlagsA,
                        unsigned char& nFlagsA, unsigned char nMaxFlagsB, unsigned char& nFlagsB, short& nValue1,
                        unsigned short& nValue2, unsigned short& nValue3, bool& bFlag, unsigned short* pValues,

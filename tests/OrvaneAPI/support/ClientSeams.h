@@ -1,36 +1,35 @@
-// A CAN client without a socket: every request sent is recorded, and a
-// script may answer it at once by feeding telegrams through DataInd, as the
-// read thread would.
+// A CAN client without a socket: every request is recorded and may be
+// answered at once through DataInd, as the read thread would.
 #ifndef TESTS_CLIENT_SEAMS_H
 #define TESTS_CLIENT_SEAMS_H
 
 #include "OrvaneClientCAN.h"
-#include "OrvaneMsg.h"
 
 #include <functional>
-#include <initializer_list>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace ClientTest
 {
 
-inline std::string Bytes(std::initializer_list<int> anBytes)
+// "05 00 01" -> bytes.
+inline std::string Hex(const std::string& sHex)
 {
+    std::istringstream oIn(sHex);
     std::string s;
-    for (int n : anBytes)
+    unsigned int n;
+    while (oIn >> std::hex >> n)
         s.push_back(static_cast<char>(n));
     return s;
 }
 
-// Wire bytes of a telegram.
 inline std::string Wire(unsigned short nCode, short nId, const std::string& sPayload)
 {
     return COrvaneMsg(nCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size())).GetMessageData();
 }
 
-// Wire bytes of the confirmation of oRequest with this payload.
 inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& sPayload)
 {
     return Wire(oRequest.GetCmdCode() | COrvaneMsg::CONFIRMATION_FLAG, oRequest.GetMsgID(), sPayload);
@@ -39,9 +38,6 @@ inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& s
 class CScriptedClient : public COrvaneClientCAN
 {
 public:
-    // Telegrams (wire bytes) to feed in answer to a request.
-    using FReply = std::function<std::vector<std::string>(const COrvaneMsg&)>;
-
     explicit CScriptedClient(int nTimeout = 5000) : COrvaneClientCAN(nTimeout) {}
     ~CScriptedClient() override { ShutdownConnection(); }
 
@@ -66,21 +62,27 @@ public:
 
     void Feed(const std::string& sWire) { DataInd(sWire.data(), static_cast<unsigned short>(sWire.size())); }
 
-    // Every request is confirmed with this payload.
-    void ReplyWith(const std::string& sPayload)
+    // Every request is confirmed with this payload (given as hex).
+    void ReplyWith(const std::string& sHex)
     {
+        const std::string sPayload = Hex(sHex);
         m_fnReply = [sPayload](const COrvaneMsg& oRequest) {
             return std::vector<std::string>{Confirmation(oRequest, sPayload)};
         };
     }
 
-    std::vector<COrvaneMsg> Sent()
+    COrvaneMsg LastSent()
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
-        return m_aoSent;
+        return m_aoSent.empty() ? COrvaneMsg() : m_aoSent.back();
+    }
+    std::size_t SentCount()
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_aoSent.size();
     }
 
-    FReply m_fnReply;
+    std::function<std::vector<std::string>(const COrvaneMsg&)> m_fnReply;
     int m_nSendResult = 0;
 
 private:
