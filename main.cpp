@@ -273,8 +273,9 @@ void ForwardOneFrame(int nHandle)
     if (nResult == 0)
     {
         const int nFlags = (oMsg.rtr != 0 ? FLAG_REMOTE : 0) | (oMsg.ext != 0 ? FLAG_EXTENDED : 0);
-        // The result and the write's time stamp are not used: a frame the
-        // gateway cannot take is lost, as on a bus without a receiver.
+        // Neither the result nor the write's time stamp is used: a frame that
+        // finds no open device is dropped, and a lost link is noticed by the
+        // connect state on the next pass.
         int nSeconds = 0;
         int nMicroseconds = 0;
         CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
