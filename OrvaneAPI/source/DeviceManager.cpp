@@ -1,6 +1,10 @@
 #include "DeviceManager.h"
 
 #include "OrvaneClientCANDll.h"
+#include "OrvaneClientI2C.h"
+#include "OrvaneClientRenesas.h"
+#include "OrvaneClientSPI.h"
+#include "OrvaneClientTestSystem.h"
 #include "OrvaneErrors.h"
 #include "OrvaneProtocol.h"
 #include "TraceServer.h"
@@ -28,6 +32,13 @@ COrvaneClient* CreateCAN(int nHandle, int nTimeout)
     return new COrvaneClientCANDll(nHandle, nTimeout);
 }
 
+// The other kinds' clients know nothing of handles.
+template <class TClient>
+COrvaneClient* Create(int /*nHandle*/, int nTimeout)
+{
+    return new TClient(nTimeout);
+}
+
 // The client of each device type. Types without a row, and rows without a
 // client, are refused with 0x910000.
 struct SDeviceKind
@@ -36,13 +47,14 @@ struct SDeviceKind
     FCreateClient fnCreate;
 };
 const SDeviceKind s_aoDeviceKinds[] = {
-    {eOrvaneI2C, nullptr},                                  // COrvaneClientI2C(nTimeout): not built yet
-    {eOrvaneCAN, CreateCAN},         {eOrvaneSPI, nullptr}, // COrvaneClientSPI(nTimeout): not built yet
-    {eOrvaneRenesas, nullptr},                              // COrvaneClientRenesas(nTimeout): not built yet
-    {eOrvaneTestSystemIO, nullptr},                         // COrvaneClientTestSystemIO(nTimeout): not built yet
-    {eOrvaneTestSystemPWR, nullptr},                        // COrvaneClientTestSystemPWR(nTimeout): not built yet
-    {eOrvaneTestSystemCOM, nullptr},                        // COrvaneClientTestSystemCOM(nTimeout): not built yet
-    {eOrvaneAWire, nullptr},                                // COrvaneClientAWire(nTimeout): not built yet
+    {eOrvaneI2C, Create<COrvaneClientI2C>},
+    {eOrvaneCAN, CreateCAN},
+    {eOrvaneSPI, Create<COrvaneClientSPI>},
+    {eOrvaneRenesas, Create<COrvaneClientRenesas>},
+    {eOrvaneTestSystemIO, Create<COrvaneClientTestSystemIO>},
+    {eOrvaneTestSystemPWR, Create<COrvaneClientTestSystemPWR>},
+    {eOrvaneTestSystemCOM, Create<COrvaneClientTestSystemCOM>},
+    {eOrvaneAWire, nullptr}, // COrvaneClientAWire(nTimeout): not built yet
 };
 
 FCreateClient ClientFactory(unsigned char nDeviceType)
