@@ -9,6 +9,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace ClientTest
@@ -23,6 +24,23 @@ inline std::string Hex(const std::string& sHex)
     while (oIn >> std::hex >> n)
         s.push_back(static_cast<char>(n));
     return s;
+}
+
+// "a b c" of the values (bytes and flags as numbers), for one-line
+// expectations.
+template <typename... T>
+std::string Out(const T&... aValues)
+{
+    std::ostringstream oText;
+    const auto fnPut = [&oText](const auto& oValue) {
+        if constexpr (std::is_arithmetic<std::decay_t<decltype(oValue)>>::value)
+            oText << +oValue << ' ';
+        else
+            oText << oValue << ' ';
+    };
+    (fnPut(aValues), ...);
+    std::string s = oText.str();
+    return s.substr(0, s.empty() ? 0 : s.size() - 1);
 }
 
 inline std::string Wire(unsigned short nCode, short nId, const std::string& sPayload)
