@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace ClientTest
@@ -51,6 +52,11 @@ inline std::string Wire(unsigned short nCode, short nId, const std::string& sPay
 inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& sPayload)
 {
     return Wire(oRequest.GetCmdCode() | COrvaneMsg::CONFIRMATION_FLAG, oRequest.GetMsgID(), sPayload);
+}
+
+inline std::pair<unsigned short, std::string> Req(unsigned short nCode, const std::string& sPayload)
+{
+    return {nCode, sPayload};
 }
 
 // Any device client without a socket (TClient takes the time-out).
@@ -95,6 +101,12 @@ public:
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
         return m_aoSent.empty() ? COrvaneMsg() : m_aoSent.back();
+    }
+    // The last request's command code and payload, compared at once with Req().
+    std::pair<unsigned short, std::string> LastRequest()
+    {
+        const COrvaneMsg oLast = LastSent();
+        return {oLast.GetCmdCode(), oLast.GetData()};
     }
     std::size_t SentCount()
     {
