@@ -1,5 +1,6 @@
 #include "DeviceManager.h"
 
+#include "OrvaneClientAWire.h"
 #include "OrvaneClientCANDll.h"
 #include "OrvaneErrors.h"
 #include "OrvaneProtocol.h"
@@ -28,6 +29,11 @@ COrvaneClient* CreateCAN(int nHandle, int nTimeout)
     return new COrvaneClientCANDll(nHandle, nTimeout);
 }
 
+COrvaneClient* CreateAWire(int, int nTimeout)
+{
+    return new COrvaneClientAWire(nTimeout);
+}
+
 // The client of each device type. Types without a row, and rows without a
 // client, are refused with 0x910000.
 struct SDeviceKind
@@ -42,7 +48,7 @@ const SDeviceKind s_aoDeviceKinds[] = {
     {eOrvaneTestSystemIO, nullptr},                         // COrvaneClientTestSystemIO(nTimeout): not built yet
     {eOrvaneTestSystemPWR, nullptr},                        // COrvaneClientTestSystemPWR(nTimeout): not built yet
     {eOrvaneTestSystemCOM, nullptr},                        // COrvaneClientTestSystemCOM(nTimeout): not built yet
-    {eOrvaneAWire, nullptr},                                // COrvaneClientAWire(nTimeout): not built yet
+    {eOrvaneAWire, CreateAWire},
 };
 
 FCreateClient ClientFactory(unsigned char nDeviceType)
