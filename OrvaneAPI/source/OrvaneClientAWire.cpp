@@ -65,6 +65,14 @@ void CWriteFileThread::Run()
     VerifyData();
 }
 
+bool CWriteFileThread::Stopping()
+{
+    // The termination event is consumed when seen: remember it.
+    if (!m_bStopping && IsTerminationRequested())
+        m_bStopping = true;
+    return m_bStopping;
+}
+
 void CWriteFileThread::Poll()
 {
     CKelThread::Sleep(0, 1);
@@ -80,13 +88,13 @@ void CWriteFileThread::WriteData()
         const char* pcData = reinterpret_cast<const char*>(poBlock->m_acData.data());
         unsigned int nLeft = poBlock->m_nSize;
         bool bFirst = true;
-        while (nLeft > 0 && m_nStep == FileStep::eWriting && !IsTerminationRequested())
+        while (nLeft > 0 && m_nStep == FileStep::eWriting && !Stopping())
         {
             // Never more than two blocks outstanding, across memory blocks
             // too: wait for room before each send.
-            while (!IsTerminationRequested() && m_anSent.size() >= 2 && m_nStep == FileStep::eWriting)
+            while (!Stopping() && m_anSent.size() >= 2 && m_nStep == FileStep::eWriting)
                 Poll();
-            if (m_nStep != FileStep::eWriting || IsTerminationRequested())
+            if (m_nStep != FileStep::eWriting || Stopping())
                 return;
             const unsigned int nLength = ChunkLength(nChunk, nAddress, nLeft, bFirst);
             short nId = 0;
@@ -103,7 +111,7 @@ void CWriteFileThread::WriteData()
             bFirst = false;
         }
     }
-    while (m_nStep == FileStep::eWriting && !IsTerminationRequested())
+    while (m_nStep == FileStep::eWriting && !Stopping())
     {
         if (m_anSent.empty())
         {
@@ -150,7 +158,7 @@ void CWriteFileThread::VerifyData()
         const char* pcData = reinterpret_cast<const char*>(poBlock->m_acData.data());
         for (unsigned int nDone = 0; nDone < poBlock->m_nSize;)
         {
-            if (IsTerminationRequested())
+            if (Stopping())
                 return;
             const unsigned int nPiece = std::min(MAX_CHUNK, poBlock->m_nSize - nDone);
             if (m_roClient.Verify(poBlock->m_nStartAddress + nDone, static_cast<unsigned short>(nPiece),

@@ -81,6 +81,8 @@ private:
     void WriteData();
     void UpdateStatus();
     void VerifyData();
+    // True once termination was requested.
+    bool Stopping();
     // Sleeps 1 ms and then updates the status.
     void Poll();
 
@@ -92,6 +94,7 @@ private:
     std::atomic<unsigned int> m_nInProgress;
     std::atomic<unsigned int> m_nVerified;
     std::deque<short> m_anSent; // writing thread only
+    bool m_bStopping = false;   // writing thread only
 };
 
 class COrvaneClientAWire : public COrvaneClient
