@@ -59,16 +59,50 @@ int failSetup(int fd)
     return CAN_RC_SYSTEM;
 }
 
-// Fills the record's time stamp with the socket's last receive time. The
-// zeroing branch is never taken (the call returns 0 or -1); it is kept so the
-// record behaves exactly as the bridge has always seen it.
-void stampFromSocket(int fd, _can_msg_t* msg)
+// The socket's last receive time, as SIOCGSTAMP reports it: the stamp of the
+// frame read last, or none (-1) before the first. can_receive takes each
+// frame's stamp with the frame (SO_TIMESTAMP), so neither direction needs an
+// ioctl per frame; can_transmit, on the other thread, reads it from here.
+std::atomic<long long> lastReceiveMicros{-1};
+
+// Fills the record's time stamp with the socket's last receive time; before
+// any frame was received the record keeps its time stamp, as the failing
+// SIOCGSTAMP left it.
+void stampFromLastReceive(_can_msg_t* msg)
 {
-    if (ioctl(fd, SIOCGSTAMP, &msg->timestamp) > 0)
-    {
-        msg->timestamp.tv_sec = 0;
-        msg->timestamp.tv_usec = 0;
-    }
+    const long long micros = lastReceiveMicros.load(std::memory_order_relaxed);
+    if (micros < 0)
+        return;
+    msg->timestamp.tv_sec = static_cast<time_t>(micros / 1000000);
+    msg->timestamp.tv_usec = static_cast<suseconds_t>(micros % 1000000);
+}
+
+// Reads one frame with its receive time. Returns what recvmsg returns.
+ssize_t readFrame(int fd, struct can_frame* frame, int flags)
+{
+    struct iovec vector = {frame, sizeof *frame};
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct timeval))];
+    struct msghdr header;
+    memset(&header, 0, sizeof header);
+    header.msg_iov = &vector;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    const ssize_t count = recvmsg(fd, &header, flags);
+    if (count <= 0)
+        return count;
+    struct timeval stamp;
+    bool stamped = false;
+    for (struct cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item))
+        if (item->cmsg_level == SOL_SOCKET && item->cmsg_type == SCM_TIMESTAMP)
+        {
+            memcpy(&stamp, CMSG_DATA(item), sizeof stamp);
+            stamped = true;
+        }
+    if (!stamped && ioctl(fd, SIOCGSTAMP, &stamp) != 0)
+        return count; // no time known: the last one stays
+    lastReceiveMicros.store(static_cast<long long>(stamp.tv_sec) * 1000000 + stamp.tv_usec, std::memory_order_relaxed);
+    return count;
 }
 
 struct ErrorText
@@ -156,6 +190,12 @@ extern "C" int can_init(int channel, const can_socket_params_t* params, const st
         return failSetup(fd);
     }
 
+    // Receive times come with each frame; without them can_receive falls
+    // back to asking the socket.
+    const int stampOn = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMP, &stampOn, sizeof stampOn);
+    lastReceiveMicros = -1;
+
     can_state = CAN_STATUS_NOT_STARTED;
     init = 1;
     return 0;
@@ -201,7 +241,7 @@ extern "C" int can_transmit(_can_msg_t* msg)
         setBits(CAN_STATUS_TX_FAILED);
         return CAN_RC_TX_BUSY;
     }
-    stampFromSocket(fd, msg);
+    stampFromLastReceive(msg);
     clearBits(CAN_STATUS_TX_FAILED);
     return 0;
 }
@@ -215,15 +255,28 @@ extern "C" int can_receive(_can_msg_t* msg)
     if (msg == nullptr)
         return CAN_RC_NULL_POINTER;
 
+    // A frame that is already queued is read at once; only an empty socket
+    // is waited on, for at most one second. Under load this is one system
+    // call per frame instead of a wait, a read and an ioctl.
     const int fd = descriptor;
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    struct timeval limit = {1, 0};
-    if (select(fd + 1, &readable, nullptr, nullptr, &limit) > 0 && FD_ISSET(fd, &readable))
+    struct can_frame frame;
+    ssize_t count = readFrame(fd, &frame, MSG_DONTWAIT);
+    bool received = count >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    if (!received)
     {
-        struct can_frame frame;
-        if (read(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(fd, &readable);
+        struct timeval limit = {1, 0};
+        if (select(fd + 1, &readable, nullptr, nullptr, &limit) > 0 && FD_ISSET(fd, &readable))
+        {
+            count = readFrame(fd, &frame, MSG_DONTWAIT);
+            received = true;
+        }
+    }
+    if (received)
+    {
+        if (count != static_cast<ssize_t>(sizeof frame))
         {
             setBits(CAN_STATUS_RX_READ_FAILED);
             return CAN_RC_MESSAGE_LOST;
@@ -235,7 +288,7 @@ extern "C" int can_receive(_can_msg_t* msg)
             msg->ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
             msg->len = frame.can_dlc;
             memcpy(msg->data, frame.data, sizeof msg->data);
-            stampFromSocket(fd, msg);
+            stampFromLastReceive(msg);
             clearBits(CAN_STATUS_RX_READ_FAILED | CAN_STATUS_RX_EMPTY);
             return 0;
         }

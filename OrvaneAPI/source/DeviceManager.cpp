@@ -2,6 +2,10 @@
 
 #include "OrvaneClientAWire.h"
 #include "OrvaneClientCANDll.h"
+#include "OrvaneClientI2C.h"
+#include "OrvaneClientRenesas.h"
+#include "OrvaneClientSPI.h"
+#include "OrvaneClientTestSystem.h"
 #include "OrvaneErrors.h"
 #include "OrvaneProtocol.h"
 #include "TraceServer.h"
@@ -29,9 +33,11 @@ COrvaneClient* CreateCAN(int nHandle, int nTimeout)
     return new COrvaneClientCANDll(nHandle, nTimeout);
 }
 
-COrvaneClient* CreateAWire(int, int nTimeout)
+// The other kinds' clients know nothing of handles.
+template <class TClient>
+COrvaneClient* Create(int /*nHandle*/, int nTimeout)
 {
-    return new COrvaneClientAWire(nTimeout);
+    return new TClient(nTimeout);
 }
 
 // The client of each device type. Types without a row, and rows without a
@@ -42,13 +48,14 @@ struct SDeviceKind
     FCreateClient fnCreate;
 };
 const SDeviceKind s_aoDeviceKinds[] = {
-    {eOrvaneI2C, nullptr},                                  // COrvaneClientI2C(nTimeout): not built yet
-    {eOrvaneCAN, CreateCAN},         {eOrvaneSPI, nullptr}, // COrvaneClientSPI(nTimeout): not built yet
-    {eOrvaneRenesas, nullptr},                              // COrvaneClientRenesas(nTimeout): not built yet
-    {eOrvaneTestSystemIO, nullptr},                         // COrvaneClientTestSystemIO(nTimeout): not built yet
-    {eOrvaneTestSystemPWR, nullptr},                        // COrvaneClientTestSystemPWR(nTimeout): not built yet
-    {eOrvaneTestSystemCOM, nullptr},                        // COrvaneClientTestSystemCOM(nTimeout): not built yet
-    {eOrvaneAWire, CreateAWire},
+    {eOrvaneI2C, Create<COrvaneClientI2C>},
+    {eOrvaneCAN, CreateCAN},
+    {eOrvaneSPI, Create<COrvaneClientSPI>},
+    {eOrvaneRenesas, Create<COrvaneClientRenesas>},
+    {eOrvaneTestSystemIO, Create<COrvaneClientTestSystemIO>},
+    {eOrvaneTestSystemPWR, Create<COrvaneClientTestSystemPWR>},
+    {eOrvaneTestSystemCOM, Create<COrvaneClientTestSystemCOM>},
+    {eOrvaneAWire, Create<COrvaneClientAWire>},
 };
 
 FCreateClient ClientFactory(unsigned char nDeviceType)

@@ -204,22 +204,23 @@ protected:
 
     // The common request: next telegram ID, telegram of the command code
     // nCmdCode and payload sPayload, a trace of "<pcName> requested to <host>"
-    // followed by what fnParams(std::string&) appends (level 4; built only
-    // when that trace would be sent), then SendMsg with pnTimeout (null: the
-    // default). Returns the result of SendMsg; oConfirmation holds what
-    // arrived, if anything.
+    // followed by what fnParams(std::string&) appends (at nLevel, 4 unless
+    // given; built only when that trace would be sent), then SendMsg with
+    // pnTimeout (null: the default). Returns the result of SendMsg;
+    // oConfirmation holds what arrived, if anything.
     template <typename TParams>
     int SendRequest(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, TParams fnParams,
-                    std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr)
+                    std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr,
+                    unsigned char nLevel = TRACE_LEVEL_REQUEST)
     {
         if (sPayload.size() > MAX_PAYLOAD)
             return ORVANE_ERR_INVALID_PARAMETER;
         const short nId = NextTelegramID();
-        if (IsTraceActive(TRACE_LEVEL_REQUEST))
+        if (IsTraceActive(nLevel))
         {
             std::string sText = RequestTraceText(pcName);
             fnParams(sText);
-            Trace(TRACE_LEVEL_REQUEST, __LINE__, sText);
+            Trace(nLevel, __LINE__, sText);
         }
         const COrvaneMsg oRequest(nCmdCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size()));
         return SendAndWait(oRequest, oConfirmation, pnTimeout);
@@ -228,9 +229,10 @@ protected:
     // succeeded.
     template <typename TParams>
     int Request(unsigned short nCmdCode, const std::string& sPayload, const char* pcName, TParams fnParams,
-                std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr)
+                std::unique_ptr<COrvaneMsg>& oConfirmation, const unsigned int* pnTimeout = nullptr,
+                unsigned char nLevel = TRACE_LEVEL_REQUEST)
     {
-        const int nRet = SendRequest(nCmdCode, sPayload, pcName, fnParams, oConfirmation, pnTimeout);
+        const int nRet = SendRequest(nCmdCode, sPayload, pcName, fnParams, oConfirmation, pnTimeout, nLevel);
         return nRet == ORVANE_OK ? GetCnfRetCode(*oConfirmation) : nRet;
     }
     // The same for commands without trace parameters.

@@ -145,6 +145,112 @@ constexpr unsigned int POWER_STATUS_HEADER = 11;
 
 } // namespace OrvaneCan
 
+// The I2C port of a gateway (device type 1).
+namespace OrvaneI2C
+{
+
+constexpr unsigned short Code(unsigned char nLowByte)
+{
+    return COrvaneMsg::MakeCmdCode(eOrvaneI2C, nLowByte);
+}
+
+enum ECommand : unsigned short
+{
+    eCmdReset = Code(0x04),          // empty
+    eCmdSetBaudrate = Code(0x07),    // u32 rate in Hz
+    eCmdGetBaudrate = Code(0x08),    // -> u32 rate
+    eCmdRead = Code(0x10),           // u16 slave, u16 count -> data
+    eCmdWrite = Code(0x11),          // u16 slave, data -> u16 status
+    eCmdReadEEProm = Code(0x12),     // EEPROM header, u16 count -> [u16], data
+    eCmdWriteEEProm = Code(0x13),    // EEPROM header, data
+    eCmdSequence = Code(0x14),       // u16 read size, sequence -> u16 status, data read
+    eCmdRawStart = Code(0x15),       // empty
+    eCmdRawSend = Code(0x16),        // u8, u8
+    eCmdRawGet = Code(0x17),         // u8 -> u8 value
+    eCmdRawStop = Code(0x18),        // empty
+    eCmdWriteEEPromPoll = Code(0x19) // u16 slave, u16 poll, u8 offset size, 4 offset bytes, data
+};
+
+// EEPROM header: u16 slave address, u8 offset size (1 or 2), then 4 offset
+// bytes, most significant first, of which the device uses the last 1 or 2.
+constexpr unsigned int EEPROM_OFFSET_BYTES = 4;
+
+} // namespace OrvaneI2C
+
+// The SPI port of a gateway (device type 3).
+namespace OrvaneSPI
+{
+
+constexpr unsigned short Code(unsigned char nLowByte)
+{
+    return COrvaneMsg::MakeCmdCode(eOrvaneSPI, nLowByte);
+}
+
+enum ECommand : unsigned short
+{
+    eCmdData = Code(0x03),       // bytes out -> bytes in
+    eCmdSetGlobals = Code(0x07), // u32 baud rate, u8 signal level, u8 aux voltage, u8 clock mode
+    eCmdGetGlobals = Code(0x08), // -> the SET_GLOBALS layout
+    eCmdSequence = Code(0x14)    // sequence bytes -> data
+};
+
+} // namespace OrvaneSPI
+
+// The Renesas flash programmer (device type 9).
+namespace OrvaneRenesas
+{
+
+constexpr unsigned short Code(unsigned char nLowByte)
+{
+    return COrvaneMsg::MakeCmdCode(eOrvaneRenesas, nLowByte);
+}
+
+enum ECommand : unsigned short
+{
+    eCmdInit = Code(0x20),        // empty
+    eCmdCheckID = Code(0x21),     // up to 7 ID bytes
+    eCmdSetBaudrate = Code(0x22), // u8 index
+    eCmdReadPage = Code(0x23),    // u16 page -> data
+    eCmdEraseAll = Code(0x24),    // empty
+    eCmdWritePage = Code(0x25),   // u16 page, 256 data bytes
+    eCmdGetVersion = Code(0x26),  // -> version bytes
+    eCmdComplete = Code(0x27),    // empty
+    eCmdVerifyCheck = Code(0x28), // u16 start, u16 end -> u16 result
+    eCmdBlockErase = Code(0x29)   // u16 block
+};
+
+constexpr unsigned int PAGE_SIZE = 256;
+constexpr unsigned int MAX_ID_LENGTH = 7;
+
+} // namespace OrvaneRenesas
+
+// The test-system kinds: IO (type 11), PWR (type 12) and COM (type 13).
+namespace OrvaneTestSystem
+{
+
+enum ECommand : unsigned short
+{
+    // COM. A name travels as one length byte and up to 255 bytes.
+    eCmdSetConfig = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0x05),         // name
+    eCmdGetConfig = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0x06),         // -> name
+    eCmdIsConfigAvailable = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0xD2), // name -> u8 available, u32 CRC-32
+    eCmdFileStart = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0xD3),     // u32 CRC-32, u32 size, file name, data
+    eCmdFileNext = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0xD4),      // data
+    eCmdInstallConfig = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemCOM, 0xD5), // u32 CRC-32, file name, config name
+    // IO and PWR: n u16 values, element 0 first.
+    eCmdIOSetValue = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemIO, 0x10),
+    eCmdIOGetValue = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemIO, 0x11),
+    eCmdPWRSetValue = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemPWR, 0x10),
+    eCmdPWRGetValue = COrvaneMsg::MakeCmdCode(eOrvaneTestSystemPWR, 0x11)
+};
+
+// Largest piece of a file in one upload telegram.
+constexpr unsigned int FILE_PIECE = 32768;
+// Result byte with which the device asks for the next piece of a file.
+constexpr unsigned char RESULT_NEXT_PIECE = 0x21;
+constexpr unsigned int MAX_NAME_LENGTH = 255;
+
+} // namespace OrvaneTestSystem
 
 // The aWire programmer of a gateway (device type 14).
 namespace OrvaneAWire

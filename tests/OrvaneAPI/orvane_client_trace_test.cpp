@@ -1,5 +1,9 @@
 // The texts the client's requests trace, read as a trace viewer on
 // 127.0.0.1 would see them.
+#include "OrvaneClientI2C.h"
+#include "OrvaneClientRenesas.h"
+#include "OrvaneClientSPI.h"
+#include "OrvaneClientTestSystem.h"
 #include "TraceServer.h"
 #include "TraceTelegram.h"
 #include "support/ClientSeams.h"
@@ -152,6 +156,50 @@ TEST(OrvaneClientTrace, RequestTexts)
     oClient.m_fnReply = nullptr;
     EXPECT_EQ(oClient.CANopenSendSDORead(5, 0x1000, 1, 0, n8, n32), ORVANE_ERR_TCP_TIMEOUT);
     EXPECT_EQ(oViewer.NextText(), "TCP/IP timeout occured: 0x40000");
+    EXPECT_TRUE(oViewer.Quiet());
+    CTraceServer::Disable();
+}
+
+TEST(OrvaneClientTrace, OtherKindsTextsAndLevels)
+{
+    ASSERT_EQ(CTraceServer::Init(0), 0);
+    CViewer oViewer;
+    CScripted<COrvaneClientI2C> oI2C;
+    CScripted<COrvaneClientSPI> oSPI;
+    CScripted<COrvaneClientRenesas> oRenesas;
+    CScripted<COrvaneClientTestSystemCOM> oCOM;
+    for (COrvaneClient* poClient : std::vector<COrvaneClient*>{&oI2C, &oSPI, &oRenesas, &oCOM})
+        ASSERT_EQ(poClient->GetConnection().GetHost(), oI2C.GetConnection().GetHost());
+    oI2C.ReplyWith("00");
+    oSPI.ReplyWith("00");
+    oRenesas.ReplyWith("00");
+    oCOM.ReplyWith("00");
+    const std::string H = " requested to " + oI2C.GetConnection().GetHost();
+    char acBuffer[4];
+    unsigned short nCount = 0;
+
+    // Transfers trace at level 8, settings at level 4.
+    oViewer.Activate(0x08);
+    EXPECT_EQ(oI2C.SetBaudrate(100), 0);
+    EXPECT_EQ(oI2C.Read(0xA1, acBuffer, 4, nCount), 0);
+    EXPECT_EQ(oViewer.NextText(), "READ" + H + ",slave address=0xA1");
+    EXPECT_EQ(oI2C.ReadEEProm(2, 0x1234, 0x0008, acBuffer, 4, nCount), 0);
+    EXPECT_EQ(oViewer.NextText(), "READ EEPROM" + H + ",chip address=2,slave address=0xA4");
+    EXPECT_EQ(oRenesas.WritePage(0x1F, "a", 1), 0);
+    EXPECT_EQ(oViewer.NextText(), "RENESASA WRITE" + H + ",page address=0x1F");
+    EXPECT_TRUE(oViewer.Quiet());
+
+    oViewer.Activate(0x04);
+    EXPECT_EQ(oI2C.Read(0xA1, acBuffer, 4, nCount), 0);
+    EXPECT_EQ(oI2C.SetBaudrate(100), 0);
+    EXPECT_EQ(oViewer.NextText(), "SET GLOBALS" + H + ",Baudrate=100000");
+    EXPECT_EQ(oSPI.SetGlobals(1000, 'a', 'b', 'c'), 0);
+    EXPECT_EQ(oViewer.NextText(), "SET_GLOBALS" + H + ", SignalLevel=a, AuXVoltage=b, ClockMode=c, Baudrate=1000");
+    const unsigned char anId[2] = {0x0A, 0x1B};
+    EXPECT_EQ(oRenesas.CheckID(anId, 2), 0);
+    EXPECT_EQ(oViewer.NextText(), "RENESAS CheckID" + H + ",ID=0x0A1B");
+    EXPECT_EQ(oCOM.SetConfig("cfg"), 0);
+    EXPECT_EQ(oViewer.NextText(), "SET CONFIG" + H + ",name=cfg");
     EXPECT_TRUE(oViewer.Quiet());
     CTraceServer::Disable();
 }

@@ -35,14 +35,16 @@ inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& s
     return Wire(oRequest.GetCmdCode() | COrvaneMsg::CONFIRMATION_FLAG, oRequest.GetMsgID(), sPayload);
 }
 
-class CScriptedClient : public COrvaneClientCAN
+// Any device client without a socket (TClient takes the time-out).
+template <class TClient>
+class CScripted : public TClient
 {
 public:
-    explicit CScriptedClient(int nTimeout = 5000) : COrvaneClientCAN(nTimeout) {}
-    ~CScriptedClient() override { ShutdownConnection(); }
+    explicit CScripted(int nTimeout = 5000) : TClient(nTimeout) {}
+    ~CScripted() override { this->ShutdownConnection(); }
 
     using COrvaneClient::NextTelegramID;
-    using COrvaneClientCAN::SendMsg;
+    using TClient::SendMsg;
 
     int SendMsg(const COrvaneMsg& oRequest) override
     {
@@ -60,7 +62,7 @@ public:
         return 0;
     }
 
-    void Feed(const std::string& sWire) { DataInd(sWire.data(), static_cast<unsigned short>(sWire.size())); }
+    void Feed(const std::string& sWire) { this->DataInd(sWire.data(), static_cast<unsigned short>(sWire.size())); }
 
     // Every request is confirmed with this payload (given as hex).
     void ReplyWith(const std::string& sHex)
@@ -81,6 +83,11 @@ public:
         std::lock_guard<std::mutex> oLock(m_oMutex);
         return m_aoSent.size();
     }
+    std::vector<COrvaneMsg> Sent()
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_aoSent;
+    }
 
     std::function<std::vector<std::string>(const COrvaneMsg&)> m_fnReply;
     int m_nSendResult = 0;
@@ -89,6 +96,8 @@ private:
     std::mutex m_oMutex;
     std::vector<COrvaneMsg> m_aoSent;
 };
+
+using CScriptedClient = CScripted<COrvaneClientCAN>;
 
 } // namespace ClientTest
 

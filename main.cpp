@@ -1,0 +1,337 @@
+// orvane-bridge: joins a local SocketCAN interface to one CAN port of an
+// Orvane CAN gateway. Frames read from the socket are written to the gateway;
+// frames the gateway indicates are written to the socket. A lost gateway link
+// is closed and opened again, about once a second, until a signal stops the
+// program.
+#include "OrvaneDllCan.h"
+#include "socket_can.h"
+
+#include <getopt.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+const char* const VERSION = "0.2.0";
+const char* const BUILD_DATE = "Jan  9 2015";
+const char* const DEFAULT_IP_ADDRESS = "192.168.1.254";
+
+constexpr int NO_DEVICE = -1;
+constexpr int CAN_CHANNEL = -1;       // the adapter's only channel
+constexpr int OPEN_TIMEOUT_MS = 5000; // TCP connect and connection message
+constexpr unsigned int ALIVE_SECONDS = 5;
+constexpr int STATE_CONNECTED = 3; // CANDeviceConnectState
+constexpr int ERROR_TEXT_SIZE = 200;
+
+// CANWriteEx / callback flag bits.
+constexpr int FLAG_EXTENDED = 0x01;
+constexpr int FLAG_REMOTE = 0x02;
+
+// What the command line sets, with the defaults of a run without options.
+struct SBridgeSettings
+{
+    char m_sIPAddress[16] = {};
+    int m_nBaudrate = 1000000;
+    int m_nCanPort = 0;
+    bool m_bTermination = false;
+    bool m_bHighSpeed = false;
+    bool m_bTimeStamp = false;
+    const char* m_sInterface = "can0";
+
+    SBridgeSettings() { std::strcpy(m_sIPAddress, DEFAULT_IP_ADDRESS); }
+};
+
+// Parsing either goes on to start the bridge or ends the program with a status.
+constexpr int CONTINUE = -1;
+
+const char* BaseName(const char* sPath)
+{
+    if (sPath == nullptr)
+        return "orvane-bridge";
+    const char* sSlash = std::strrchr(sPath, '/');
+    return sSlash != nullptr ? sSlash + 1 : sPath;
+}
+
+} // namespace
+
+// Cleared by sigterm; the main loop runs while it is set.
+volatile sig_atomic_t running = 1;
+
+static void usage(FILE* pStream, const char* sProgram)
+{
+    std::fprintf(pStream, "Usage: %s <interface> [<options>]\n", sProgram);
+    std::fprintf(pStream, "Options:\n");
+    std::fprintf(pStream, " -i, --ipaddress=<ipaddress>                  ip address of the Orvane CAN (default=%s)\n",
+                 DEFAULT_IP_ADDRESS);
+    std::fprintf(pStream, " -b, --baudrate=<baudrate>                    bit timing in bps (default=1000000=1MBit)\n");
+    std::fprintf(pStream, " -p, --canport=<canport>                      can port of the Orvane CAN (default=0)\n");
+    std::fprintf(pStream, " -t, --termination=<0/1>                      Termination (default=0=Off)\n");
+    std::fprintf(pStream, " -s, --highspeed=<0/1>                        High speed mode (default=0=Off)\n");
+    std::fprintf(pStream, " -d, --timestamp=<0/1>                        Timestamp in messages (default=0=Off)\n");
+    std::fprintf(pStream, " -h, --help                                   display this help and exit\n");
+    std::fprintf(pStream, "     --version                                show version information and exit\n");
+}
+
+static void sigterm(int)
+{
+    running = 0;
+}
+
+// Called on the gateway library's receive thread for every frame the gateway
+// indicates. Only this thread writes to the socket; the main thread only reads.
+static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags, int /*nHandle*/,
+                       int nSeconds, int nMicroseconds)
+{
+    _can_msg_t oMsg = {};
+    oMsg.id = nIdentifier;
+    oMsg.rtr = (nFlags & FLAG_REMOTE) != 0 ? 1 : 0;
+    oMsg.ext = (nFlags & FLAG_EXTENDED) != 0 ? 1 : 0;
+    // A length above 8 stays in the record, so that can_transmit refuses the
+    // frame; the copy itself never leaves the data field.
+    oMsg.len = static_cast<uint8_t>(nBufferLen);
+    if (pcBuffer != nullptr && nBufferLen > 0)
+        std::memcpy(oMsg.data, pcBuffer, std::min<size_t>(static_cast<size_t>(nBufferLen), sizeof(oMsg.data)));
+    oMsg.timestamp.tv_sec = nSeconds;
+    oMsg.timestamp.tv_usec = nMicroseconds;
+    const int nResult = can_transmit(&oMsg);
+    if (nResult != 0)
+    {
+        std::printf("Error CAN transmit socket:");
+        can_error(nResult);
+    }
+}
+
+namespace
+{
+
+// Decimal, "0x" hexadecimal or leading-"0" octal; 0, garbage (which converts
+// to 0) and values beyond 32 bits are refused.
+bool ParseBaudrate(const char* sText, int& nBaudrate)
+{
+    errno = 0;
+    const long nValue = std::strtol(sText, nullptr, 0);
+    if (errno == 0 && (nValue > INT_MAX || nValue < INT_MIN))
+        errno = ERANGE;
+    if (errno == ERANGE || errno == EINVAL || nValue == 0)
+        return false;
+    nBaudrate = static_cast<int>(nValue);
+    return true;
+}
+
+// Handles the options in the order given, printing each one's trace as it is
+// met. Returns CONTINUE, or the exit status when the program is to end here.
+int ParseCommandLine(int argc, char** argv, SBridgeSettings& oSettings)
+{
+    static const option s_aoLongOptions[] = {
+        {"baudrate", required_argument, nullptr, 'b'},
+        {"ipaddress", required_argument, nullptr, 'i'},
+        {"canport", required_argument, nullptr, 'p'},
+        {"termination", required_argument, nullptr, 't'},
+        {"highspeed", required_argument, nullptr, 's'},
+        {"timestamp", required_argument, nullptr, 'd'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'v'},
+        {nullptr, 0, nullptr, 0},
+    };
+    const char* sProgram = BaseName(argv[0]);
+    int nOption;
+    while ((nOption = getopt_long(argc, argv, "b:i:x:p:t:s:d:h", s_aoLongOptions, nullptr)) != -1)
+    {
+        switch (nOption)
+        {
+        case 'b':
+            if (!ParseBaudrate(optarg, oSettings.m_nBaudrate))
+            {
+                std::printf("**** ERROR: Baudrate invalid:%s\n", optarg);
+                return 1;
+            }
+            std::printf("****Baudrate:%s %d****\n", optarg, oSettings.m_nBaudrate);
+            break;
+        case 'i':
+            std::printf("****IP:%s****\n", optarg);
+            // The address and its terminator must fit the 16-byte field.
+            if (std::strlen(optarg) >= sizeof(oSettings.m_sIPAddress))
+            {
+                std::printf("**** ERROR: IP-Address invalid\n");
+                return 1;
+            }
+            std::snprintf(oSettings.m_sIPAddress, sizeof(oSettings.m_sIPAddress), "%s", optarg);
+            break;
+        case 'p':
+            std::printf("****Port:%s****\n", optarg);
+            oSettings.m_nCanPort = std::atoi(optarg);
+            break;
+        case 't':
+            std::printf("****Termination:%s****\n", optarg);
+            oSettings.m_bTermination = std::atoi(optarg) != 0;
+            break;
+        case 's':
+            std::printf("****HighSpeed:%s****\n", optarg);
+            oSettings.m_bHighSpeed = std::atoi(optarg) != 0;
+            break;
+        case 'd':
+            std::printf("****Date/Time:%s****\n", optarg);
+            oSettings.m_bTimeStamp = std::atoi(optarg) != 0;
+            break;
+        case 'v':
+            std::printf("Version:%s\n", VERSION);
+            return 0;
+        default: // -h (help is a usage error), -x, unknown options, missing arguments
+            usage(stderr, sProgram);
+            return 1;
+        }
+    }
+    if (optind >= argc)
+    {
+        std::fprintf(stderr, "+++ error: no interface given\n");
+        usage(stderr, sProgram);
+        return 1;
+    }
+    if (argc - optind > 1)
+    {
+        std::fprintf(stderr, "+++ error: too many arguments\n");
+        usage(stderr, sProgram);
+        return 1;
+    }
+    oSettings.m_sInterface = argv[optind];
+    return CONTINUE;
+}
+
+// Opens the SocketCAN interface. Returns 0, or the adapter's failing result,
+// which becomes the exit status.
+int StartSocketCan(const SBridgeSettings& oSettings)
+{
+    std::printf("Hardware=%s...", oSettings.m_sInterface);
+    std::fflush(stdout);
+    const can_socket_params_t oParams = {oSettings.m_sInterface, PF_CAN, SOCK_RAW, CAN_RAW};
+    int nResult = can_init(CAN_CHANNEL, &oParams, nullptr, 0, false, false);
+    if (nResult != 0)
+    {
+        std::printf("FAILED!\n");
+        std::fflush(stdout);
+        if (nResult == CAN_RC_SYSTEM)
+            std::perror("+++ error");
+        else
+            std::fprintf(stderr, "+++ error: CAN Controller not initialized (can_init=%i)\n", nResult);
+        return nResult;
+    }
+    std::fflush(stdout);
+    nResult = can_start(CAN_CHANNEL);
+    if (nResult != 0)
+    {
+        std::fprintf(stderr, "+++ error: CAN Controller not started (can_start=%i)\n", nResult);
+        can_exit();
+        return nResult;
+    }
+    std::printf("OK!\n");
+    std::fflush(stdout);
+    std::fprintf(stderr, "\nPress ^C to abort.\n\n");
+    return 0;
+}
+
+// Opens and configures the gateway device. The first failing step ends the
+// chain: its text is printed and whatever the handle holds is closed, so the
+// next pass starts again from nothing.
+void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings)
+{
+    int nResult = CANOpenDevice(&nHandle, 0, 1, oSettings.m_nCanPort, oSettings.m_sIPAddress, OPEN_TIMEOUT_MS);
+    if (nResult == 0)
+        nResult = CANSetGlobals(nHandle, static_cast<unsigned int>(oSettings.m_nBaudrate), 0, oSettings.m_bTermination,
+                                oSettings.m_bHighSpeed, oSettings.m_bTimeStamp);
+    if (nResult == 0)
+        nResult = CANSetCallbackEx(nHandle, MyCallback);
+    if (nResult == 0)
+        nResult = CANStartAlive(nHandle, ALIVE_SECONDS);
+    if (nResult == 0)
+    {
+        std::printf("+++ connection to Orvane CAN established\n");
+        return;
+    }
+    char acText[ERROR_TEXT_SIZE] = "";
+    CANErrorMessage(nResult, acText, sizeof(acText));
+    std::fprintf(stderr, "Orvane Error:%s\n", acText);
+    std::fprintf(stderr, "+++ error: could not establish connection to Orvane CAN\n");
+    CANCloseDevice(nHandle);
+    nHandle = NO_DEVICE;
+}
+
+// Forwards one frame from the socket, if one comes within a second, to the
+// gateway. Without an open device the write fails on the handle and the frame
+// is dropped without a message.
+void ForwardOneFrame(int nHandle)
+{
+    _can_msg_t oMsg = {};
+    const int nResult = can_receive(&oMsg);
+    if (nResult == 0)
+    {
+        const int nFlags = (oMsg.rtr != 0 ? FLAG_REMOTE : 0) | (oMsg.ext != 0 ? FLAG_EXTENDED : 0);
+        // Neither the result nor the write's time stamp is used: a frame that
+        // finds no open device is dropped, and a lost link is noticed by the
+        // connect state on the next pass.
+        int nSeconds = 0;
+        int nMicroseconds = 0;
+        CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
+                   &nSeconds, &nMicroseconds);
+    }
+    else if (nResult != CAN_RC_RX_EMPTY)
+    {
+        std::fprintf(stderr, "Error CAN receive socket:");
+        can_error(nResult);
+    }
+}
+
+// Runs until a signal clears `running`; returns the handle still open.
+int RunBridge(const SBridgeSettings& oSettings)
+{
+    int nHandle = NO_DEVICE;
+    for (;;)
+    {
+        if (running == 0)
+            return nHandle;
+        if (nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) != STATE_CONNECTED)
+        {
+            std::fprintf(stderr, "+++ error: connection to Orvane CAN lost, reconnecting\n");
+            CANCloseDevice(nHandle);
+            nHandle = NO_DEVICE;
+        }
+        if (nHandle == NO_DEVICE)
+            ConnectGateway(nHandle, oSettings);
+        ForwardOneFrame(nHandle);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::signal(SIGINT, sigterm);
+    std::signal(SIGHUP, sigterm);
+    std::signal(SIGTERM, sigterm);
+    // Whole lines as they happen, also when the output goes to a file or pipe.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    SBridgeSettings oSettings;
+    const int nStatus = ParseCommandLine(argc, argv, oSettings);
+    if (nStatus != CONTINUE)
+        return nStatus;
+
+    std::printf("%s (Connection between SocketCAN and Orvane CAN), version %s of %s\n", BaseName(argv[0]), VERSION,
+                BUILD_DATE);
+    const int nResult = StartSocketCan(oSettings);
+    if (nResult != 0)
+        return nResult;
+
+    const int nHandle = RunBridge(oSettings);
+    if (nHandle != NO_DEVICE)
+        CANCloseDevice(nHandle);
+    can_exit();
+    return 0;
+}

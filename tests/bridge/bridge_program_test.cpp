@@ -1,0 +1,205 @@
+// orvane-bridge as a program on this machine: every command-line outcome with
+// its exact output and status, and a valid command line that gets as far as
+// opening the SocketCAN interface. Valid command lines always name 127.0.0.1.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/can.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace
+{
+
+struct SRun
+{
+    int nStatus = -1; // exit status; 1000 + signal number when killed by a signal
+    std::string sOut;
+    std::string sErr;
+};
+
+std::string ReadFile(const std::string& sPath)
+{
+    std::ifstream oFile(sPath);
+    std::stringstream oText;
+    oText << oFile.rdbuf();
+    return oText.str();
+}
+
+// Runs the bridge with the given arguments, its standard output and error in
+// files of their own; a program still running after 10 s is killed.
+SRun RunBridge(const std::vector<std::string>& asArgs)
+{
+    static int s_nRun = 0;
+    const std::string sBase = "/tmp/bridge-program-test-" + std::to_string(getpid()) + "-" + std::to_string(++s_nRun);
+    const std::string sOutPath = sBase + ".out", sErrPath = sBase + ".err";
+    std::vector<std::string> asArgv = {ORVANE_BRIDGE_BINARY};
+    asArgv.insert(asArgv.end(), asArgs.begin(), asArgs.end());
+    std::vector<char*> apArgv;
+    for (std::string& sArg : asArgv)
+        apArgv.push_back(&sArg[0]);
+    apArgv.push_back(nullptr);
+
+    posix_spawn_file_actions_t oActions;
+    posix_spawn_file_actions_init(&oActions);
+    posix_spawn_file_actions_addopen(&oActions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&oActions, 1, sOutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&oActions, 2, sErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t nPid = -1;
+    SRun oRun;
+    if (posix_spawn(&nPid, apArgv[0], &oActions, nullptr, apArgv.data(), environ) == 0)
+    {
+        int nWait = 0;
+        const auto oDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (waitpid(nPid, &nWait, WNOHANG) == 0)
+        {
+            if (std::chrono::steady_clock::now() > oDeadline)
+            {
+                kill(nPid, SIGKILL);
+                waitpid(nPid, &nWait, 0);
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        oRun.nStatus = WIFEXITED(nWait) ? WEXITSTATUS(nWait) : 1000 + WTERMSIG(nWait);
+    }
+    posix_spawn_file_actions_destroy(&oActions);
+    oRun.sOut = ReadFile(sOutPath);
+    oRun.sErr = ReadFile(sErrPath);
+    unlink(sOutPath.c_str());
+    unlink(sErrPath.c_str());
+    return oRun;
+}
+
+const std::string USAGE =
+    "Usage: orvane-bridge <interface> [<options>]\n"
+    "Options:\n"
+    " -i, --ipaddress=<ipaddress>                  ip address of the Orvane CAN (default=192.168.1.254)\n"
+    " -b, --baudrate=<baudrate>                    bit timing in bps (default=1000000=1MBit)\n"
+    " -p, --canport=<canport>                      can port of the Orvane CAN (default=0)\n"
+    " -t, --termination=<0/1>                      Termination (default=0=Off)\n"
+    " -s, --highspeed=<0/1>                        High speed mode (default=0=Off)\n"
+    " -d, --timestamp=<0/1>                        Timestamp in messages (default=0=Off)\n"
+    " -h, --help                                   display this help and exit\n"
+    "     --version                                show version information and exit\n";
+
+const std::string BANNER =
+    "orvane-bridge (Connection between SocketCAN and Orvane CAN), version 0.2.0 of Jan  9 2015\n";
+
+// What perror prints when the SocketCAN interface "nocan7" cannot be opened
+// here: without CAN in the kernel the socket itself fails, with it the bind.
+std::string NoCanError()
+{
+    const int nSocket = socket(PF_CAN, SOCK_RAW, CAN_RAW);
+    const int nReason = nSocket < 0 ? errno : ENODEV;
+    if (nSocket >= 0)
+        close(nSocket);
+    return std::string("+++ error: ") + std::strerror(nReason) + "\n";
+}
+
+// -10000 as the operating system reports it: its low 8 bits.
+constexpr int SYSTEM_FAILURE_STATUS = 240;
+
+struct SCase
+{
+    const char* sName;
+    std::vector<std::string> asArgs;
+    int nStatus;
+    std::string sOut;
+    std::string sErr;
+    bool bGetoptLine = false; // getopt's own complaint stands before sErr
+};
+
+TEST(BridgeProgram, CommandLineOutcomes)
+{
+    const std::string sNoCan = NoCanError();
+    const std::string sNoCanOut = BANNER + "Hardware=nocan7...FAILED!\n";
+    const std::vector<SCase> aoCases = {
+        {"no interface", {}, 1, "", "+++ error: no interface given\n" + USAGE},
+        {"two interfaces",
+         {"-i", "127.0.0.1", "nocan7", "nocan8"},
+         1,
+         "****IP:127.0.0.1****\n",
+         "+++ error: too many arguments\n" + USAGE},
+        {"bit rate 0", {"-b", "0", "nocan7"}, 1, "**** ERROR: Baudrate invalid:0\n", ""},
+        {"bit rate not a number", {"-b", "abc", "nocan7"}, 1, "**** ERROR: Baudrate invalid:abc\n", ""},
+        {"bit rate beyond long",
+         {"-b", "99999999999999999999", "nocan7"},
+         1,
+         "**** ERROR: Baudrate invalid:99999999999999999999\n",
+         ""},
+        {"bit rate beyond 32 bits", {"-b", "4294967296", "nocan7"}, 1, "**** ERROR: Baudrate invalid:4294967296\n", ""},
+        {"address of 17 characters",
+         {"-i", "127.000.000.00001", "nocan7"},
+         1,
+         "****IP:127.000.000.00001****\n**** ERROR: IP-Address invalid\n",
+         ""},
+        {"address of 16 characters does not fit with its terminator",
+         {"-i", "127.000.000.0001", "nocan7"},
+         1,
+         "****IP:127.000.000.0001****\n**** ERROR: IP-Address invalid\n",
+         ""},
+        {"-x takes an argument and means nothing",
+         {"-i", "127.0.0.1", "-x", "1", "nocan7"},
+         1,
+         "****IP:127.0.0.1****\n",
+         USAGE},
+        {"unknown long option", {"--bogus", "nocan7"}, 1, "", USAGE, true},
+        {"missing option argument", {"nocan7", "-b"}, 1, "", USAGE, true},
+        {"help is a usage error", {"-i", "127.0.0.1", "-h", "nocan7"}, 1, "****IP:127.0.0.1****\n", USAGE},
+        {"version before anything is opened or checked", {"--version", "-b", "0", "nocan7"}, 0, "Version:0.2.0\n", ""},
+        {"valid line fails at the SocketCAN interface",
+         {"-i", "127.0.0.1", "nocan7"},
+         SYSTEM_FAILURE_STATUS,
+         "****IP:127.0.0.1****\n" + sNoCanOut,
+         sNoCan},
+        {"interface first, hexadecimal bit rate, 15-character address",
+         {"nocan7", "-b", "0x7A120", "-i", "127.000.000.001", "-t", "2", "-s", "x", "-d", "1", "-p", "3"},
+         SYSTEM_FAILURE_STATUS,
+         "****Baudrate:0x7A120 500000****\n****IP:127.000.000.001****\n****Termination:2****\n"
+         "****HighSpeed:x****\n****Date/Time:1****\n****Port:3****\n" +
+             sNoCanOut,
+         sNoCan},
+        {"long options, octal bit rate",
+         {"--ipaddress=127.0.0.1", "--baudrate=0400", "--canport=1", "--termination=0", "--highspeed=1",
+          "--timestamp=0", "nocan7"},
+         SYSTEM_FAILURE_STATUS,
+         "****IP:127.0.0.1****\n****Baudrate:0400 256****\n****Port:1****\n****Termination:0****\n"
+         "****HighSpeed:1****\n****Date/Time:0****\n" +
+             sNoCanOut,
+         sNoCan},
+    };
+    for (const SCase& oCase : aoCases)
+    {
+        SCOPED_TRACE(oCase.sName);
+        const SRun oRun = RunBridge(oCase.asArgs);
+        EXPECT_EQ(oRun.nStatus, oCase.nStatus);
+        EXPECT_EQ(oRun.sOut, oCase.sOut);
+        if (oCase.bGetoptLine)
+        {
+            const size_t nLineEnd = oRun.sErr.find('\n');
+            ASSERT_NE(nLineEnd, std::string::npos) << oRun.sErr;
+            EXPECT_NE(oRun.sErr.find("orvane-bridge: "), std::string::npos) << oRun.sErr;
+            EXPECT_EQ(oRun.sErr.substr(nLineEnd + 1), oCase.sErr);
+        }
+        else
+        {
+            EXPECT_EQ(oRun.sErr, oCase.sErr);
+        }
+    }
+}
+
+} // namespace
