@@ -4,7 +4,6 @@
 // block writes later with write-status indications, as the read thread
 // would deliver them.
 #include "AWirePortModel.h"
-#include "DeviceManager.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
 
@@ -389,21 +388,4 @@ TEST(AWireCommands, ConfigReadVerify)
     ASSERT_EQ(oClient.Erase(4), 0); // page 4 of 1024 bytes: 0x1000..0x13FF
     EXPECT_EQ(oClient.m_oModel.Flash(0x1000, 6), std::string(6, '\xFF'));
     EXPECT_EQ(oClient.EraseUserPage(), 0);
-}
-
-// The device manager builds an aWire client for type 14: the open gets as
-// far as connecting (nothing listens on this loopback port, or something
-// does), never the refusal of a type without a client.
-TEST(AWireDeviceManager, TypeFourteenHasAClient)
-{
-    int nHandle = 0;
-    const int nRet = CDeviceManager::OpenDevice(&nHandle, "127.0.0.1", 1000, eOrvaneAWire, 0, CKelIPBase::eTCP, true);
-    EXPECT_NE(nRet, 0x910000);
-    if (nRet == 0)
-    {
-        const CDeviceManager::CDeviceRef poDevice = CDeviceManager::GetDevice(nHandle);
-        ASSERT_TRUE(poDevice);
-        EXPECT_NE(dynamic_cast<COrvaneClientAWire*>(poDevice->GetClient()), nullptr);
-    }
-    CDeviceManager::CloseDevice(nHandle);
 }
