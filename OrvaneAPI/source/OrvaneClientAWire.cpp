@@ -362,10 +362,12 @@ int COrvaneClientAWire::WriteFile(const std::string& sFileName)
         if (nRet != ORVANE_OK)
             return nRet;
     }
+    // The file is loaded before the lock is taken: status polls and single
+    // writes of other threads need not wait for that.
+    std::unique_ptr<CWriteFileThread> poThread(new CWriteFileThread(*this, sFileName));
     CKelLockGuard oLock(m_oThreadMutex);
     if (m_poWriteThread)
         return ORVANE_OK;
-    std::unique_ptr<CWriteFileThread> poThread(new CWriteFileThread(*this, sFileName));
     if (!poThread->Start())
         return RESULT_NOT_FOUND;
     m_poWriteThread = std::move(poThread);
