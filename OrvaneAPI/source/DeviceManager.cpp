@@ -1,5 +1,6 @@
 #include "DeviceManager.h"
 
+#include "OrvaneClientAWire.h"
 #include "OrvaneClientCANDll.h"
 #include "OrvaneClientI2C.h"
 #include "OrvaneClientRenesas.h"
@@ -54,7 +55,7 @@ const SDeviceKind s_aoDeviceKinds[] = {
     {eOrvaneTestSystemIO, Create<COrvaneClientTestSystemIO>},
     {eOrvaneTestSystemPWR, Create<COrvaneClientTestSystemPWR>},
     {eOrvaneTestSystemCOM, Create<COrvaneClientTestSystemCOM>},
-    {eOrvaneAWire, nullptr}, // COrvaneClientAWire(nTimeout): not built yet
+    {eOrvaneAWire, Create<COrvaneClientAWire>},
 };
 
 FCreateClient ClientFactory(unsigned char nDeviceType)

@@ -252,4 +252,53 @@ constexpr unsigned int MAX_NAME_LENGTH = 255;
 
 } // namespace OrvaneTestSystem
 
+// The aWire programmer of a gateway (device type 14).
+namespace OrvaneAWire
+{
+
+constexpr unsigned char DEVICE_TYPE = eOrvaneAWire;
+
+constexpr unsigned short Code(unsigned char nLowByte)
+{
+    return COrvaneMsg::MakeCmdCode(DEVICE_TYPE, nLowByte);
+}
+
+// TCP port of programmer port nPort: 5013 + 100 * nPort.
+constexpr unsigned short TcpPort(int nPort)
+{
+    return OrvaneTcpPort(DEVICE_TYPE, nPort);
+}
+
+// Command codes (requests; confirmations add 0x8000).
+enum ECommand : unsigned short
+{
+    eCmdSetConfig = Code(0x05),     // u32 value1, u32 value2, u32 page size, u32 value4, u8 n, n text bytes
+    eCmdGetConfig = Code(0x06),     // -> the SET_CONFIG layout
+    eCmdWriteBlock = Code(0xE0),    // u32 address, u16 length, data; progress by eIndWriteStatus
+    eCmdErase = Code(0xE2),         // u16 block
+    eCmdRead = Code(0xE3),          // u32 address, u16 length -> the bytes read
+    eCmdWriteUserPage = Code(0xE4), // as eCmdWriteBlock
+    eCmdEraseUserPage = Code(0xE5)  // empty
+};
+
+// Progress of a block write, sent by the programmer on its own.
+// s16 message ID of the write request, u8 progress, u16 bytes written.
+constexpr unsigned short eIndWriteStatus = Code(0xE1);
+constexpr unsigned int WRITE_STATUS_SIZE = 5;
+
+// Progress values of a write-status indication; any other value is the
+// status of a failed block.
+constexpr unsigned char PROGRESS_FINISHED = 0;
+constexpr unsigned char PROGRESS_RUNNING = 1;
+
+// Bytes of SET_CONFIG / GET_CONFIG before the text: four u32 values and the
+// text length.
+constexpr unsigned int CONFIG_HEADER = 17;
+
+// Device result bytes of a programmer.
+constexpr unsigned char RESULT_TRANSFER_IN_PROGRESS = 0x21; // refused while a file is written
+constexpr unsigned char RESULT_READ_FAILED = 0x26;
+
+} // namespace OrvaneAWire
+
 #endif

@@ -1,8 +1,9 @@
-// Opening the I2C, SPI, Renesas and test-system kinds through the device
+// Opening the I2C, SPI, Renesas, test-system and aWire kinds through the device
 // manager against a loopback listener that answers the connect handshake for
 // the kind's connection identifier; kinds without a client stay refused.
 #include "DeviceManager.h"
 #include "KelIPServerContainer.h"
+#include "OrvaneClientAWire.h"
 #include "OrvaneClientI2C.h"
 #include "OrvaneClientRenesas.h"
 #include "OrvaneClientSPI.h"
@@ -71,6 +72,7 @@ TEST(DeviceKinds, EachBuiltKindOpensOnItsPort)
         {eOrvaneTestSystemIO, IsA<COrvaneClientTestSystemIO>},
         {eOrvaneTestSystemPWR, IsA<COrvaneClientTestSystemPWR>},
         {eOrvaneTestSystemCOM, IsA<COrvaneClientTestSystemCOM>},
+        {eOrvaneAWire, IsA<COrvaneClientAWire>},
     };
     for (const SKind& oKind : aoKinds)
     {
