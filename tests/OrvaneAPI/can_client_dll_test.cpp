@@ -5,6 +5,7 @@
 #include "OrvaneClientCANDll.h"
 #include "OrvaneDllCan.h"
 #include "OrvaneProtocol.h"
+#include "support/ClientSeams.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 using namespace OrvaneCan;
+using ClientTest::Out;
 
 namespace
 {
@@ -28,7 +30,7 @@ void Deliver(COrvaneClientCANDll& oClient, COrvaneMsg oMsg)
     EXPECT_FALSE(oClient.DataIndRespond(&oMsg)) << "the client never takes the telegram";
 }
 
-// What the last callback saw: its name and its arguments as text.
+// What the callbacks saw: their names and arguments as text.
 std::vector<std::string> g_asCalls;
 std::string Bytes(const void* pData, int nLength)
 {
@@ -36,42 +38,34 @@ std::string Bytes(const void* pData, int nLength)
 }
 void OnFrame(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle)
 {
-    g_asCalls.push_back("frame " + std::to_string(nId) + " " + Bytes(pcData, nLength) + " " + std::to_string(nFlags) +
-                        " " + std::to_string(nHandle));
+    g_asCalls.push_back(Out("frame", nId, Bytes(pcData, nLength), nFlags, nHandle));
 }
 void OnFrameEx(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle, int nSec, int nUsec)
 {
-    g_asCalls.push_back("frameEx " + std::to_string(nId) + " " + Bytes(pcData, nLength) + " " + std::to_string(nFlags) +
-                        " " + std::to_string(nHandle) + " " + std::to_string(nSec) + "." + std::to_string(nUsec));
+    g_asCalls.push_back(Out("frameEx", nId, Bytes(pcData, nLength), nFlags, nHandle, nSec, nUsec));
 }
 void OnPDO(unsigned char nNode, unsigned char nType, unsigned char nLength, const char* pcData, int nHandle, int nSec,
            int nUsec)
 {
-    g_asCalls.push_back("pdo " + std::to_string(nNode) + " " + std::to_string(nType) + " " + Bytes(pcData, nLength) +
-                        " " + std::to_string(nHandle) + " " + std::to_string(nSec) + "." + std::to_string(nUsec));
+    g_asCalls.push_back(Out("pdo", nNode, nType, Bytes(pcData, nLength), nHandle, nSec, nUsec));
 }
 void OnSYNC(unsigned char nCounter, int nHandle, int nSec, int nUsec)
 {
-    g_asCalls.push_back("sync " + std::to_string(nCounter) + " " + std::to_string(nHandle) + " " +
-                        std::to_string(nSec) + "." + std::to_string(nUsec));
+    g_asCalls.push_back(Out("sync", nCounter, nHandle, nSec, nUsec));
 }
 void OnEMCY(unsigned char nNode, unsigned short nCode, unsigned char nRegister, const unsigned char* pcData,
             int nHandle, int, int)
 {
-    g_asCalls.push_back("emcy " + std::to_string(nNode) + " " + std::to_string(nCode) + " " +
-                        std::to_string(nRegister) + " " + Bytes(pcData, 5) + " " + std::to_string(nHandle));
+    g_asCalls.push_back(Out("emcy", nNode, nCode, nRegister, Bytes(pcData, 5), nHandle));
 }
 void OnGUARD(unsigned char nNode, unsigned char nState, int nHandle, int, int)
 {
-    g_asCalls.push_back("guard " + std::to_string(nNode) + " " + std::to_string(nState) + " " +
-                        std::to_string(nHandle));
+    g_asCalls.push_back(Out("guard", nNode, nState, nHandle));
 }
 void OnUndefined(int nId, unsigned char nByte0, unsigned char nByte1, unsigned char nLength, const char* pcData,
                  int nHandle, int nSec, int nUsec)
 {
-    g_asCalls.push_back("undefined " + std::to_string(nId) + " " + std::to_string(nByte0) + " " +
-                        std::to_string(nByte1) + " " + Bytes(pcData, nLength) + " " + std::to_string(nHandle) + " " +
-                        std::to_string(nSec) + "." + std::to_string(nUsec));
+    g_asCalls.push_back(Out("undefined", nId, nByte0, nByte1, Bytes(pcData, nLength), nHandle, nSec, nUsec));
 }
 
 // Frame 0x123, flags 0x04, data "ab", stamp 0x10 s 0x20 us.
@@ -96,7 +90,7 @@ TEST_F(CanClientDllTest, SimpleAndExtendedFrameCallbacksExcludeEachOther)
     m_oClient.SetCallback(nullptr);
     m_oClient.SetMaxSizePerQueue(10);
     Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
-    EXPECT_EQ(g_asCalls, (std::vector<std::string>{"frame 291 ab 4 7", "frameEx 291 ab 4 7 16.32", "frame 291 c 1 7"}));
+    EXPECT_EQ(g_asCalls, (std::vector<std::string>{"frame 291 ab 4 7", "frameEx 291 ab 4 7 16 32", "frame 291 c 1 7"}));
     EXPECT_EQ(m_oClient.CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0)
         << "with no callback left the frame is queued";
 }
@@ -111,8 +105,8 @@ TEST_F(CanClientDllTest, CANopenIndicationsReachTheirCallbacksWithZeroTimeStamps
     Deliver(m_oClient, Ind(eIndUndefined, {0x01, 0x07, 0x00, 0x00, 0x04, 'q', 0x03, 0, 0, 0, 0x04, 0, 0, 0}));
     Deliver(m_oClient, Ind(0x0265, {0x01})); // not an indication of a CAN port
     EXPECT_EQ(g_asCalls,
-              (std::vector<std::string>{"pdo 5 2 xy 7 0.0", "sync 9 7 0.0", "emcy 5 33072 17 vwxyz 7", "guard 5 127 7",
-                                        "undefined 1793 1 7 q 7 3.4"}));
+              (std::vector<std::string>{"pdo 5 2 xy 7 0 0", "sync 9 7 0 0", "emcy 5 33072 17 vwxyz 7", "guard 5 127 7",
+                                        "undefined 1793 1 7 q 7 3 4"}));
 }
 
 TEST_F(CanClientDllTest, FramesAreDroppedWithoutCallbackOrQueueingAndWhenTooLong)
@@ -141,13 +135,13 @@ TEST_F(CanClientDllTest, FullQueueKeepsTheOldestAndSizeZeroEmptiesEveryQueue)
         Deliver(m_oClient, Ind(eIndSYNC, {n}));
     }
     int nId = 0;
-    EXPECT_EQ(m_oClient.CANGetMessage(&nId, nullptr, nullptr, nullptr, nullptr, nullptr), 1);
-    EXPECT_EQ(nId, 1);
+    const auto fnNext = [&] {
+        return Out(m_oClient.CANGetMessage(&nId, nullptr, nullptr, nullptr, nullptr, nullptr), nId);
+    };
+    EXPECT_EQ(fnNext(), "1 1");
     Deliver(m_oClient, Ind(eIndFrame, {4, 0x00, 0x00, 0x00, 0x00, 4}));
-    EXPECT_EQ(m_oClient.CANGetMessage(&nId, nullptr, nullptr, nullptr, nullptr, nullptr), 1);
-    EXPECT_EQ(nId, 2);
-    EXPECT_EQ(m_oClient.CANGetMessage(&nId, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(nId, 4);
+    EXPECT_EQ(fnNext(), "1 2");
+    EXPECT_EQ(fnNext(), "0 4");
 
     unsigned char nCounter = 0;
     EXPECT_EQ(m_oClient.CANopenGetSYNC(&nCounter), 1);
@@ -173,39 +167,25 @@ TEST_F(CanClientDllTest, PollersReportEveryField)
     int nId = 0, nFlags = 0, nSec = -1, nUsec = -1;
     unsigned char nLength = 0;
     char acData[72] = {};
-    EXPECT_EQ(m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec), 1);
-    EXPECT_EQ(nId, 0x123);
-    EXPECT_EQ(nLength, 2);
+    int r = m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nLength, nFlags, nSec, nUsec), "1 291 2 4 16 32");
     EXPECT_EQ(Bytes(acData, 10), Bytes("ab\x10\0\0\0\x20\0\0\0", 10));
-    EXPECT_EQ(nFlags, 4);
-    EXPECT_EQ(nSec, 0x10);
-    EXPECT_EQ(nUsec, 0x20);
     // The flags byte is sign-extended; no stamp gives 0/0.
-    EXPECT_EQ(m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec), 0);
-    EXPECT_EQ(nId, 0x1FFFFFFF);
-    EXPECT_EQ(nFlags, -127);
-    EXPECT_EQ(nSec, 0);
-    EXPECT_EQ(nUsec, 0);
+    r = m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nFlags, nSec, nUsec), "0 536870911 -127 0 0");
 
     unsigned char nNode = 0, nType = 0, nRegister = 0, nState = 0, acBytes[8] = {};
     unsigned short nCode = 0;
     EXPECT_EQ(m_oClient.CANopenGetPDO(&nNode, &nType, &nLength, acData), 0);
     EXPECT_EQ(nLength, 8) << "capped at 8";
     EXPECT_EQ(Bytes(acData, 8), "\x01\x02\x03\x04\x05\x06\x07\x08");
-    EXPECT_EQ(m_oClient.CANopenGetEMCY(&nNode, &nCode, &nRegister, acBytes), 0);
-    EXPECT_EQ(nCode, 0x8130);
-    EXPECT_EQ(nRegister, 0x11);
-    EXPECT_EQ(Bytes(acBytes, 5), "vwxyz");
-    EXPECT_EQ(m_oClient.CANopenGetGUARD(&nNode, &nState), 0);
-    EXPECT_EQ(nState, 0x7F);
+    r = m_oClient.CANopenGetEMCY(&nNode, &nCode, &nRegister, acBytes);
+    EXPECT_EQ(Out(r, nCode, nRegister, Bytes(acBytes, 5)), "0 33072 17 vwxyz");
+    r = m_oClient.CANopenGetGUARD(&nNode, &nState);
+    EXPECT_EQ(Out(r, nState), "0 127");
     unsigned char nByte0 = 0, nByte1 = 0;
-    EXPECT_EQ(m_oClient.CANopenGetUndefined(&nId, &nByte0, &nByte1, &nLength, acData, &nSec, &nUsec), 0);
-    EXPECT_EQ(nId, 0x701);
-    EXPECT_EQ(nByte0, 0x01);
-    EXPECT_EQ(nByte1, 0x07);
-    EXPECT_EQ(Bytes(acData, nLength), "q");
-    EXPECT_EQ(nSec, 3);
-    EXPECT_EQ(nUsec, 4);
+    r = m_oClient.CANopenGetUndefined(&nId, &nByte0, &nByte1, &nLength, acData, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nByte0, nByte1, Bytes(acData, nLength), nSec, nUsec), "0 1793 1 7 q 3 4");
 }
 
 // Through the application interface, on a device filed without a connection.

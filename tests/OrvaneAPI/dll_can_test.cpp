@@ -4,6 +4,7 @@
 #include "DeviceManager.h"
 #include "OrvaneDllCan.h"
 #include "support/ApiSim.h"
+#include "support/ClientSeams.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@
 #include <vector>
 
 using namespace ApiTest;
+using ClientTest::Out;
 
 namespace
 {
@@ -46,35 +48,33 @@ std::string Text(const char* pcData, int nLength)
 }
 void OnFrame(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle)
 {
-    Seen("frame " + std::to_string(nId) + " " + Text(pcData, nLength) + " " + std::to_string(nFlags) + " h" +
-         std::to_string(nHandle));
+    Seen(Out("frame", nId, Text(pcData, nLength), nFlags, "h" + std::to_string(nHandle)));
 }
 std::atomic<int> g_nStampSeconds{0};
 void OnFrameEx(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle, int nSeconds, int)
 {
     g_nStampSeconds = nSeconds;
-    Seen("frameEx " + std::to_string(nId) + " " + Text(pcData, nLength) + " " + std::to_string(nFlags) + " h" +
-         std::to_string(nHandle));
+    Seen(Out("frameEx", nId, Text(pcData, nLength), nFlags, "h" + std::to_string(nHandle)));
 }
 void OnPDO(unsigned char nNode, unsigned char nType, unsigned char nLength, const char* pcData, int, int, int)
 {
-    Seen("pdo " + std::to_string(nNode) + " " + std::to_string(nType) + " " + Text(pcData, nLength));
+    Seen(Out("pdo", nNode, nType, Text(pcData, nLength)));
 }
 void OnSYNC(unsigned char nCounter, int, int, int)
 {
-    Seen("sync " + std::to_string(nCounter));
+    Seen(Out("sync", nCounter));
 }
 void OnEMCY(unsigned char nNode, unsigned short nCode, unsigned char nRegister, const unsigned char*, int, int, int)
 {
-    Seen("emcy " + std::to_string(nNode) + " " + std::to_string(nCode) + " " + std::to_string(nRegister));
+    Seen(Out("emcy", nNode, nCode, nRegister));
 }
 void OnGUARD(unsigned char nNode, unsigned char nState, int, int, int)
 {
-    Seen("guard " + std::to_string(nNode) + " " + std::to_string(nState));
+    Seen(Out("guard", nNode, nState));
 }
 void OnUndefined(int nId, unsigned char, unsigned char, unsigned char nLength, const char* pcData, int, int, int)
 {
-    Seen("undefined " + std::to_string(nId) + " " + Text(pcData, nLength));
+    Seen(Out("undefined", nId, Text(pcData, nLength)));
 }
 
 class DllCanTest : public ::testing::Test
@@ -192,11 +192,9 @@ TEST_F(DllCanTest, WithoutCallbackFramesQueueUpToTheMaximum)
         int nId = 0, nFlags = 0, nSeconds = 0, nMicroseconds = 0;
         unsigned char nLength = 0;
         char acData[72] = {};
-        EXPECT_EQ(CANGetMessage(nReader, &nAvailable, &nId, acData, &nLength, &nFlags, &nSeconds, &nMicroseconds), 0);
-        EXPECT_EQ(nAvailable, 3 - i);
-        EXPECT_EQ(nId, 0x100 + i) << "the oldest are kept";
-        EXPECT_EQ(Text(acData, nLength), std::to_string(i));
-        EXPECT_EQ(nFlags, 4);
+        const int r = CANGetMessage(nReader, &nAvailable, &nId, acData, &nLength, &nFlags, &nSeconds, &nMicroseconds);
+        // The oldest are kept.
+        EXPECT_EQ(Out(r, nAvailable, nId, Text(acData, nLength), nFlags), Out(0, 3 - i, 0x100 + i, i, 4));
         EXPECT_GT(nSeconds, 0);
     }
     EXPECT_EQ(CANGetMessage(nReader, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
@@ -230,17 +228,16 @@ TEST_F(DllCanTest, CANopenIndicationsThroughCallbacksAndPollers)
     unsigned char nNode = 0, nValue = 0, nLength = 0, anBytes[8] = {};
     unsigned short nCode = 0;
     char acData[72] = {};
-    EXPECT_EQ(CANopenGetSYNC(nReader, &nAvailable, &nValue), 0);
-    EXPECT_EQ(nAvailable, 0);
-    EXPECT_EQ(nValue, 9);
-    EXPECT_EQ(CANopenGetEMCY(nReader, &nAvailable, &nNode, &nCode, &nValue, anBytes), 0);
-    EXPECT_EQ(nCode, 0x8130);
-    EXPECT_EQ(CANopenGetPDO(nReader, &nAvailable, &nNode, &nValue, &nLength, acData), 0);
-    EXPECT_EQ(Text(acData, nLength), "pd");
-    EXPECT_EQ(CANopenGetGUARD(nReader, &nAvailable, &nNode, &nValue), 0);
-    EXPECT_EQ(nValue, 0x7F);
-    EXPECT_EQ(CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr), 0);
-    EXPECT_EQ(nId, 0x321);
+    int r = CANopenGetSYNC(nReader, &nAvailable, &nValue);
+    EXPECT_EQ(Out(r, nAvailable, nValue), "0 0 9");
+    r = CANopenGetEMCY(nReader, &nAvailable, &nNode, &nCode, &nValue, anBytes);
+    EXPECT_EQ(Out(r, nCode), "0 33072");
+    r = CANopenGetPDO(nReader, &nAvailable, &nNode, &nValue, &nLength, acData);
+    EXPECT_EQ(Out(r, Text(acData, nLength)), "0 pd");
+    r = CANopenGetGUARD(nReader, &nAvailable, &nNode, &nValue);
+    EXPECT_EQ(Out(r, nValue), "0 127");
+    r = CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr);
+    EXPECT_EQ(Out(r, nId), "0 801");
     EXPECT_EQ(CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr), 0);
     EXPECT_EQ(nAvailable, -1);
     EXPECT_EQ(CANGetMessage(nReader, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
@@ -308,16 +305,8 @@ TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
     for (int nBad : {nHandle, 0, -1, 1000000})
         for (const auto& oCall : aoCalls)
             EXPECT_EQ(oCall.second(nBad), INVALID_HANDLE) << oCall.first << " on handle " << nBad;
-    EXPECT_EQ(nU, 0xDEADu);
-    EXPECT_EQ(anU[0], 0xDEADu);
-    EXPECT_EQ(nI, 0xDEAD);
-    EXPECT_EQ(anI[0], 0xDEAD);
-    EXPECT_EQ(nC, 0xAD);
-    EXPECT_EQ(anC[0], 0xAD);
-    EXPECT_EQ(nS, 0xDEAD);
-    EXPECT_EQ(anS[0], 0xDEAD);
-    EXPECT_EQ(nSigned, 0x1EAD);
-    EXPECT_EQ(acData[0], 'u');
+    EXPECT_EQ(Out(nU, anU[0], nI, anI[0], nC, anC[0], nS, anS[0], nSigned, acData[0]),
+              "57005 57005 57005 57005 173 173 57005 57005 7853 117");
 }
 
 } // namespace

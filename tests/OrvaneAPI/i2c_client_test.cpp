@@ -33,8 +33,7 @@ TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
     EXPECT_EQ(oClient.GetStoredBaudrate(), 100000u);
     oClient.ReplyWith("00");
     ASSERT_EQ(oClient.SetBaudrate(400), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x107);
-    EXPECT_EQ(Payload(oClient), Hex("80 1a 06 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x107, Hex("80 1a 06 00")));
     EXPECT_EQ(oClient.GetStoredBaudrate(), 400000u);
     ASSERT_EQ(oClient.SetBaudrate(100), 0);
     EXPECT_EQ(Payload(oClient), Hex("a0 86 01 00"));
@@ -54,8 +53,7 @@ TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
     oClient.ReplyWith("00 40 42 0f 00");
     EXPECT_EQ(oClient.GetBaudrate(nRate), 0);
     EXPECT_EQ(oClient.GetStoredBaudrate(), 1000000u);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x108);
-    EXPECT_EQ(Payload(oClient), "");
+    EXPECT_EQ(oClient.LastRequest(), Req(0x108, ""));
 
     // Open sets the rate once the base is open.
     oClient.ReplyWith("00");
@@ -73,8 +71,7 @@ TEST(I2CClient, ReadAndWriteTransfers)
     // Fewer bytes than asked, with a device error: those bytes still count.
     oClient.ReplyWith("20 01 02");
     EXPECT_EQ(oClient.Read(0xA1, acBuffer, 4, nReceived), 0x120);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x110);
-    EXPECT_EQ(Payload(oClient), Hex("a1 00 04 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x110, Hex("a1 00 04 00")));
     EXPECT_EQ(nReceived, 2);
     EXPECT_EQ(Bytes(acBuffer, 4), Hex("01 02") + "xx");
 
@@ -93,8 +90,7 @@ TEST(I2CClient, ReadAndWriteTransfers)
     unsigned short nStatus = 0xBEEF;
     oClient.ReplyWith("00 07");
     EXPECT_EQ(oClient.Write(0x1A0, "\x11\x22", 2, nStatus), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x111);
-    EXPECT_EQ(Payload(oClient), Hex("a0 01 11 22"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x111, Hex("a0 01 11 22")));
     EXPECT_EQ(nStatus, 0xBEEF) << "a 2-byte confirmation carries no status";
     oClient.ReplyWith("20 34 12");
     EXPECT_EQ(oClient.Write(0xA0, "\x11", 1, nStatus), 0x120);
@@ -109,8 +105,7 @@ TEST(I2CClient, ReadAndWriteTransfers)
     EXPECT_EQ(Payload(oClient), Hex("03"));
     EXPECT_EQ(nValue, 0x77);
     EXPECT_EQ(oClient.RAWSend(0x12, 0x34), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x116);
-    EXPECT_EQ(Payload(oClient), Hex("12 34"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x116, Hex("12 34")));
 }
 
 TEST(I2CClient, EEPromSlaveAddressAndOffset)
@@ -168,8 +163,7 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
     // Scheme 0x100: chip 1 at bit 2, block bit (address bit 8) at bit 1.
     EXPECT_EQ(Payload(oClient), Hex("a6 00 01 00 00 01 ff 01 02"));
     EXPECT_EQ(oClient.WriteEEPromPollAck(1, 0x1FF, 0x0108, "\x01", 1, 0x0302), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x119);
-    EXPECT_EQ(Payload(oClient), Hex("a6 00 02 03 01 00 00 01 ff 01"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x119, Hex("a6 00 02 03 01 00 00 01 ff 01")));
 }
 
 TEST(I2CClient, SequenceForms)
@@ -180,8 +174,7 @@ TEST(I2CClient, SequenceForms)
     unsigned short nStatus = 0;
     oClient.ReplyWith("00 05 00 11 22 33");
     EXPECT_EQ(oClient.WriteSequence("\xa1\x00", 2, acRead, 4, nReadCount, nStatus), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x114);
-    EXPECT_EQ(Payload(oClient), Hex("04 00 a1 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x114, Hex("04 00 a1 00")));
     EXPECT_EQ(nStatus, 5);
     EXPECT_EQ(nReadCount, 3);
     EXPECT_EQ(Bytes(acRead, 4), Hex("11 22 33") + "x");

@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <type_traits>
 
 using namespace ClientTest;
 
@@ -22,26 +21,6 @@ const unsigned int ZERO = 0;
 COrvaneMsg Request(short nId)
 {
     return COrvaneMsg(OrvaneCan::eCmdGetGlobals, nId, nullptr, 0);
-}
-
-template <typename T>
-void Put(std::ostringstream& oText, const T& oValue)
-{
-    if constexpr (std::is_arithmetic<T>::value)
-        oText << +oValue << ' ';
-    else
-        oText << oValue << ' ';
-}
-
-// "a b c" of the values (bytes and flags as numbers), for one-line
-// expectations.
-template <typename... T>
-std::string Out(const T&... aValues)
-{
-    std::ostringstream oText;
-    (Put(oText, aValues), ...);
-    std::string s = oText.str();
-    return s.substr(0, s.size() - 1);
 }
 
 } // namespace

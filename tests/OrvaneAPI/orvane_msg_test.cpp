@@ -1,7 +1,9 @@
 #include "OrvaneMsg.h"
+#include "support/ClientSeams.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,15 @@ using Bytes = std::vector<unsigned char>;
 Bytes ToBytes(const std::string& s)
 {
     return Bytes(s.begin(), s.end());
+}
+
+// "code id length crc" of a telegram, code and CRC in hex.
+std::string Fields(const COrvaneMsg& o)
+{
+    char ac[40];
+    std::snprintf(ac, sizeof ac, "%04X %d %u %02X", static_cast<unsigned>(o.GetCmdCode()), o.GetMsgID(),
+                  static_cast<unsigned>(o.GetLength()), static_cast<unsigned>(o.GetCRC()));
+    return ac;
 }
 
 COrvaneMsg Parse(const Bytes& oRaw)
@@ -32,8 +43,7 @@ const Bytes kCanWriteWire = {0x0B, 0x00, 0x03, 0x02, 0x05, 0x01, 0x78, 0x56, 0x3
 TEST(OrvaneMsgBuild, SerialisesCanWriteTelegramByteForByte)
 {
     COrvaneMsg oMsg(0x0203, 0x0105, kCanWritePayload, sizeof(kCanWritePayload));
-    EXPECT_EQ(oMsg.GetLength(), 11);
-    EXPECT_EQ(oMsg.GetCRC(), 0xA7);
+    EXPECT_EQ(Fields(oMsg), "0203 261 11 A7");
     EXPECT_TRUE(oMsg.IsValid());
     EXPECT_TRUE(oMsg.IsCRCValid());
     EXPECT_EQ(ToBytes(oMsg.GetMessageData()), kCanWriteWire);
@@ -60,11 +70,8 @@ TEST(OrvaneMsgBuild, SetMessageReturnsCrcAndReplacesEverything)
     // CRC over code 0x820A, ID -2 (0xFFFE) and data.
     const unsigned char nExpected = 0x0A ^ 0x82 ^ 0xFE ^ 0xFF ^ 0xF0 ^ 0x0F;
     EXPECT_EQ(oMsg.SetMessage(0x820A, -2, acData, 2), nExpected);
-    EXPECT_EQ(oMsg.GetCmdCode(), 0x820A);
-    EXPECT_EQ(oMsg.GetMsgID(), -2);
+    EXPECT_EQ(Fields(oMsg), "820A -2 7 76");
     EXPECT_EQ(oMsg.GetData(), std::string("\xF0\x0F", 2));
-    EXPECT_EQ(oMsg.GetLength(), 7);
-    EXPECT_EQ(oMsg.GetCRC(), nExpected);
 }
 
 TEST(OrvaneMsgParse, RoundTripRestoresEveryField)
@@ -72,8 +79,7 @@ TEST(OrvaneMsgParse, RoundTripRestoresEveryField)
     COrvaneMsg oParsed = Parse(kCanWriteWire);
     EXPECT_TRUE(oParsed.IsValid());
     EXPECT_TRUE(oParsed.IsCRCValid());
-    EXPECT_EQ(oParsed.GetCmdCode(), 0x0203);
-    EXPECT_EQ(oParsed.GetMsgID(), 0x0105);
+    EXPECT_EQ(Fields(oParsed), "0203 261 11 A7");
     EXPECT_EQ(ToBytes(oParsed.GetData()), Bytes(std::begin(kCanWritePayload), std::end(kCanWritePayload)));
     EXPECT_EQ(ToBytes(oParsed.GetMessageData()), kCanWriteWire);
 }
@@ -84,9 +90,7 @@ TEST(OrvaneMsgParse, SevenBytesGiveEmptyDataAndReceivedCrc)
     COrvaneMsg oMsg;
     EXPECT_TRUE(oMsg.SetMessage(oRaw.data(), 7));
     EXPECT_TRUE(oMsg.GetData().empty());
-    EXPECT_EQ(oMsg.GetCmdCode(), 0x820C);
-    EXPECT_EQ(oMsg.GetMsgID(), 0x7FFF);
-    EXPECT_EQ(oMsg.GetCRC(), 0x5A);
+    EXPECT_EQ(Fields(oMsg), "820C 32767 5 5A");
 }
 
 TEST(OrvaneMsgParse, SixBytesOrNullGiveEmptyInvalidResult)
@@ -94,14 +98,11 @@ TEST(OrvaneMsgParse, SixBytesOrNullGiveEmptyInvalidResult)
     const Bytes oRaw = {0x05, 0x00, 0x03, 0x02, 0x01, 0x00};
     COrvaneMsg oMsg(0x0203, 9, kCanWritePayload, sizeof(kCanWritePayload));
     EXPECT_FALSE(oMsg.SetMessage(oRaw.data(), 6));
-    EXPECT_EQ(oMsg.GetCmdCode(), 0);
-    EXPECT_EQ(oMsg.GetMsgID(), 0);
-    EXPECT_EQ(oMsg.GetLength(), 5);
-    EXPECT_EQ(oMsg.GetCRC(), 0);
+    EXPECT_EQ(Fields(oMsg), "0000 0 5 00");
     EXPECT_TRUE(oMsg.GetData().empty());
 
     COrvaneMsg oNull(nullptr, 20);
-    EXPECT_EQ(oNull.GetCmdCode(), 0);
+    EXPECT_EQ(Fields(oNull), "0000 0 5 00");
     EXPECT_TRUE(oNull.GetData().empty());
     EXPECT_FALSE(COrvaneMsg().SetMessage(nullptr, 20));
 }
@@ -140,11 +141,8 @@ TEST(OrvaneMsgParse, LengthMismatchIsInvalidButFieldsAreFilled)
     COrvaneMsg oMsg;
     EXPECT_FALSE(oMsg.SetMessage(oRaw.data(), static_cast<unsigned short>(oRaw.size())));
     EXPECT_FALSE(oMsg.IsValid());
-    EXPECT_EQ(oMsg.GetLength(), 12);
-    EXPECT_EQ(oMsg.GetCmdCode(), 0x0203);
-    EXPECT_EQ(oMsg.GetMsgID(), 0x0105);
+    EXPECT_EQ(Fields(oMsg), "0203 261 12 A7");
     EXPECT_EQ(oMsg.GetData().size(), 6u);
-    EXPECT_EQ(oMsg.GetCRC(), 0xA7);
 
     // A high length byte must not be ignored either.
     oRaw[0] = 0x0B;
@@ -187,10 +185,7 @@ TEST(OrvaneMsgByteOrder, FromCharReadsBackEveryWidthAndSign)
     COrvaneMsg::FromChar(nUInt, acBytes + 1);
     COrvaneMsg::FromChar(nLong, acBytes);
     COrvaneMsg::FromChar(nULong, reinterpret_cast<const char*>(acBytes + 1));
-    EXPECT_EQ(nShort, -2);
-    EXPECT_EQ(nUShort, 0xFFFE);
-    EXPECT_EQ(nInt, -2);
-    EXPECT_EQ(nUInt, 0xFFFFFFFFu);
-    EXPECT_EQ(nLong, static_cast<long long>(0x80FFFFFFFFFFFFFEULL));
-    EXPECT_EQ(nULong, 0x5580FFFFFFFFFFFFULL);
+    // 0x80FFFFFFFFFFFFFE and 0x5580FFFFFFFFFFFF.
+    EXPECT_EQ(ClientTest::Out(nShort, nUShort, nInt, nUInt, nLong, nULong),
+              "-2 65534 -2 4294967295 -9151314442816847874 6161205765219549183");
 }

@@ -25,8 +25,7 @@ TEST(SPIClient, GlobalsAndTransfers)
     CSPI oClient;
     oClient.ReplyWith("00");
     EXPECT_EQ(oClient.SetGlobals(1000000, 1, 2, 3), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x307);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("40 42 0f 00 01 02 03"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x307, Hex("40 42 0f 00 01 02 03")));
     EXPECT_EQ(oClient.GetStoredBaudrate(), 1000000u);
 
     unsigned int nRate = 7;
@@ -44,16 +43,14 @@ TEST(SPIClient, GlobalsAndTransfers)
     char acIn[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
     oClient.ReplyWith("00 01 02 03 04 05 06 07");
     EXPECT_EQ(oClient.DataReq("\xaa\xbb", 2, acIn, 5), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x303);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("aa bb 00 00 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x303, Hex("aa bb 00 00 00")));
     EXPECT_EQ(std::string(acIn, 6), Hex("01 02 03 04 05") + "x");
 
     // The waiting sequence hands out the result byte first.
     char acSeq[4] = {'x', 'x', 'x', 'x'};
     oClient.ReplyWith("31 11 22");
     EXPECT_EQ(oClient.SequenceReq("\x01\x02", 2, acSeq, 4), 0x331);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x314);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("01 02"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x314, Hex("01 02")));
     EXPECT_EQ(std::string(acSeq, 4), Hex("31 11 22") + "x");
 }
 
@@ -109,22 +106,19 @@ TEST(RenesasClient, RequestBytes)
     oClient.ReplyWith("00");
     const unsigned char anId[10] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
     EXPECT_EQ(oClient.CheckID(anId, 10), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x921);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("01 02 03 04 05 06 07"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x921, Hex("01 02 03 04 05 06 07")));
 
     std::string sLong(300, '\x5a');
     sLong[255] = '\x01';
     EXPECT_EQ(oClient.WritePage(0x1234, sLong.data(), 300), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x925);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("34 12") + sLong.substr(0, 256));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x925, Hex("34 12") + sLong.substr(0, 256)));
     EXPECT_EQ(oClient.WritePage(2, "0123456789", 10), 0);
     EXPECT_EQ(oClient.LastSent().GetData(), Hex("02 00") + "0123456789" + std::string(246, '\0'));
 
     EXPECT_EQ(oClient.SetBaudrate(5), 0);
     EXPECT_EQ(oClient.LastSent().GetData(), Hex("05"));
     EXPECT_EQ(oClient.BlockErase(0x0102), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x929);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("02 01"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x929, Hex("02 01")));
     EXPECT_EQ(oClient.Complete(), 0);
     EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x927);
 }
@@ -135,8 +129,7 @@ TEST(RenesasClient, ReadingConfirmations)
     unsigned short nResult = 0xBEEF;
     oClient.ReplyWith("00 34");
     EXPECT_EQ(oClient.VerifyCheck(0x0001, 0x00FF, nResult), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x928);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("01 00 ff 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x928, Hex("01 00 ff 00")));
     EXPECT_EQ(nResult, 0xBEEF);
     oClient.ReplyWith("00 34 12");
     EXPECT_EQ(oClient.VerifyCheck(0, 1, nResult), 0);

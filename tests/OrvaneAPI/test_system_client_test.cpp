@@ -126,8 +126,7 @@ TEST(TestSystemCOM, ConfigurationNames)
     CCOM oClient;
     oClient.ReplyWith("00");
     EXPECT_EQ(oClient.SetConfig("cfg1"), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0xD05);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("04") + "cfg1");
+    EXPECT_EQ(oClient.LastRequest(), Req(0xD05, Hex("04") + "cfg1"));
     EXPECT_EQ(oClient.SetConfig(std::string(256, 'n')), 0x920000);
     EXPECT_EQ(oClient.SentCount(), 1u) << "a name too long is not sent";
 
@@ -144,8 +143,7 @@ TEST(TestSystemCOM, ConfigurationNames)
     unsigned int nCrc = 7;
     oClient.ReplyWith("00 00 78 56 34 12");
     EXPECT_EQ(oClient.IsConfigAvailable("cfg1", bAvailable, nCrc), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0xDD2);
-    EXPECT_EQ(oClient.LastSent().GetData(), Hex("04") + "cfg1");
+    EXPECT_EQ(oClient.LastRequest(), Req(0xDD2, Hex("04") + "cfg1"));
     EXPECT_FALSE(bAvailable);
     EXPECT_EQ(nCrc, 7u);
     oClient.ReplyWith("00 01 78 56 34");
@@ -165,11 +163,9 @@ TEST(TestSystemValues, SetAndGetArrays)
     oPWR.ReplyWith("00 01 00 02 01");
     unsigned short anValues[3] = {0x0001, 0x0203, 0xFFFF};
     EXPECT_EQ(oIO.SetValue(anValues, 2), 0);
-    EXPECT_EQ(oIO.LastSent().GetCmdCode(), 0xB10);
-    EXPECT_EQ(oIO.LastSent().GetData(), Hex("01 00 03 02"));
+    EXPECT_EQ(oIO.LastRequest(), Req(0xB10, Hex("01 00 03 02")));
     EXPECT_EQ(oPWR.SetValue(anValues, 3), 0);
-    EXPECT_EQ(oPWR.LastSent().GetCmdCode(), 0xC10);
-    EXPECT_EQ(oPWR.LastSent().GetData(), Hex("01 00 03 02 ff ff"));
+    EXPECT_EQ(oPWR.LastRequest(), Req(0xC10, Hex("01 00 03 02 ff ff")));
 
     // Three asked, two came: the third reads as 0.
     EXPECT_EQ(oIO.GetValue(anValues, 3), 0);

@@ -9,6 +9,8 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace ClientTest
@@ -25,6 +27,23 @@ inline std::string Hex(const std::string& sHex)
     return s;
 }
 
+// "a b c" of the values (bytes and flags as numbers), for one-line
+// expectations.
+template <typename... T>
+std::string Out(const T&... aValues)
+{
+    std::ostringstream oText;
+    const auto fnPut = [&oText](const auto& oValue) {
+        if constexpr (std::is_arithmetic<std::decay_t<decltype(oValue)>>::value)
+            oText << +oValue << ' ';
+        else
+            oText << oValue << ' ';
+    };
+    (fnPut(aValues), ...);
+    std::string s = oText.str();
+    return s.substr(0, s.empty() ? 0 : s.size() - 1);
+}
+
 inline std::string Wire(unsigned short nCode, short nId, const std::string& sPayload)
 {
     return COrvaneMsg(nCode, nId, sPayload.data(), static_cast<unsigned short>(sPayload.size())).GetMessageData();
@@ -33,6 +52,11 @@ inline std::string Wire(unsigned short nCode, short nId, const std::string& sPay
 inline std::string Confirmation(const COrvaneMsg& oRequest, const std::string& sPayload)
 {
     return Wire(oRequest.GetCmdCode() | COrvaneMsg::CONFIRMATION_FLAG, oRequest.GetMsgID(), sPayload);
+}
+
+inline std::pair<unsigned short, std::string> Req(unsigned short nCode, const std::string& sPayload)
+{
+    return {nCode, sPayload};
 }
 
 // Any device client without a socket (TClient takes the time-out).
@@ -77,6 +101,12 @@ public:
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
         return m_aoSent.empty() ? COrvaneMsg() : m_aoSent.back();
+    }
+    // The last request's command code and payload, compared at once with Req().
+    std::pair<unsigned short, std::string> LastRequest()
+    {
+        const COrvaneMsg oLast = LastSent();
+        return {oLast.GetCmdCode(), oLast.GetData()};
     }
     std::size_t SentCount()
     {
