@@ -1,6 +1,8 @@
 // The scripted gateway against a real CKelIPConnection client: the
 // automatic answers, exact bytes both ways, disconnecting and reconnecting,
 // and a gateway whose answers the test gives itself.
+#include "support/OrvaneTelegram.h"
+#include "support/RawPeer.h"
 #include "support/RecordingConnection.h"
 #include "support/ScriptedGateway.h"
 
@@ -30,10 +32,13 @@ TEST(ScriptedGateway, AnswersTheConnectionAndPassesTelegramsBothWays)
     // INFO request 0x0209, ID 7: CRC 09^02^07^00 = 0C.
     const std::string sRequest = FromHex("05 00 09 02 07 00 0C");
     ASSERT_EQ(eKelIPSuccess, oClient.DataReq(sRequest.data(), static_cast<unsigned short>(sRequest.size()), WAIT_MS));
-    EXPECT_EQ(ToHex(sRequest), ToHex(oGateway.NextTelegram()));
+    const std::string sReceived = oGateway.NextTelegram();
+    EXPECT_EQ(ToHex(sRequest), ToHex(sReceived));
+    const COrvaneMsg oRequest = ToOrvaneMsg(sReceived);
+    EXPECT_TRUE(oRequest.IsValid() && oRequest.IsCRCValid());
     // Its confirmation with result 0 and "ab": CRC 09^82^07^00^00^61^62 = 8F;
     // then the same with the CRC inverted, passed on as it is.
-    const std::string sConfirmation = Confirmation(0x0209, 7, Byte(0) + "ab");
+    const std::string sConfirmation = ConfirmationOf(oRequest, Byte(0) + "ab");
     EXPECT_EQ("08 00 09 82 07 00 00 61 62 8F", ToHex(sConfirmation));
     ASSERT_TRUE(oGateway.Send(sConfirmation + WithWrongCrc(sConfirmation)));
     ASSERT_TRUE(oClient.WaitForMessages(2));
@@ -57,6 +62,38 @@ TEST(ScriptedGateway, AnswersTheConnectionAndPassesTelegramsBothWays)
     EXPECT_TRUE(oClient.WaitForConnectInd(false, 2));
     EXPECT_TRUE(oGateway.WaitClosed());
     EXPECT_EQ("", oGateway.NextTelegram(0));
+}
+
+TEST(ScriptedGateway, AnswersConnectionMessagesOfItsIdByteForByte)
+{
+    CScriptedGateway oGateway(DEVICE_CAN);
+    CRawPeer oPeer;
+    ASSERT_TRUE(oPeer.Connect(oGateway.Port()));
+    // The answer expected, "" for a message handed to the test instead.
+    const struct
+    {
+        const char* sRequest;
+        const char* sAnswer;
+    } aoCases[] = {
+        {"05 00 01 02 01 00 02", "06 00 01 82 01 00 00 82"},             // connect: 0
+        {"09 00 0D 02 05 00 64 00 00 00 6E", "06 00 0D 82 05 00 00 8A"}, // alive, 100 ms: 0
+        {"05 00 0D 02 06 00 09", "06 00 0D 82 06 00 FF 76"},             // alive without period: FF
+        {"09 00 0D 02 05 00 64 00 00 00 6F", ""},                        // wrong CRC
+        {"05 00 0D 01 07 00 0B", ""},                                    // another id's alive
+        {"05 00 02 02 09 00 09", "06 00 02 82 09 00 00 89"},             // disconnect: 0, closed
+    };
+    for (const auto& oCase : aoCases)
+    {
+        SCOPED_TRACE(oCase.sRequest);
+        ASSERT_TRUE(oPeer.SendHex(oCase.sRequest));
+        if (*oCase.sAnswer != '\0')
+            EXPECT_EQ(oCase.sAnswer, oPeer.ReceiveHex());
+        else
+            EXPECT_EQ(oCase.sRequest, ToHex(oGateway.NextTelegram()));
+    }
+    EXPECT_TRUE(oPeer.WaitClosed());
+    EXPECT_TRUE(oGateway.WaitClosed());
+    EXPECT_EQ(2, oGateway.AliveRequests());
 }
 
 TEST(ScriptedGateway, WithoutAnswersTheTestAnswersTheConnectRequest)
