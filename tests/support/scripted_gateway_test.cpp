@@ -55,6 +55,9 @@ TEST(ScriptedGateway, AnswersTheConnectionAndPassesTelegramsBothWays)
     // next client is served, and CloseClient ends its connection.
     EXPECT_EQ(eKelIPSuccess, oClient.DisconnectReq(WAIT_MS));
     EXPECT_TRUE(oGateway.WaitClosed());
+    // The gateway's close may reach the client's read thread first, which
+    // then ends the connection while DisconnectReq returns.
+    ASSERT_TRUE(WaitUntil([&] { return oClient.GetState() == CKelIPBase::eDisconnected; }));
     ASSERT_EQ(eKelIPSuccess, Connect(oClient, oGateway, DEVICE_CAN));
     EXPECT_TRUE(oGateway.WaitConnected());
     EXPECT_EQ(2, oGateway.Connections());
