@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# Builds and runs every test: a plain build (including the tests that boot the
-# SocketCAN VM), then the whole suite under AddressSanitizer + UBSan, then
+# Checks the layout of every tracked C++ file, then builds (warnings are
+# errors) and runs every test: a plain build (including the tests that boot
+# the SocketCAN VM), then the whole suite under AddressSanitizer + UBSan, then
 # under ThreadSanitizer. Any failure fails the run.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 scripts/install-deps.sh
 
+echo "=== format (clang-format, .clang-format) ==="
+git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror
+
 jobs=$(nproc)
 build() { # dir sanitizer
-  cmake -S . -B "$1" -DORVANE_SANITIZER="$2" >/dev/null
+  cmake -S . -B "$1" -DORVANE_SANITIZER="$2" -DORVANE_WERROR=ON >/dev/null
   cmake --build "$1" -j "$jobs"
 }
 

@@ -386,12 +386,11 @@ int COrvaneClientAWire::GetWriteFileStatus(FileStep::EFileStep& nStep, unsigned 
     switch (nStep)
     {
     case FileStep::eWriting:
-        nPercent = nTotal == 0
-            ? 0
-            : static_cast<unsigned char>((oThread.GetFinished() + oThread.GetInProgress()) * 100ULL / nTotal);
+        nPercent = static_cast<unsigned char>(
+            nTotal == 0 ? 0 : (oThread.GetFinished() + oThread.GetInProgress()) * 100ULL / nTotal);
         break;
     case FileStep::eVerifying:
-        nPercent = nTotal == 0 ? 0 : static_cast<unsigned char>(oThread.GetVerified() * 100ULL / nTotal);
+        nPercent = static_cast<unsigned char>(nTotal == 0 ? 0 : oThread.GetVerified() * 100ULL / nTotal);
         break;
     case FileStep::eDone:
     case FileStep::eFailed:

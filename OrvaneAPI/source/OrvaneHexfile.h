@@ -62,7 +62,9 @@ private:
 class COrvaneHexfile
 {
 public:
-    enum EType
+    // A fixed underlying type: any int a caller passes is an EType, and the
+    // functions decide what an unknown one means.
+    enum EType : int
     {
         eDetect = 0, // from the first character: ':' Intel, 'S' Motorola, else binary
         eIntel = 1,

@@ -93,7 +93,8 @@ TEST(DeviceKinds, EachBuiltKindOpensOnItsPort)
 
 TEST(DeviceKinds, KindsWithoutAClientAreRefused)
 {
-    for (unsigned char nType : {4, 5, 6, 7, 8, 10})
+    const unsigned char anUnsupportedTypes[] = {4, 5, 6, 7, 8, 10};
+    for (unsigned char nType : anUnsupportedTypes)
     {
         int nHandle = 0;
         EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, nType, 0, TCP, true), ORVANE_ERR_INVALID_DEVICE_TYPE)

@@ -47,7 +47,8 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
         EXPECT_EQ(Open(nBadPort, &nHandle), INVALID_PARAMETER) << nBadPort;
     EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, eOrvaneCAN, 100, 1, true), INVALID_PARAMETER);
     EXPECT_EQ(nHandle, 0) << "no handle for a bad port";
-    for (unsigned char nType : {0, 4, 8, 10, 15})
+    const unsigned char anRefusedTypes[] = {0, 4, 8, 10, 15};
+    for (unsigned char nType : anRefusedTypes)
     {
         EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, nType, 0, 1, true), INVALID_DEVICE_TYPE) << +nType;
         EXPECT_FALSE(CDeviceManager::GetDevice(nHandle));

@@ -2,7 +2,7 @@
 // frames between clients, time stamps, fault modes and bad input.
 #include "GatewaySim.h"
 #include "SimTypes.h"
-#include "support/RawClient.h"
+#include "support/RawPeer.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <utility>
 
 using namespace GatewaySim;
-using namespace SimTest;
+using namespace OrvaneTest;
 
 namespace
 {
@@ -21,6 +21,11 @@ std::string Hex(unsigned short nCode, short nID, const std::string& sPayloadHex 
     return ToHex(BuildTelegram(nCode, nID, FromHex(sPayloadHex)));
 }
 
+// Connection messages of a CAN connection (id 2): connect request 0x0201 with
+// number 1 and no connect data; its confirmation 0x8201 with result 0 or 1.
+const char* const CONNECT_REQUEST = "05 00 01 02 01 00 02";
+const char* const CONNECT_ACCEPTED = "06 00 01 82 01 00 00 82";
+const char* const CONNECT_LIMIT_REACHED = "06 00 01 82 01 00 01 83";
 const char* const SET_GLOBALS = "0D 00 07 02 03 00 00 48 E8 01 00 01 00 01 A7"; // 125 kbit/s, time stamps on
 const char* const SET_GLOBALS_CNF = "06 00 07 82 03 00 00 86";
 const char* const GET_GLOBALS = "05 00 08 02 04 00 0E";
@@ -57,13 +62,13 @@ protected:
     unsigned short Port(std::size_t nIndex = 0) const { return m_poSim->TcpPort(nIndex); }
     bool WaitClients(int nCount)
     {
-        return WaitFor([&] { return m_poSim->ConnectedClients(0) == nCount; });
+        return WaitUntil([&] { return m_poSim->ConnectedClients(0) == nCount; });
     }
     const SSimCounters& Counters() const { return m_poSim->Counters(); }
 
     SSimOptions m_oOptions;
     std::unique_ptr<CGatewaySim> m_poSim;
-    CRawClient m_aoClients[4];
+    CRawPeer m_aoClients[4];
 };
 
 TEST_F(SimLoopbackTest, ConnectHandshakeAndDisconnect)
@@ -90,7 +95,7 @@ TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
 {
     m_oOptions.anCanPorts = {0, 1};
     StartWith(3);
-    CRawClient& oPort1 = m_aoClients[3];
+    CRawPeer& oPort1 = m_aoClients[3];
     ASSERT_TRUE(oPort1.Open(Port(1)));
     Talk(0, WRITE_123, {{1, IND_123}, {2, IND_123}});
     // In the order written.
@@ -104,7 +109,7 @@ TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
     Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
     Talk(3, GET_CONFIG, {{3, GET_CONFIG_CNF}});
     EXPECT_EQ(Counters().nFramesIn.load(), 3u);
-    EXPECT_TRUE(WaitFor([&] { return Counters().nFramesOut.load() == 6u; }));
+    EXPECT_TRUE(WaitUntil([&] { return Counters().nFramesOut.load() == 6u; }));
 }
 
 TEST_F(SimLoopbackTest, EchoIndicatesAWriteBackToItsSender)
@@ -121,8 +126,7 @@ TEST_F(SimLoopbackTest, TimeStampsOnlyForClientsThatSwitchedThemOn)
     Talk(1, Hex(eCmdSetTime, 1, "78 56 34 12 00 00 00 00"), {{1, Hex(0x820B, 1, "00")}});
     Talk(1, SET_GLOBALS, {{1, SET_GLOBALS_CNF}});
     Talk(0, WRITE_123, {{2, IND_123}});
-    std::string sStamped;
-    ASSERT_TRUE(m_aoClients[1].Receive(sStamped));
+    const std::string sStamped = m_aoClients[1].ReceiveMessage();
     // Flag 0x04, then s32 seconds and s32 microseconds behind the data.
     ASSERT_EQ(sStamped.size(), 22u);
     EXPECT_EQ(ToHex(sStamped.substr(0, 13)), "14 00 03 02 00 00 23 01 00 00 04 11 22");
@@ -161,8 +165,8 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
     m_oOptions.nLoadRate = 200;
     m_oOptions.nLoadIdentifier = 0x1F0;
     StartWith(1);
-    std::string asFrames[2];
-    ASSERT_TRUE(m_aoClients[0].Receive(asFrames[0]) && m_aoClients[0].Receive(asFrames[1]));
+    const std::string asFrames[2] = {m_aoClients[0].ReceiveMessage(), m_aoClients[0].ReceiveMessage()};
+    ASSERT_TRUE(!asFrames[0].empty() && !asFrames[1].empty());
     // Identifier 0x1F0, no flags, the 64-bit frame counter as data.
     EXPECT_EQ(ToHex(asFrames[0].substr(0, 11)), "12 00 03 02 00 00 F0 01 00 00 00");
     const unsigned int nCounter = CKelPayloadReader(asFrames[0]).U32(11);
@@ -192,10 +196,10 @@ TEST_F(SimLoopbackTest, FrozenAfterNTelegramsAnswersNothingButKeepsTheConnection
     // do alive and disconnect requests, as with a hung gateway.
     Talk(0, GET_CONFIG, {});
     Talk(1, WRITE_123, {});
-    EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 1u && Counters().nFramesIn.load() == 1u; }));
+    EXPECT_TRUE(WaitUntil([&] { return Counters().nIgnoredFrozen.load() == 1u && Counters().nFramesIn.load() == 1u; }));
     Talk(0, "09 00 0D 02 00 00 E8 03 00 00 E4 05 00 02 02 00 00 00", {});
     Talk(0, GET_CONFIG, {});
-    EXPECT_TRUE(WaitFor([&] { return Counters().nIgnoredFrozen.load() == 2u; }));
+    EXPECT_TRUE(WaitUntil([&] { return Counters().nIgnoredFrozen.load() == 2u; }));
     // Any reply would have been sent before the last request was read.
     EXPECT_EQ(m_aoClients[0].ReceiveHex(200), "");
     EXPECT_EQ(m_poSim->ConnectedClients(0), 2);
@@ -223,7 +227,7 @@ TEST_F(SimLoopbackTest, ConnectionsBeyondTheLimitAreRefused)
     ASSERT_TRUE(m_aoClients[2].Connect(Port()));
     Talk(2, CONNECT_REQUEST, {{2, CONNECT_LIMIT_REACHED}});
     EXPECT_TRUE(m_aoClients[2].WaitClosed());
-    EXPECT_TRUE(WaitFor([&] { return Counters().nRefused.load() == 1u; }));
+    EXPECT_TRUE(WaitUntil([&] { return Counters().nRefused.load() == 1u; }));
     // Once a client has left there is room again.
     m_aoClients[0].Close();
     ASSERT_TRUE(WaitClients(1));

@@ -1,12 +1,12 @@
 // The command model of one CAN port, driven with request telegrams.
 #include "CanPortModel.h"
-#include "support/RawClient.h"
+#include "support/Bytes.h"
 
 #include <gtest/gtest.h>
 
 using namespace GatewaySim;
-using SimTest::FromHex;
-using SimTest::ToHex;
+using OrvaneTest::FromHex;
+using OrvaneTest::ToHex;
 
 namespace
 {

@@ -2,7 +2,7 @@
 // counters printed on SIGTERM.
 #include "SimOptions.h"
 #include "support/ChildProcess.h"
-#include "support/RawClient.h"
+#include "support/RawPeer.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 
 using namespace GatewaySim;
-using namespace SimTest;
+using namespace OrvaneTest;
 
 namespace
 {
@@ -105,7 +105,7 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
 {
     CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
     const unsigned short nPort = ListeningPort(oProgram);
-    CRawClient oClient;
+    CRawPeer oClient;
     ASSERT_TRUE(oClient.Open(nPort)) << oProgram.Output();
     ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F")); // wrong CRC
     ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02")); // GET_CONFIG

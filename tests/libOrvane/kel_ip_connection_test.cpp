@@ -3,7 +3,8 @@
 #include "KelIPConnection.h"
 #include "KelMsg.h"
 #include "libKelThread.h"
-#include "support/kel_loopback_peer.h"
+#include "support/RawPeer.h"
+#include "support/RecordingConnection.h"
 
 #include <gtest/gtest.h>
 
@@ -14,18 +15,13 @@
 #include <stdexcept>
 #include <thread>
 
-using namespace kel_test;
+using namespace OrvaneTest;
 
 namespace
 {
 const unsigned char kId = 2; // CAN device type: connection commands 0x02xx
 const unsigned short kConnectReq = 0x0201, kConnectCnf = 0x8201, kDisconnectReq = 0x0202, kDisconnectCnf = 0x8202,
                      kAliveReq = 0x020D, kAliveCnf = 0x820D;
-
-std::string Result(unsigned char value)
-{
-    return std::string(1, static_cast<char>(value));
-}
 
 // A connection and the raw peer it is connected to.
 struct CPeeredConnection
@@ -36,25 +32,25 @@ struct CPeeredConnection
 
     // ConnectReq against the peer, which checks the connect request and
     // answers it with `reply` (with connection messages only).
-    unsigned int Connect(bool useConnectionMessages, const std::string& reply = MakeMsg(kConnectCnf, 1, Result(0)),
-                         unsigned int timeoutMs = kWaitMs)
+    unsigned int Connect(bool useConnectionMessages, const std::string& reply = MakeMsg(kConnectCnf, 1, Byte(0)),
+                         unsigned int timeoutMs = WAIT_MS)
     {
         auto result = std::async(std::launch::async, [&] {
-            return m_oConnection.ConnectReq(kLoopback, m_oListener.Port(), timeoutMs, kId, CKelIPBase::eTCP, "hi",
+            return m_oConnection.ConnectReq(LOOPBACK, m_oListener.Port(), timeoutMs, kId, CKelIPBase::eTCP, "hi",
                                             useConnectionMessages);
         });
         m_oPeer = m_oListener.Accept();
         if (useConnectionMessages)
         {
-            EXPECT_EQ(MakeMsg(kConnectReq, 1, "hi"), m_oPeer.ReadMessage());
-            m_oPeer.SendAll(reply);
+            EXPECT_EQ(MakeMsg(kConnectReq, 1, "hi"), m_oPeer.ReceiveMessage());
+            m_oPeer.Send(reply);
         }
         return result.get();
     }
 
     CRawListener m_oListener;
     CRecordingConnection m_oConnection;
-    CRawSocket m_oPeer;
+    CRawPeer m_oPeer;
 };
 
 struct RawStreamTest : ::testing::Test, CPeeredConnection
@@ -108,7 +104,7 @@ TEST(KelIPConnectionFraming, PeerBytesArriveAsWholeMessages)
         for (const SChunk& chunk : test.chunks)
         {
             ASSERT_TRUE(side.m_oConnection.WaitForMessages(chunk.after));
-            ASSERT_TRUE(side.m_oPeer.SendAll(chunk.bytes));
+            ASSERT_TRUE(side.m_oPeer.Send(chunk.bytes));
             // Keeps single bytes in separate segments; nothing waits on it.
             std::this_thread::sleep_for(std::chrono::microseconds(50));
         }
@@ -131,11 +127,11 @@ TEST(KelIPConnectionConnect, PeerAnswerDecidesTheResult)
         unsigned int timeoutMs;
         unsigned int result;
     } cases[] = {
-        {MakeMsg(kConnectCnf, 1, Result(0)), kWaitMs, eKelIPSuccess},
-        {MakeMsg(kConnectCnf, 1, Result(1)), kWaitMs, eKelIPRefused}, // the peer's connection limit
-        {MakeMsg(kConnectCnf, 1, Result(0xFF)), kWaitMs, eKelIPNotConnected},
-        {MakeMsg(kConnectCnf, 1), 400, eKelIPTimeout},       // no result byte
-        {MakeMsg(0x8301, 1, Result(0)), 400, eKelIPTimeout}, // another id's confirmation
+        {MakeMsg(kConnectCnf, 1, Byte(0)), WAIT_MS, eKelIPSuccess},
+        {MakeMsg(kConnectCnf, 1, Byte(1)), WAIT_MS, eKelIPRefused}, // the peer's connection limit
+        {MakeMsg(kConnectCnf, 1, Byte(0xFF)), WAIT_MS, eKelIPNotConnected},
+        {MakeMsg(kConnectCnf, 1), 400, eKelIPTimeout},     // no result byte
+        {MakeMsg(0x8301, 1, Byte(0)), 400, eKelIPTimeout}, // another id's confirmation
     };
     for (const auto& test : cases)
     {
@@ -146,7 +142,7 @@ TEST(KelIPConnectionConnect, PeerAnswerDecidesTheResult)
         EXPECT_EQ(connected ? CKelIPBase::eConnected : CKelIPBase::eDisconnected, side.m_oConnection.GetState());
         EXPECT_EQ(connected ? 1 : 0, side.m_oConnection.ConnectIndCount(true));
         EXPECT_TRUE(!connected || side.m_oConnection.GetPeerAddress() == "127.0.0.1");
-        EXPECT_TRUE(connected || side.m_oPeer.WaitForClose());
+        EXPECT_TRUE(connected || side.m_oPeer.WaitClosed());
     }
 }
 
@@ -156,23 +152,23 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
     // Nothing listening (the listener is gone): the refused connect leaves
     // no peer address to read.
     const unsigned short unused = CRawListener().Port();
-    EXPECT_EQ(eKelIPError, connection.ConnectReq(kLoopback, unused, 2000, kId, CKelIPBase::eTCP, "", true));
+    EXPECT_EQ(eKelIPError, connection.ConnectReq(LOOPBACK, unused, 2000, kId, CKelIPBase::eTCP, "", true));
     EXPECT_EQ(CKelIPBase::eDisconnected, connection.GetState());
 
     // A listener that never accepts: fill its queue until a connect hangs.
     CRawListener listener(0);
-    std::vector<CRawSocket> fillers;
+    std::vector<CRawPeer> fillers;
     for (bool answered = true; answered && fillers.size() < 64;)
     {
         fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
         const sockaddr_in address = Loopback(listener.Port());
-        connect(fillers.back().Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        pollfd entry{fillers.back().Get(), POLLOUT, 0};
+        connect(fillers.back().Socket(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        pollfd entry{fillers.back().Socket(), POLLOUT, 0};
         answered = poll(&entry, 1, 200) == 1;
     }
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(eKelIPNotConnected,
-              connection.ConnectReq(kLoopback, listener.Port(), 300, kId, CKelIPBase::eTCP, "", true));
+              connection.ConnectReq(LOOPBACK, listener.Port(), 300, kId, CKelIPBase::eTCP, "", true));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(290));
     EXPECT_EQ(CKelIPBase::eDisconnected, connection.GetState());
     EXPECT_EQ(0, connection.ConnectIndCount(true));
@@ -181,9 +177,9 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
 TEST_F(MessageConnectionTest, ConnectReqWhileConnectedChangesNothing)
 {
     EXPECT_EQ(eKelIPWrongState,
-              m_oConnection.ConnectReq(kLoopback, m_oListener.Port(), 1000, kId, CKelIPBase::eTCP, "", true));
+              m_oConnection.ConnectReq(LOOPBACK, m_oListener.Port(), 1000, kId, CKelIPBase::eTCP, "", true));
     EXPECT_EQ(CKelIPBase::eConnected, m_oConnection.GetState());
-    ASSERT_TRUE(m_oPeer.SendAll(Frame("still")));
+    ASSERT_TRUE(m_oPeer.Send(Frame("still")));
     ASSERT_TRUE(m_oConnection.WaitForMessages(1));
 }
 
@@ -195,7 +191,7 @@ TEST_F(RawStreamTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectServesTheNe
     {
         ASSERT_TRUE(round == 1 || Connect(false) == eKelIPSuccess); // round 1: connected by SetUp
         const std::string message = Frame(Pattern(4, static_cast<unsigned char>(round)));
-        ASSERT_TRUE(m_oPeer.SendAll(message));
+        ASSERT_TRUE(m_oPeer.Send(message));
         ASSERT_TRUE(m_oConnection.WaitForMessages(static_cast<size_t>(round)));
         EXPECT_EQ(message, m_oConnection.Messages().back());
 
@@ -214,11 +210,11 @@ TEST_F(RawStreamTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectServesTheNe
 TEST_F(RawStreamTest, HookThatThrowsEndsTheConnectionAndItsReadThread)
 {
     m_oConnection.m_fOnData = [](CRecordingConnection&, const std::string&) { throw std::runtime_error("hook"); };
-    ASSERT_TRUE(m_oPeer.SendAll(Frame(Pattern(4, 1))));
+    ASSERT_TRUE(m_oPeer.Send(Frame(Pattern(4, 1))));
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetReadThreadState() == CKelThread::eFinished; }));
     EXPECT_EQ(CKelIPBase::eDisconnected, m_oConnection.GetState());
-    EXPECT_TRUE(m_oPeer.WaitForClose());
+    EXPECT_TRUE(m_oPeer.WaitClosed());
 }
 
 TEST(KelIPConnectionLoss, SendTimeOutEndsTheConnection)
@@ -226,8 +222,8 @@ TEST(KelIPConnectionLoss, SendTimeOutEndsTheConnection)
     CRawListener listener(8, 4096);
     CRecordingConnection connection;
     ASSERT_EQ(eKelIPSuccess,
-              connection.ConnectReq(kLoopback, listener.Port(), kWaitMs, kId, CKelIPBase::eTCP, "", false));
-    CRawSocket peer = listener.Accept(); // never reads
+              connection.ConnectReq(LOOPBACK, listener.Port(), WAIT_MS, kId, CKelIPBase::eTCP, "", false));
+    CRawPeer peer = listener.Accept(); // never reads
     const std::string message = Frame(Pattern(65533, 1));
     unsigned int result = eKelIPSuccess;
     for (int i = 0; i < 2000 && result == eKelIPSuccess; ++i)
@@ -247,8 +243,8 @@ TEST(KelIPConnectionDisconnect, ConnectionEndsWhateverThePeerAnswers)
         std::string result;     // of the peer's confirmation; "" none
         unsigned int timeoutMs; // 0: CloseConnection, which sends nothing
         unsigned int expected;
-    } cases[] = {{Result(0), kWaitMs, eKelIPSuccess},
-                 {Result(3), kWaitMs, eKelIPError},
+    } cases[] = {{Byte(0), WAIT_MS, eKelIPSuccess},
+                 {Byte(3), WAIT_MS, eKelIPError},
                  {"", 200, eKelIPTimeout},
                  {"", 0, eKelIPSuccess}};
     for (const auto& test : cases)
@@ -260,11 +256,11 @@ TEST(KelIPConnectionDisconnect, ConnectionEndsWhateverThePeerAnswers)
         auto result = std::async(std::launch::async, [&] {
             return test.timeoutMs > 0 ? connection.DisconnectReq(test.timeoutMs) : connection.CloseConnection();
         });
-        EXPECT_EQ(test.timeoutMs > 0 ? MakeMsg(kDisconnectReq, 0) : "", side.m_oPeer.ReadMessage());
+        EXPECT_EQ(test.timeoutMs > 0 ? MakeMsg(kDisconnectReq, 0) : "", side.m_oPeer.ReceiveMessage());
         if (!test.result.empty())
-            side.m_oPeer.SendAll(MakeMsg(kDisconnectCnf, 0, test.result));
+            side.m_oPeer.Send(MakeMsg(kDisconnectCnf, 0, test.result));
         EXPECT_EQ(test.expected, result.get());
-        EXPECT_TRUE(side.m_oPeer.WaitForClose());
+        EXPECT_TRUE(side.m_oPeer.WaitClosed());
         EXPECT_EQ(CKelIPBase::eDisconnected, connection.GetState());
         EXPECT_EQ(1, connection.ConnectIndCount(false));
     }
@@ -272,9 +268,9 @@ TEST(KelIPConnectionDisconnect, ConnectionEndsWhateverThePeerAnswers)
 
 TEST_F(MessageConnectionTest, PeerDisconnectRequestIsConfirmedAndEndsTheConnection)
 {
-    ASSERT_TRUE(m_oPeer.SendAll(MakeMsg(kDisconnectReq, 7)));
-    EXPECT_EQ(MakeMsg(kDisconnectCnf, 7, Result(0)), m_oPeer.ReadMessage());
-    EXPECT_TRUE(m_oPeer.WaitForClose());
+    ASSERT_TRUE(m_oPeer.Send(MakeMsg(kDisconnectReq, 7)));
+    EXPECT_EQ(MakeMsg(kDisconnectCnf, 7, Byte(0)), m_oPeer.ReceiveMessage());
+    EXPECT_TRUE(m_oPeer.WaitClosed());
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetState() == CKelIPBase::eDisconnected; }));
     EXPECT_TRUE(m_oConnection.Messages().empty());
@@ -289,21 +285,21 @@ TEST_F(MessageConnectionTest, AnsweredAliveKeepsTheConnectionAndSilenceEndsItOnc
     const std::string request = MakeMsg(kAliveReq, 0, U32(200));
     for (int i = 0; i < 4; ++i)
     {
-        ASSERT_EQ(request, m_oPeer.ReadMessage()) << "request " << i;
-        ASSERT_TRUE(m_oPeer.SendAll(MakeMsg(kAliveCnf, 0, Result(0))));
+        ASSERT_EQ(request, m_oPeer.ReceiveMessage()) << "request " << i;
+        ASSERT_TRUE(m_oPeer.Send(MakeMsg(kAliveCnf, 0, Byte(0))));
     }
     EXPECT_EQ(0, m_oConnection.ConnectIndCount(false));
 
     // The peer falls silent: more requests for about one period, then the end.
     const auto start = std::chrono::steady_clock::now();
     std::string message;
-    for (int i = 0; i < 50 && (message = m_oPeer.ReadMessage()) == request; ++i)
+    for (int i = 0; i < 50 && (message = m_oPeer.ReceiveMessage()) == request; ++i)
     {
     }
     EXPECT_EQ(MakeMsg(kDisconnectReq, 0), message);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
-    EXPECT_TRUE(m_oPeer.WaitForClose());
+    EXPECT_TRUE(m_oPeer.WaitClosed());
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetAliveMode() == CKelIPConnection::eAliveOff; }));
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetState() == CKelIPBase::eDisconnected; }));
     EXPECT_EQ(1, m_oConnection.ConnectIndCount(false));
@@ -320,25 +316,25 @@ TEST(KelIPConnectionAlive, RequestsTakeTurnsWithMessagesSentInParts)
     setsockopt(side.m_oConnection.GetSocket(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
     ASSERT_EQ(eKelIPSuccess, side.m_oConnection.SetAlive(800));
     const std::string request = MakeMsg(kAliveReq, 0, U32(800));
-    ASSERT_EQ(request, side.m_oPeer.ReadMessage());
+    ASSERT_EQ(request, side.m_oPeer.ReceiveMessage());
 
     const std::string large = Frame(Pattern(65533, 6));
     const int count = 50;
     auto sender = std::async(std::launch::async, [&] {
         unsigned int result = eKelIPSuccess;
         for (int i = 0; i < count && result == eKelIPSuccess; ++i)
-            result = side.m_oConnection.DataReq(large.data(), static_cast<unsigned short>(large.size()), kWaitMs);
+            result = side.m_oConnection.DataReq(large.data(), static_cast<unsigned short>(large.size()), WAIT_MS);
         return result;
     });
     // The peer reads slowly and answers every alive request it finds.
     int messages = 0, requests = 0;
     while (messages < count)
     {
-        const std::string message = side.m_oPeer.ReadMessage();
+        const std::string message = side.m_oPeer.ReceiveMessage();
         if (message == request)
         {
             ++requests;
-            ASSERT_TRUE(side.m_oPeer.SendAll(MakeMsg(kAliveCnf, 0, Result(0))));
+            ASSERT_TRUE(side.m_oPeer.Send(MakeMsg(kAliveCnf, 0, Byte(0))));
             continue;
         }
         ASSERT_TRUE(message == large) << "message " << messages << " was cut into (" << message.size() << " bytes)";
@@ -357,7 +353,7 @@ TEST_F(MessageConnectionTest, SwitchingAliveOffStillTellsThePeerTheOldPeriod)
     EXPECT_EQ(CKelIPConnection::eAliveOff, m_oConnection.GetAliveMode());
     int requests = 0;
     std::string message;
-    while (requests < 5 && (message = m_oPeer.ReadMessage(500)) == MakeMsg(kAliveReq, 0, U32(300)))
+    while (requests < 5 && (message = m_oPeer.ReceiveMessage(500)) == MakeMsg(kAliveReq, 0, U32(300)))
         ++requests;
     EXPECT_EQ("", message); // no more requests, and silence ends nothing
     EXPECT_GE(requests, 2);
@@ -369,18 +365,18 @@ TEST_F(MessageConnectionTest, PeerAliveRequestsSetThePassiveMode)
     std::string corrupted = MakeMsg(kAliveReq, 1, U32(300));
     corrupted.back() = static_cast<char>(corrupted.back() ^ 0x40);
     // A corrupted request gets no answer, one without a period gets 0xFF.
-    ASSERT_TRUE(m_oPeer.SendAll(corrupted + MakeMsg(kAliveReq, 2, "abc")));
-    EXPECT_EQ(MakeMsg(kAliveCnf, 2, Result(0xFF)), m_oPeer.ReadMessage());
+    ASSERT_TRUE(m_oPeer.Send(corrupted + MakeMsg(kAliveReq, 2, "abc")));
+    EXPECT_EQ(MakeMsg(kAliveCnf, 2, Byte(0xFF)), m_oPeer.ReceiveMessage());
     EXPECT_EQ(CKelIPConnection::eAliveOff, m_oConnection.GetAliveMode());
 
     // Passive: no requests of its own, but silence still ends the connection.
     // Stray confirmations are no data.
-    ASSERT_TRUE(m_oPeer.SendAll(MakeMsg(kAliveReq, 3, U32(300)) + MakeMsg(kAliveCnf, 0, Result(0)) +
-                                MakeMsg(kConnectCnf, 1, Result(0)) + Frame("ab")));
-    EXPECT_EQ(MakeMsg(kAliveCnf, 3, Result(0)), m_oPeer.ReadMessage());
+    ASSERT_TRUE(m_oPeer.Send(MakeMsg(kAliveReq, 3, U32(300)) + MakeMsg(kAliveCnf, 0, Byte(0)) +
+                             MakeMsg(kConnectCnf, 1, Byte(0)) + Frame("ab")));
+    EXPECT_EQ(MakeMsg(kAliveCnf, 3, Byte(0)), m_oPeer.ReceiveMessage());
     EXPECT_EQ(CKelIPConnection::eAlivePassive, m_oConnection.GetAliveMode());
     EXPECT_EQ(300u, m_oConnection.GetAlivePeriod());
-    EXPECT_EQ(MakeMsg(kDisconnectReq, 0), m_oPeer.ReadMessage());
+    EXPECT_EQ(MakeMsg(kDisconnectReq, 0), m_oPeer.ReceiveMessage());
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
     EXPECT_EQ(1, m_oConnection.ConnectIndCount(false));
     EXPECT_EQ(std::vector<std::string>{Frame("ab")}, m_oConnection.Messages());

@@ -4,17 +4,16 @@
 #include "KelIPConnection.h"
 #include "KelIPServerContainer.h"
 #include "KelMsg.h"
-#include "support/kel_loopback_peer.h"
+#include "support/RawPeer.h"
+#include "support/RecordingConnection.h"
 
 #include <gtest/gtest.h>
-
-#include <sys/socket.h>
 
 #include <atomic>
 #include <future>
 #include <memory>
 
-using namespace kel_test;
+using namespace OrvaneTest;
 
 namespace
 {
@@ -29,20 +28,19 @@ size_t CountEntries(CKelIPServerContainer& container)
 
 unsigned int Connect(CKelIPConnection& client, unsigned short port, const std::string& data = "")
 {
-    return client.ConnectReq(kLoopback, port, kWaitMs, kId, CKelIPBase::eTCP, data, true);
+    return client.ConnectReq(LOOPBACK, port, WAIT_MS, kId, CKelIPBase::eTCP, data, true);
 }
 
 // The connect confirmation a raw client gets before the server closes;
 // `request`: the client sends its connect request first.
 std::string RawConnectAnswer(unsigned short port, bool request)
 {
-    CRawSocket raw(socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = Loopback(port);
-    EXPECT_EQ(0, connect(raw.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+    CRawPeer raw;
+    EXPECT_TRUE(raw.Connect(port));
     if (request)
-        raw.SendAll(MakeMsg(0x0201, 1));
-    const std::string answer = raw.ReadMessage();
-    EXPECT_TRUE(raw.WaitForClose());
+        raw.Send(MakeMsg(0x0201, 1));
+    const std::string answer = raw.ReceiveMessage();
+    EXPECT_TRUE(raw.WaitClosed());
     return answer;
 }
 
@@ -216,7 +214,7 @@ TEST(KelIPServerDatagram, EndpointTalksToTheClientThatConnected)
     EXPECT_EQ(CKelIPBase::eWaitingForPeer, endpoint->GetState());
     CRecordingConnection client;
     ASSERT_EQ(eKelIPSuccess,
-              client.ConnectReq(kLoopback, container.GetPort(), kWaitMs, kId, CKelIPBase::eUDP, "", true));
+              client.ConnectReq(LOOPBACK, container.GetPort(), WAIT_MS, kId, CKelIPBase::eUDP, "", true));
     EXPECT_EQ(CKelIPBase::eConnected, endpoint->GetState());
     EXPECT_EQ(1, endpoint->ConnectIndCount(true));
 
@@ -228,7 +226,7 @@ TEST(KelIPServerDatagram, EndpointTalksToTheClientThatConnected)
     ASSERT_TRUE(client.WaitForMessages(1));
     EXPECT_EQ(answer, client.Messages()[0]);
     // Disconnecting returns the endpoint to waiting for a peer.
-    EXPECT_EQ(eKelIPSuccess, client.DisconnectReq(kWaitMs));
+    EXPECT_EQ(eKelIPSuccess, client.DisconnectReq(WAIT_MS));
     EXPECT_TRUE(WaitUntil([&] { return endpoint->GetState() == CKelIPBase::eWaitingForPeer; }));
     EXPECT_EQ(1, endpoint->ConnectIndCount(false));
     EXPECT_EQ(0u, container.CountActiveTCPConnections());

@@ -51,10 +51,10 @@ bool IsBlocked(pid_t tid)
 // A thread blocked in event.Wait(timeoutMs); constructed once it is blocked.
 struct Waiter
 {
-    explicit Waiter(CKelEvent& event, unsigned int timeoutMs = KEL_INFINITE)
-        : event(event), thread([this, &event, timeoutMs] {
+    explicit Waiter(CKelEvent& target, unsigned int timeoutMs = KEL_INFINITE)
+        : event(target), thread([this, &target, timeoutMs] {
               tid = static_cast<pid_t>(syscall(SYS_gettid));
-              result = event.Wait(timeoutMs) ? 1 : 0;
+              result = target.Wait(timeoutMs) ? 1 : 0;
           })
     {
         EXPECT_TRUE(Eventually([this] { return tid.load() != 0 && IsBlocked(tid.load()); }));
@@ -192,7 +192,10 @@ namespace
 class CountingThread : public CKelThread
 {
 public:
-    explicit CountingThread(unsigned int stackSize = 0, bool loop = true) : CKelThread(stackSize), m_bLoop(loop) {}
+    explicit CountingThread(unsigned int requestedStackSize = 0, bool loop = true)
+        : CKelThread(requestedStackSize), m_bLoop(loop)
+    {
+    }
     ~CountingThread() override { Terminate(); }
 
     bool WaitFinished()

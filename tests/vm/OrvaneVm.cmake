@@ -1,5 +1,9 @@
-# orvane_add_vm_test: registers a CTest test that boots the SocketCAN VM once
-# and runs a scenario script in it (see run-vm.sh for what the VM offers).
+# Tests on a real SocketCAN stack, inside a QEMU VM (the host kernel has no CAN).
+#
+# A test folder's <name>_vm_test.cpp (or vm/<name>_vm_test.cpp) with
+# <name>_scenario.sh beside it is registered by orvane_test_folder
+# (tests/CMakeLists.txt) as the VM test <name>_vm: the test program and the
+# folder's DEPENDS go into the VM and the scenario runs them. Directly:
 #
 #   orvane_add_vm_test(NAME <test name>
 #                      SCENARIO <shell script run inside the VM>
@@ -7,7 +11,15 @@
 #                      [FILES <path>...]              # copied to /opt/vm/files
 #                      [TIMEOUT <seconds>])           # limit for the VM run, default 300
 #
-# The test carries the label "vm" and fails (never skips) when the VM cannot start.
+# One boot runs the whole scenario: group related cases into one scenario.
+# Inside the VM vcan0 and vcan1 are up, the binaries and candump, cansend and
+# cangen are on PATH, the working directory is /tmp, and busybox provides the
+# shell tools (ip, sleep, timeout, ...); the scenario runs under busybox sh.
+# Its exit status is the test's result. The test carries the label "vm" and
+# fails (never skips) when the VM cannot start. Run only these tests with
+# `ctest -L vm`; the sanitizer runs leave them out with `-LE vm`. The kernel
+# package is downloaded on first use into /var/cache/orvane-vm (override with
+# ORVANE_VM_CACHE); see run-vm.sh for what the VM offers.
 set(ORVANE_VM_RUNNER ${CMAKE_CURRENT_LIST_DIR}/run-vm.sh CACHE INTERNAL "VM test runner")
 
 function(orvane_add_vm_test)

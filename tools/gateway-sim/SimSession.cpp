@@ -105,15 +105,28 @@ void CSimSession::OnTelegram(const char* pData, unsigned short nLength)
     if (oOutcome.bInjected)
         ++m_roCounters.nInjectedErrors;
 
+    // A freeze takes effect before the answer goes out: a client that has its
+    // answer gets nothing more, frames of other clients included.
+    FreezeIfDue();
     if (oOutcome.bConfirm)
         m_oOutbox.PostConfirmation(oOutcome.oConfirmation.GetMessageData());
     for (const SCanFrame& oFrame : oOutcome.aoBusFrames)
     {
         m_roBus.Transmit(oFrame, oOutcome.oTime, this);
         if (m_oOptions.bEcho)
-            OnBusFrame(oFrame, oOutcome.oTime);
+            PostIndication(oFrame, oOutcome.oTime);
     }
     CountFaultAfter();
+}
+
+void CSimSession::FreezeIfDue()
+{
+    const bool bCloseDue = m_oOptions.nCloseAfter != 0 && m_nTelegrams >= m_oOptions.nCloseAfter;
+    if (!bCloseDue && m_oOptions.nFreezeAfter != 0 && m_nTelegrams >= m_oOptions.nFreezeAfter && !m_bFrozen.load())
+    {
+        m_bFrozen.store(true);
+        m_roLog.Line(m_sName + ": frozen after " + std::to_string(m_nTelegrams) + " telegrams (fault injection)");
+    }
 }
 
 // Applies the per-connection telegram limits once a telegram was handled.
@@ -126,17 +139,18 @@ void CSimSession::CountFaultAfter()
                      " telegrams (fault injection)");
         m_oOutbox.PostClose();
     }
-    else if (m_oOptions.nFreezeAfter != 0 && m_nTelegrams >= m_oOptions.nFreezeAfter && !m_bFrozen.load())
-    {
-        m_bFrozen.store(true);
-        m_roLog.Line(m_sName + ": frozen after " + std::to_string(m_nTelegrams) + " telegrams (fault injection)");
-    }
+    else
+        FreezeIfDue();
 }
 
 void CSimSession::OnBusFrame(const SCanFrame& oFrame, const STimeStamp& oTime)
 {
-    if (m_bFrozen.load() || m_bClosing.load())
-        return;
+    if (!m_bFrozen.load() && !m_bClosing.load())
+        PostIndication(oFrame, oTime);
+}
+
+void CSimSession::PostIndication(const SCanFrame& oFrame, const STimeStamp& oTime)
+{
     bool bTimeStamps;
     {
         CKelLockGuard oLock(m_oClientMutex);

@@ -53,6 +53,11 @@ public:
 
 private:
     void CountFaultAfter();
+    // Freezes once the telegram count reaches its limit, unless the
+    // connection is to be closed instead.
+    void FreezeIfDue();
+    // Queues the indication of a bus frame for the client.
+    void PostIndication(const SCanFrame& oFrame, const STimeStamp& oTime);
 
     CCanPortModel& m_roPort;
     CCanBus& m_roBus;

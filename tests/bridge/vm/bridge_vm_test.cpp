@@ -2,7 +2,7 @@
 // orvane-gateway-sim with its bus on vcan1, both on 127.0.0.1; frames sent with
 // cansend and seen with candump, the bridge's output read as it is written.
 #include "support/ChildProcess.h"
-#include "support/RawClient.h"
+#include "support/Wait.h"
 #include "support/can_tools.h"
 
 #include "OrvaneDllCan.h"
@@ -16,8 +16,8 @@
 #include <memory>
 #include <sstream>
 
-using SimTest::CChildProcess;
-using SimTest::WaitFor;
+using OrvaneTest::CChildProcess;
+using OrvaneTest::WaitUntil;
 using vmtest::CanDump;
 using vmtest::runProgram;
 
@@ -103,7 +103,7 @@ protected:
     // True once the bridge has printed sLine at least nCount times.
     bool WaitForBridge(const std::string& sLine, int nCount = 1, int nTimeoutMs = PATIENCE_MS) const
     {
-        return WaitFor([&] { return Count(BridgeOutput(), sLine) >= nCount; }, nTimeoutMs);
+        return WaitUntil([&] { return Count(BridgeOutput(), sLine) >= nCount; }, nTimeoutMs);
     }
 
     // Sends each frame with cansend on sFrom; candump on sTo must show exactly
@@ -252,7 +252,7 @@ TEST_F(BridgeVm, SignalsEndTheBridgeWithStatusZeroWithinASecondAndAHalf)
         EXPECT_LT(nMs, 3000);
         if (oCase.bGatewayUp) // the device was closed with a disconnect request
         {
-            EXPECT_TRUE(WaitFor([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
+            EXPECT_TRUE(WaitUntil([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
         }
     }
 }

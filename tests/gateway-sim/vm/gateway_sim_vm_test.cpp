@@ -1,7 +1,7 @@
 // Runs inside the SocketCAN test VM: orvane-gateway-sim with its bus on vcan1,
 // a raw TCP client on loopback, candump and cansend on vcan1.
 #include "support/ChildProcess.h"
-#include "support/RawClient.h"
+#include "support/RawPeer.h"
 
 #include "SimTypes.h"
 
@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <regex>
 
-using namespace SimTest;
+using namespace OrvaneTest;
 
 namespace
 {
@@ -36,9 +36,9 @@ protected:
         delete s_poSim;
     }
     // Connects once the simulator listens (it starts in the background).
-    static bool OpenClient(CRawClient& oClient)
+    static bool OpenClient(CRawPeer& oClient)
     {
-        return WaitFor([&] { return oClient.Open(SIM_PORT); });
+        return WaitUntil([&] { return oClient.Open(SIM_PORT); });
     }
 
     static CChildProcess* s_poSim;
@@ -48,7 +48,7 @@ CChildProcess* GatewaySimVm::s_poSim = nullptr;
 
 TEST_F(GatewaySimVm, FrameWrittenByAClientAppearsOnVcan1InCandump)
 {
-    CRawClient oClient;
+    CRawPeer oClient;
     ASSERT_TRUE(OpenClient(oClient));
     // candump ends after two frames; frames written before it listens are not
     // seen, so the client writes until candump has exited.
@@ -69,7 +69,7 @@ TEST_F(GatewaySimVm, FrameWrittenByAClientAppearsOnVcan1InCandump)
 
 TEST_F(GatewaySimVm, FrameSentWithCansendReachesTheClient)
 {
-    CRawClient oClient;
+    CRawPeer oClient;
     ASSERT_TRUE(OpenClient(oClient));
     ASSERT_EQ(std::system("cansend vcan1 456#AABBCC"), 0);
     EXPECT_EQ(oClient.ReceiveHex(), Indication("56 04 00 00 00 AA BB CC"));

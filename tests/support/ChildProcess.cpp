@@ -1,6 +1,6 @@
 #include "ChildProcess.h"
 
-#include "RawClient.h"
+#include "Wait.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -11,13 +11,13 @@
 #include <fstream>
 #include <sstream>
 
-namespace SimTest
+namespace OrvaneTest
 {
 
 CChildProcess::CChildProcess(const std::vector<std::string>& asArgs, const std::string& sProgram)
 {
     static std::atomic<int> s_nCount{0};
-    m_sOutputPath = "/tmp/gateway-sim-test-" + std::to_string(getpid()) + "-" + std::to_string(++s_nCount) + ".log";
+    m_sOutputPath = "/tmp/orvane-test-" + std::to_string(getpid()) + "-" + std::to_string(++s_nCount) + ".log";
     std::vector<std::string> asCopy(asArgs);
     std::vector<char*> apArgv;
     for (std::string& sArg : asCopy)
@@ -42,14 +42,14 @@ CChildProcess::~CChildProcess()
     unlink(m_sOutputPath.c_str());
 }
 
-bool CChildProcess::WaitForOutput(const std::string& sText, int nTimeoutMs) const
+bool CChildProcess::WaitForOutput(const std::string& sText, unsigned int nTimeoutMs) const
 {
-    return WaitFor([&] { return Output().find(sText) != std::string::npos; }, nTimeoutMs);
+    return WaitUntil([&] { return Output().find(sText) != std::string::npos; }, nTimeoutMs);
 }
 
-int CChildProcess::WaitExit(int nTimeoutMs)
+int CChildProcess::WaitExit(unsigned int nTimeoutMs)
 {
-    if (m_nPid > 0 && WaitFor([&] { return waitpid(m_nPid, &m_nStatus, WNOHANG) == m_nPid; }, nTimeoutMs))
+    if (m_nPid > 0 && WaitUntil([&] { return waitpid(m_nPid, &m_nStatus, WNOHANG) == m_nPid; }, nTimeoutMs))
         m_nPid = -1;
     return m_nPid > 0 ? -1 : m_nStatus;
 }
@@ -69,4 +69,4 @@ std::string CChildProcess::Output() const
     return oText.str();
 }
 
-} // namespace SimTest
+} // namespace OrvaneTest

@@ -1,14 +1,14 @@
-// A program run by a simulator test, with its standard output and error in a
-// file of its own; killed at the end if it still runs.
-#ifndef GATEWAY_SIM_TEST_CHILD_PROCESS_H
-#define GATEWAY_SIM_TEST_CHILD_PROCESS_H
+// A program run by a test, with its standard output and error in a file of
+// its own; killed at the end if it still runs.
+#ifndef ORVANE_TEST_CHILD_PROCESS_H
+#define ORVANE_TEST_CHILD_PROCESS_H
 
 #include <sys/types.h>
 
 #include <string>
 #include <vector>
 
-namespace SimTest
+namespace OrvaneTest
 {
 
 class CChildProcess
@@ -21,9 +21,9 @@ public:
     CChildProcess& operator=(const CChildProcess&) = delete;
 
     // True once sText has appeared in the output within nTimeoutMs.
-    bool WaitForOutput(const std::string& sText, int nTimeoutMs = 10000) const;
+    bool WaitForOutput(const std::string& sText, unsigned int nTimeoutMs = 10000) const;
     // The exit status once the program has ended within nTimeoutMs, else -1.
-    int WaitExit(int nTimeoutMs = 10000);
+    int WaitExit(unsigned int nTimeoutMs = 10000);
     int Stop(int nSignal); // sends the signal, then WaitExit
     std::string Output() const;
 
@@ -33,6 +33,6 @@ private:
     std::string m_sOutputPath;
 };
 
-} // namespace SimTest
+} // namespace OrvaneTest
 
 #endif

@@ -1,0 +1,86 @@
+// A CKelIPConnection that records what its hooks receive, so that a test can
+// wait for messages and connection changes.
+#ifndef ORVANE_TEST_RECORDING_CONNECTION_H
+#define ORVANE_TEST_RECORDING_CONNECTION_H
+
+#include "Wait.h"
+
+#include "KelIPConnection.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace OrvaneTest
+{
+
+class CRecordingConnection : public CKelIPConnection
+{
+public:
+    using CKelIPConnection::CKelIPConnection;
+    ~CRecordingConnection() override { Shutdown(); }
+
+    void ConnectInd(bool bConnected) override
+    {
+        Record([&] { ++m_anInd[bConnected]; });
+    }
+    void DataInd(const char* pData, unsigned short nLength) override
+    {
+        const std::string sMessage(pData, nLength);
+        if (m_fOnData)
+            m_fOnData(*this, sMessage);
+        Record([&] { m_asMessages.push_back(sMessage); });
+    }
+    bool WaitForMessages(size_t nCount)
+    {
+        return Wait([&] { return m_asMessages.size() >= nCount; });
+    }
+    bool WaitForConnectInd(bool bConnected, int nCount)
+    {
+        return Wait([&] { return m_anInd[bConnected] >= nCount; });
+    }
+    std::vector<std::string> Messages()
+    {
+        return Read([&] { return m_asMessages; });
+    }
+    int ConnectIndCount(bool bConnected)
+    {
+        return Read([&] { return m_anInd[bConnected]; });
+    }
+
+    // Called on the read thread with each message before it is recorded.
+    std::function<void(CRecordingConnection&, const std::string&)> m_fOnData;
+
+private:
+    template <class F>
+    void Record(F fChange)
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        fChange();
+        m_oChanged.notify_all();
+    }
+    template <class F>
+    auto Read(F fRead) -> decltype(fRead())
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return fRead();
+    }
+    template <class F>
+    bool Wait(F fCondition)
+    {
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        return m_oChanged.wait_for(oLock, std::chrono::milliseconds(WAIT_MS), fCondition);
+    }
+
+    std::mutex m_oMutex;
+    std::condition_variable m_oChanged;
+    std::vector<std::string> m_asMessages;
+    int m_anInd[2] = {0, 0}; // ConnectInd(false), ConnectInd(true)
+};
+
+} // namespace OrvaneTest
+
+#endif
