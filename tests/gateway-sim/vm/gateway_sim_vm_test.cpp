@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <regex>
 
 using namespace OrvaneTest;
 
@@ -62,9 +61,13 @@ TEST_F(GatewaySimVm, FrameWrittenByAClientAppearsOnVcan1InCandump)
         bExited = oCandump.WaitExit(100) != -1;
     }
     ASSERT_TRUE(bExited) << "candump saw nothing on vcan1";
-    const std::string sDump = oCandump.Output();
-    EXPECT_TRUE(std::regex_search(sDump, std::regex("vcan1 +123 +\\[2\\] +11 22"))) << sDump;
-    EXPECT_TRUE(std::regex_search(sDump, std::regex("vcan1 +12345678 +\\[2\\] +DE AD"))) << sDump;
+    // candump pads its columns with blanks: compare with single blanks.
+    std::string sDump;
+    for (char c : oCandump.Output())
+        if (c != ' ' || (!sDump.empty() && sDump.back() != ' '))
+            sDump += c;
+    EXPECT_NE(sDump.find("vcan1 123 [2] 11 22"), std::string::npos) << sDump;
+    EXPECT_NE(sDump.find("vcan1 12345678 [2] DE AD"), std::string::npos) << sDump;
 }
 
 TEST_F(GatewaySimVm, FrameSentWithCansendReachesTheClient)
