@@ -36,13 +36,6 @@ COrvaneMsg* TakeMessage(std::map<short, COrvaneClient::CMessageItem*>& aoMessage
     return poMsg;
 }
 
-std::string Hex(unsigned int nValue)
-{
-    std::ostringstream oText;
-    oText << std::hex << std::uppercase << nValue;
-    return oText.str();
-}
-
 std::string DumpOf(const std::string& sText, const COrvaneMsg& oMsg)
 {
     const std::string sWire = oMsg.GetMessageData();
@@ -187,7 +180,7 @@ int COrvaneClient::SendMsg(const COrvaneMsg& oRequest, COrvaneMsg*& poConfirmati
             nRet = ORVANE_ERR_TELEGRAM_NOT_CONFIRMED;
     }
     if (nRet != ORVANE_OK && IsTraceActive(TRACE_LEVEL_ERROR))
-        Trace(TRACE_LEVEL_ERROR, __LINE__, OrvaneErrorMsg(nRet) + ": 0x" + Hex(static_cast<unsigned int>(nRet)));
+        Trace(TRACE_LEVEL_ERROR, __LINE__, OrvaneErrorMsg(nRet) + ": 0x" + HexText(static_cast<unsigned int>(nRet)));
     return nRet;
 }
 
@@ -350,6 +343,13 @@ bool COrvaneClient::IsTraceActive(unsigned char nLevel)
 void COrvaneClient::Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText)
 {
     CTraceServer::SendTraceMessage(nLevel, TRACE_CATEGORY, TRACE_FILTER_MASK, nLine, TRACE_FILE, sText.c_str(), 0);
+}
+
+std::string COrvaneClient::HexText(unsigned int nValue)
+{
+    std::ostringstream oText;
+    oText << std::hex << std::uppercase << nValue;
+    return oText.str();
 }
 
 std::string COrvaneClient::RequestTraceText(const char* pcName) const

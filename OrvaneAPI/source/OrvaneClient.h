@@ -248,6 +248,8 @@ protected:
                     const unsigned int* pnTimeout);
     // "<pcName> requested to <host>".
     std::string RequestTraceText(const char* pcName) const;
+    // A value in upper-case hexadecimal without prefix, as the trace texts print it.
+    static std::string HexText(unsigned int nValue);
 
     // Stops the connection's threads (disconnecting first when connected):
     // after it no thread calls DataInd, ConInd or DataIndRespond any more.

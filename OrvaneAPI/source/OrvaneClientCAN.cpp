@@ -30,13 +30,6 @@ struct SParam
     SParam& Flag(const char* pcName, bool bValue) { return Num(pcName, bValue ? 1 : 0); }
 };
 
-std::string HexText(unsigned int nValue)
-{
-    std::ostringstream oText;
-    oText << std::hex << std::uppercase << nValue;
-    return oText.str();
-}
-
 // A 32-bit value of the SDO confirmations from payload bytes 2 to 5, filled
 // as far as the payload reaches. Each byte is taken as signed and added at
 // its place, so a byte of 0x80 or more borrows from the bytes above it: the

@@ -16,13 +16,6 @@ namespace
 // Level of the transfer traces.
 constexpr unsigned char TRACE_LEVEL_TRANSFER = 0x08;
 
-std::string HexText(unsigned int nValue)
-{
-    std::ostringstream oText;
-    oText << std::hex << std::uppercase << nValue;
-    return oText.str();
-}
-
 // Bit mask 1 << n with the shift count taken modulo 32, as the processor
 // takes it.
 unsigned int Bit(unsigned int nShift)

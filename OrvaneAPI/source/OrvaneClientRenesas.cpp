@@ -15,13 +15,6 @@ namespace
 
 constexpr unsigned char TRACE_LEVEL_TRANSFER = 0x08;
 
-std::string HexText(unsigned int nValue)
-{
-    std::ostringstream oText;
-    oText << std::hex << std::uppercase << nValue;
-    return oText.str();
-}
-
 } // namespace
 
 COrvaneClientRenesas::COrvaneClientRenesas(int nTimeout)
