@@ -74,7 +74,7 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
     CDeviceManager::CloseAllDevices();
     EXPECT_EQ(CANDeviceConnectState(8), INVALID_HANDLE);
     EXPECT_EQ(CANDeviceConnectState(9), INVALID_HANDLE);
-    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 0; }));
     ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
     EXPECT_EQ(nHandle, 10);
     EXPECT_EQ(CANCloseDevice(nHandle), 0);
@@ -92,7 +92,7 @@ TEST(DeviceManager, FailedConfigurationLeavesNoHandle)
     int nNext = 0;
     EXPECT_EQ(CDeviceManager::OpenDevice(&nNext, HOST, 1000, 4, 0, 1, true), INVALID_DEVICE_TYPE);
     EXPECT_FALSE(CDeviceManager::GetDevice(nNext - 1)) << "the failed open's handle is gone";
-    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; })) << "and its connection closed";
+    EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 0; })) << "and its connection closed";
 }
 
 // Closing a handle while another thread writes on it: the writer sees 0 or a
@@ -116,11 +116,11 @@ TEST(DeviceManager, CloseWhileAnotherThreadWrites)
             ++nWrites;
         }
     });
-    EXPECT_TRUE(WaitFor([&] { return nWrites.load() >= 200; }));
+    EXPECT_TRUE(WaitUntil([&] { return nWrites.load() >= 200; }));
     EXPECT_EQ(CANCloseDevice(nHandle), 0);
     oWriter.join();
     EXPECT_EQ(nUnexpected.load(), 0);
-    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 0; }));
 }
 
 // Callbacks run on the receive thread while the main thread closes.
@@ -147,7 +147,7 @@ TEST(DeviceManager, CloseWhileCallbacksRun)
         g_nFrames = 0;
         g_bClosed = false;
         ASSERT_EQ(CANSetCallbackEx(nHandle, CountFrame), 0);
-        ASSERT_TRUE(WaitFor([] { return g_nFrames.load() >= 100; }));
+        ASSERT_TRUE(WaitUntil([] { return g_nFrames.load() >= 100; }));
         EXPECT_EQ(CANCloseDevice(nHandle), 0);
         g_bClosed = true;
     }
@@ -180,12 +180,12 @@ TEST(DeviceManager, CallbackClosesItsOwnHandle)
     ASSERT_EQ(Open(oSim.CanPort(), &nWriter), 0);
     ASSERT_EQ(CANSetCallback(nReader, CloseOwnHandle), 0);
     ASSERT_EQ(CANWrite(nWriter, 0x55, "x", 1, 0), 0);
-    ASSERT_TRUE(WaitFor([] { return g_nWriteAfter.load() != -1; }));
+    ASSERT_TRUE(WaitUntil([] { return g_nWriteAfter.load() != -1; }));
     EXPECT_EQ(g_nSelfClose.load(), 0);
     EXPECT_EQ(g_nWriteAfter.load(), INVALID_HANDLE);
     EXPECT_EQ(CANDeviceConnectState(nReader), INVALID_HANDLE);
     CDeviceManager::WaitForReleasedDevices();
-    EXPECT_TRUE(WaitFor([&] { return oSim.ConnectedClients() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 1; }));
     EXPECT_EQ(CANCloseDevice(nWriter), 0);
 }
 

@@ -39,7 +39,7 @@ std::vector<std::string> SeenSoFar()
 }
 bool WaitSeen(std::size_t nCount)
 {
-    return WaitFor([nCount] { return SeenSoFar().size() >= nCount; });
+    return WaitUntil([nCount] { return SeenSoFar().size() >= nCount; });
 }
 
 std::string Text(const char* pcData, int nLength)
@@ -248,7 +248,7 @@ TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
 {
     const int nHandle = Open();
     ASSERT_EQ(CANCloseDevice(nHandle), 0);
-    ASSERT_TRUE(WaitFor([&] { return m_oSim.ConnectedClients() == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return m_oSim.ConnectedClients() == 0; }));
 
     // Each output starts at a value no function would write.
     unsigned int nU = 0xDEAD, anU[4] = {0xDEAD};

@@ -5,6 +5,7 @@
 #include "GatewaySim.h"
 #include "OrvaneClientCAN.h"
 #include "OrvaneProtocol.h"
+#include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
@@ -17,6 +18,7 @@
 #include <vector>
 
 using namespace GatewaySim;
+using OrvaneTest::WaitUntil;
 
 namespace
 {
@@ -57,19 +59,6 @@ private:
     std::condition_variable m_oArrived;
     std::vector<std::string> m_asFrames;
 };
-
-template <typename F>
-bool WaitUntil(F fnDone)
-{
-    const auto oLimit = std::chrono::steady_clock::now() + WAIT_LIMIT;
-    while (!fnDone())
-    {
-        if (std::chrono::steady_clock::now() > oLimit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 class OrvaneClientSim : public ::testing::Test
 {

@@ -5,99 +5,32 @@
 #include "OrvaneClientSPI.h"
 #include "OrvaneClientTestSystem.h"
 #include "TraceServer.h"
-#include "TraceTelegram.h"
 #include "support/ClientSeams.h"
+#include "support/TraceViewer.h"
 
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <functional>
 #include <vector>
 
 using namespace ClientTest;
+using OrvaneTest::CTraceViewer;
 
 namespace
 {
 
-sockaddr_in Loopback(unsigned short nPort)
+// Category 3 (device clients) all bits, at the given levels.
+void Activate(CTraceViewer& oViewer, unsigned char nLevels)
 {
-    return sockaddr_in{AF_INET, htons(nPort), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_TRUE(oViewer.Activate(nLevels, {0, 0, 0, 0xFFFFFFFF}));
 }
-
-// A trace viewer: activates levels for category 3 and reads trace texts.
-class CViewer
-{
-public:
-    CViewer()
-    {
-        sockaddr_in oAddr = Loopback(0);
-        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddr), sizeof(oAddr));
-    }
-    ~CViewer() { close(m_nSocket); }
-
-    // Activate request: levels, 4 masks (category 3 all bits), CRC = XOR of
-    // every byte before it.
-    void Activate(unsigned char nLevels)
-    {
-        std::string s = Hex("17 00 01 00 00 00") + static_cast<char>(nLevels) + Hex("04");
-        s += std::string(12, '\0') + Hex("FF FF FF FF");
-        char nCrc = 0;
-        for (char c : s)
-            nCrc ^= c;
-        Send(s + nCrc);
-        // The server answers a categories request after the activation: then
-        // the activation has been handled.
-        Send(Hex("04 00 02 00 00 00 00"));
-        Receive();
-    }
-
-    // Text of the next trace message, "" when none comes within 5 s.
-    std::string NextText()
-    {
-        const std::string sBytes = Receive();
-        if (sBytes.empty())
-            return std::string();
-        return CTraceMessageTelegram(static_cast<unsigned short>(sBytes.size()), sBytes.data()).GetMessageText();
-    }
-
-    bool Quiet()
-    {
-        pollfd oReadable = {m_nSocket, POLLIN, 0};
-        return poll(&oReadable, 1, 0) == 0;
-    }
-
-private:
-    void Send(const std::string& sBytes)
-    {
-        const sockaddr_in oServer = Loopback(CTraceServer::m_nServerUdpPort);
-        sendto(m_nSocket, sBytes.data(), sBytes.size(), 0, reinterpret_cast<const sockaddr*>(&oServer),
-               sizeof(oServer));
-    }
-    std::string Receive()
-    {
-        pollfd oReadable = {m_nSocket, POLLIN, 0};
-        if (poll(&oReadable, 1, 5000) != 1)
-            return std::string();
-        std::string sBuffer(65536, '\0');
-        const ssize_t n = recv(m_nSocket, &sBuffer[0], sBuffer.size(), 0);
-        sBuffer.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-        return sBuffer;
-    }
-
-    int m_nSocket = socket(AF_INET, SOCK_DGRAM, 0);
-};
 
 } // namespace
 
 TEST(OrvaneClientTrace, RequestTexts)
 {
     ASSERT_EQ(CTraceServer::Init(0), 0);
-    CViewer oViewer;
+    CTraceViewer oViewer;
     CScriptedClient oClient;
     oClient.ReplyWith("00");
     const std::string H = " requested to " + oClient.GetConnection().GetHost();
@@ -143,7 +76,7 @@ TEST(OrvaneClientTrace, RequestTexts)
     };
 
     // Request texts only (level 4).
-    oViewer.Activate(0x04);
+    Activate(oViewer, 0x04);
     for (const SCase& oCase : aoCases)
     {
         EXPECT_EQ(oCase.fnCall(), 0) << oCase.sText;
@@ -152,7 +85,7 @@ TEST(OrvaneClientTrace, RequestTexts)
     EXPECT_TRUE(oViewer.Quiet());
 
     // Failures (level 2): the error text and the code.
-    oViewer.Activate(0x02);
+    Activate(oViewer, 0x02);
     oClient.m_fnReply = nullptr;
     EXPECT_EQ(oClient.CANopenSendSDORead(5, 0x1000, 1, 0, n8, n32), ORVANE_ERR_TCP_TIMEOUT);
     EXPECT_EQ(oViewer.NextText(), "TCP/IP timeout occured: 0x40000");
@@ -163,7 +96,7 @@ TEST(OrvaneClientTrace, RequestTexts)
 TEST(OrvaneClientTrace, OtherKindsTextsAndLevels)
 {
     ASSERT_EQ(CTraceServer::Init(0), 0);
-    CViewer oViewer;
+    CTraceViewer oViewer;
     CScripted<COrvaneClientI2C> oI2C;
     CScripted<COrvaneClientSPI> oSPI;
     CScripted<COrvaneClientRenesas> oRenesas;
@@ -179,7 +112,7 @@ TEST(OrvaneClientTrace, OtherKindsTextsAndLevels)
     unsigned short nCount = 0;
 
     // Transfers trace at level 8, settings at level 4.
-    oViewer.Activate(0x08);
+    Activate(oViewer, 0x08);
     EXPECT_EQ(oI2C.SetBaudrate(100), 0);
     EXPECT_EQ(oI2C.Read(0xA1, acBuffer, 4, nCount), 0);
     EXPECT_EQ(oViewer.NextText(), "READ" + H + ",slave address=0xA1");
@@ -189,7 +122,7 @@ TEST(OrvaneClientTrace, OtherKindsTextsAndLevels)
     EXPECT_EQ(oViewer.NextText(), "RENESASA WRITE" + H + ",page address=0x1F");
     EXPECT_TRUE(oViewer.Quiet());
 
-    oViewer.Activate(0x04);
+    Activate(oViewer, 0x04);
     EXPECT_EQ(oI2C.Read(0xA1, acBuffer, 4, nCount), 0);
     EXPECT_EQ(oI2C.SetBaudrate(100), 0);
     EXPECT_EQ(oViewer.NextText(), "SET GLOBALS" + H + ",Baudrate=100000");

@@ -5,13 +5,11 @@
 // address bytes + data.
 #include "OrvaneHexfile.h"
 #include "TraceServer.h"
-#include "TraceTelegram.h"
+
+#include "support/TraceViewer.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -341,25 +339,9 @@ TEST_F(Hexfile, SizeStringAndDump)
 TEST_F(Hexfile, LoadPhasesAndSkippedRecordsAreTraced)
 {
     ASSERT_EQ(CTraceServer::Init(0), 0);
-    const int nViewer = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in oAddress{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(bind(nViewer, reinterpret_cast<sockaddr*>(&oAddress), sizeof oAddress), 0);
-    oAddress.sin_port = htons(CTraceServer::m_nServerUdpPort);
-    // The level and text of the next trace message, "" after 5 s without one.
-    auto receive = [nViewer]() {
-        pollfd oPoll{nViewer, POLLIN, 0};
-        char acBuffer[2048];
-        const ssize_t nRead = poll(&oPoll, 1, 5000) == 1 ? recv(nViewer, acBuffer, sizeof acBuffer, 0) : 0;
-        const CTraceMessageTelegram oMessage(static_cast<unsigned short>(nRead > 0 ? nRead : 0), acBuffer);
-        return nRead > 0 ? std::to_string(oMessage.GetTraceLevel()) + " " + oMessage.GetMessageText() : "";
-    };
-    // Activate: levels 0x1F, masks 0, 2, 0xFFFFFFFF, 0xFFFFFFFF; the CRC is
-    // the XOR of 17 00 01 00 00 00 1F 04 02 = 0F. The
-    // server traces the activation itself (level 4, category 1, mask 2).
-    const char acActivate[] = "\x17\x00\x01\x00\x00\x00\x1F\x04\x00\x00\x00\x00\x02\x00\x00\x00"
-                              "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x0F";
-    sendto(nViewer, acActivate, sizeof acActivate - 1, 0, reinterpret_cast<sockaddr*>(&oAddress), sizeof oAddress);
-    ASSERT_NE(receive(), "") << "activation not traced";
+    OrvaneTest::CTraceViewer oViewer;
+    ASSERT_TRUE(oViewer.Activate(0x1F, {0, 0, 0xFFFFFFFF, 0xFFFFFFFF}));
+    auto receive = [&oViewer] { return oViewer.NextLevelAndText(); };
 
     const std::string sPath = Write("t.s19", "S0030000FC\nS5030001FB\n");
     COrvaneHexfile oFile;
@@ -375,7 +357,6 @@ TEST_F(Hexfile, LoadPhasesAndSkippedRecordsAreTraced)
     EXPECT_EQ(oFile.LoadFile(sEmpty.c_str()), HEXFILE_NO_DATA);
     EXPECT_EQ(receive(), "4 Datei " + sEmpty + " wird geladen. ");
     EXPECT_EQ(receive(), "2 Eingabe " + sEmpty + " enthaelt keine Daten.");
-    close(nViewer);
     EXPECT_EQ(CTraceServer::Disable(), 0);
 }
 

@@ -2,6 +2,8 @@
 #include "TraceServer.h"
 
 #include "libKelMutex.h"
+#include "support/Bytes.h"
+#include "support/TraceViewer.h"
 
 #include <gtest/gtest.h>
 
@@ -22,21 +24,23 @@
 
 namespace
 {
-using Bytes = std::vector<unsigned char>;
+using Bytes = std::string;
+using OrvaneTest::CTraceViewer;
+using OrvaneTest::FromHex;
 
 // Appends little-endian fields, each given as value and size in bytes.
 void Put(Bytes& out, std::initializer_list<std::pair<unsigned long long, int>> fields)
 {
     for (const auto& field : fields)
         for (int i = 0; i < field.second; ++i)
-            out.push_back(static_cast<unsigned char>(field.first >> (8 * i)));
+            out += static_cast<char>((field.first >> (8 * i)) & 0xFF);
 }
 
 unsigned int LE(const Bytes& bytes, size_t pos, int size)
 {
     unsigned int value = 0;
     for (int i = size - 1; i >= 0; --i)
-        value = (value << 8) | bytes[pos + i];
+        value = (value << 8) | static_cast<unsigned char>(bytes[pos + static_cast<size_t>(i)]);
     return value;
 }
 
@@ -55,21 +59,6 @@ int BoundSocket(unsigned short& port)
     getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
     port = ntohs(address.sin_port);
     return s;
-}
-
-// Activate request with the CRC computed here, independently of the server:
-// XOR of the length, type and counter bytes and of every data byte but the last.
-Bytes ActivateRequest(unsigned char level, const std::vector<unsigned int>& masks, bool corruptCrc = false)
-{
-    Bytes frame;
-    Put(frame, {{4 + 2 + 4 * masks.size() + 1, 2}, {0x0001, 2}, {0, 2}, {level, 1}, {masks.size(), 1}});
-    for (unsigned int mask : masks)
-        Put(frame, {{mask, 4}});
-    unsigned char crc = 0;
-    for (unsigned char byte : frame)
-        crc ^= byte;
-    frame.push_back(static_cast<unsigned char>(corruptCrc ? crc ^ 0x01 : crc));
-    return frame;
 }
 
 // The trace message datagram expected from the server, time fields zeroed.
@@ -98,52 +87,9 @@ Bytes Message(unsigned short counter, unsigned char level, unsigned char categor
 Bytes WithoutTime(Bytes bytes)
 {
     for (size_t i = 6; i < 14 && i < bytes.size(); ++i)
-        bytes[i] = 0;
+        bytes[i] = '\0';
     return bytes;
 }
-
-// Datagrams shorter than 7 bytes are not parsed, so one byte follows the frame.
-const Bytes kGetCategoriesRequest = {0x04, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00};
-
-class CTestViewer
-{
-public:
-    CTestViewer() : m_nSocket(BoundSocket(m_nPort)) {}
-    ~CTestViewer() { close(m_nSocket); }
-    unsigned short Port() const { return m_nPort; }
-
-    void Send(const Bytes& bytes)
-    {
-        const sockaddr_in server = Loopback(CTraceServer::m_nServerUdpPort);
-        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
-                  sendto(m_nSocket, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&server),
-                         sizeof(server)));
-    }
-
-    // The next datagram, or an empty one after the time-out.
-    Bytes Receive(int timeoutMs = 5000)
-    {
-        pollfd readable = {m_nSocket, POLLIN, 0};
-        if (poll(&readable, 1, timeoutMs) != 1)
-            return Bytes();
-        Bytes buffer(65536);
-        const ssize_t received = recv(m_nSocket, buffer.data(), buffer.size(), 0);
-        buffer.resize(received > 0 ? static_cast<size_t>(received) : 0);
-        return buffer;
-    }
-
-    // The server handles datagrams in order, so the categories answer also
-    // proves that everything sent before has been processed.
-    Bytes RoundTrip()
-    {
-        Send(kGetCategoriesRequest);
-        return Receive();
-    }
-
-private:
-    unsigned short m_nPort = 0;
-    int m_nSocket;
-};
 
 unsigned int NowSeconds()
 {
@@ -169,11 +115,11 @@ protected:
     {
         masks.resize(std::max<size_t>(masks.size(), 2), 0);
         masks[1] |= 0x02;
-        m_oViewer.Send(ActivateRequest(level | 0x04, masks));
+        m_oViewer.Send(CTraceViewer::ActivateRequest(level | 0x04, masks));
         ASSERT_FALSE(m_oViewer.Receive().empty());
     }
 
-    CTestViewer m_oViewer;
+    CTraceViewer m_oViewer;
 };
 } // namespace
 
@@ -181,7 +127,7 @@ TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
 {
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF)); // no viewer yet
     const unsigned int before = NowSeconds();
-    m_oViewer.Send(ActivateRequest(0x14, {0x00000000, 0x00000002, 0x00000000, 0x0000FFFF}));
+    m_oViewer.Send(CTraceViewer::ActivateRequest(0x14, {0x00000000, 0x00000002, 0x00000000, 0x0000FFFF}));
     const Bytes m = m_oViewer.Receive();
     EXPECT_EQ(Message(0, 0x04, 1, 0x02, 0, 460, "libOrvane/C++/source/TraceServer",
                       "CTraceServer::CReceiveThread::Run(): received ActivateRequest"),
@@ -210,16 +156,16 @@ TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
 TEST_F(TraceServerTest, InvalidCrcChangesNothingAndReactivationReplacesEverything)
 {
     Activate(0x10, {0, 0, 0, 0x0000FFFF});
-    CTestViewer intruder;
+    CTraceViewer intruder;
     // Level 0x0D makes the CRC 0xAB, so both CRCs print with letters.
-    const Bytes bad = ActivateRequest(0x0D, std::vector<unsigned int>(32, 0xFFFFFFFF), true);
+    const Bytes bad = CTraceViewer::ActivateRequest(0x0D, std::vector<unsigned int>(32, 0xFFFFFFFF), true);
     testing::internal::CaptureStderr();
     intruder.Send(bad);
     ASSERT_FALSE(intruder.RoundTrip().empty());
     char expected[160];
     std::snprintf(expected, sizeof(expected),
                   "received activate request telegram with invalid CRC\nreceived CRC=%02x\tcalculated CRC=%02x\n",
-                  bad.back(), bad.back() ^ 0x01);
+                  static_cast<unsigned char>(bad.back()), static_cast<unsigned char>(bad.back()) ^ 0x01);
     EXPECT_EQ(expected, testing::internal::GetCapturedStderr());
     EXPECT_EQ(-3, Send(0x08, 3, 0xFFFFFFFF));
     EXPECT_EQ(-5, Send(0x10, 5, 0xFFFFFFFF));
@@ -229,7 +175,7 @@ TEST_F(TraceServerTest, InvalidCrcChangesNothingAndReactivationReplacesEverythin
 
     Activate(0x10, {0x11}); // fewer masks: category 3 is switched off
     EXPECT_EQ(-5, Send(0x10, 3, 0xFFFFFFFF));
-    m_oViewer.Send(ActivateRequest(0x00, {0, 0, 0, 0xFFFFFFFF}));
+    m_oViewer.Send(CTraceViewer::ActivateRequest(0x00, {0, 0, 0, 0xFFFFFFFF}));
     ASSERT_FALSE(m_oViewer.RoundTrip().empty());
     EXPECT_EQ(-3, Send(0x10, 3, 0xFFFFFFFF)); // level 0: all off, but the viewer stays (not -2)
 }
@@ -238,19 +184,18 @@ TEST_F(TraceServerTest, OtherRequestsAnswerOrReportButMakeNoViewer)
 {
     CTraceServer::SetCategoryName(0, 7, "General");
     CTraceServer::SetCategoryName(3, 13, "Device client and more");
-    const Bytes expected = {0x1D, 0x00, 0x02, 0x80, 0x00, 0x00, // length 29, type, counter 0
-                            0x04, 0x07, 'G',  'e',  'n',  'e',  'r', 'a', 'l', 0x00, 0x00, 0x0D, 'D',
-                            'e',  'v',  'i',  'c',  'e',  ' ',  'c', 'l', 'i', 'e',  'n',  't'};
+    // Length 29, type, counter 0, then per named category: number, name length, name.
+    const Bytes expected = FromHex("1D 00 02 80 00 00 04 07") + "General" + FromHex("00 00 0D") + "Device client";
     EXPECT_EQ(expected, m_oViewer.RoundTrip());
     CTraceServer::SetCategoryName(0, 0, nullptr);
     CTraceServer::SetCategoryName(3, 0, nullptr);
     EXPECT_EQ(-1, CTraceServer::SetCategoryName(32, 1, "x"));
-    EXPECT_EQ((Bytes{0x05, 0x00, 0x02, 0x80, 0x01, 0x00, 0x00}), m_oViewer.RoundTrip());
+    EXPECT_EQ(FromHex("05 00 02 80 01 00 00"), m_oViewer.RoundTrip());
 
     testing::internal::CaptureStderr();
-    m_oViewer.Send({0x04, 0x00, 0x01, 0x00, 0x00, 0x00});                   // 6 bytes: type 0
-    m_oViewer.Send({0x09, 0x00, 0x03, 0x00, 0x00, 0x00, 0x03, 0, 0, 0, 1}); // status request
-    m_oViewer.Send({0x05, 0x00, 0x01, 0x40, 0x00, 0x00, 0x00});             // a trace message
+    m_oViewer.Send(FromHex("04 00 01 00 00 00"));                // 6 bytes: type 0
+    m_oViewer.Send(FromHex("09 00 03 00 00 00 03 00 00 00 01")); // status request
+    m_oViewer.Send(FromHex("05 00 01 40 00 00 00"));             // a trace message
     ASSERT_FALSE(m_oViewer.RoundTrip().empty());
     EXPECT_EQ("received unexpected telegram with type 0x00\n"
               "received unexpected telegram with type 0x03\n"
@@ -278,10 +223,10 @@ TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
         });
     // Level 0x10 toggles while the senders run; each activation traces itself.
     for (int i = 0; i < kActivations; ++i)
-        m_oViewer.Send(ActivateRequest(i % 2 == 0 ? 0x04 : 0x14, {0, 0x02, 0, 0xFFFFFFFF}));
+        m_oViewer.Send(CTraceViewer::ActivateRequest(i % 2 == 0 ? 0x04 : 0x14, {0, 0x02, 0, 0xFFFFFFFF}));
     for (std::thread& sender : senders)
         sender.join();
-    CTestViewer asker; // the viewer's socket may be full
+    CTraceViewer asker; // the viewer's socket may be full
     ASSERT_FALSE(asker.RoundTrip().empty());
 
     EXPECT_EQ(0, unexpected.load());
@@ -309,8 +254,8 @@ TEST_F(TraceServerTest, DisableResetsEverything)
     // A new start has no viewer and counts from 0 again.
     SetUp();
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF));
-    CTestViewer next;
-    next.Send(ActivateRequest(0x04, {0, 0x02}));
+    CTraceViewer next;
+    next.Send(CTraceViewer::ActivateRequest(0x04, {0, 0x02}));
     const Bytes first = next.Receive();
     ASSERT_GE(first.size(), 6u);
     EXPECT_EQ(0u, LE(first, 4, 2));
@@ -418,8 +363,8 @@ TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
         {
             ASSERT_EQ(0, CTraceServer::Init(0));
         }
-        CTestViewer viewer;
-        viewer.Send(ActivateRequest(0x14, {0, 0x02, 0, 0x1}));
+        CTraceViewer viewer;
+        viewer.Send(CTraceViewer::ActivateRequest(0x14, {0, 0x02, 0, 0x1}));
         ASSERT_FALSE(viewer.Receive().empty());
         ASSERT_EQ(0, CTraceServer::Disable());
         const int victim = socket(AF_INET, SOCK_DGRAM, 0);

@@ -3,11 +3,10 @@
 #include "KelUTCTime.h"
 #include "TraceServer.h"
 
+#include "support/TraceViewer.h"
+
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -262,22 +261,10 @@ TEST(KelLocalTimeTest, SystemZoneAsLegacyFieldsReportIt)
 TEST(KelLocalTimeTest, OutOfRangeZoneIsStoredAndTraced)
 {
     ASSERT_EQ(CTraceServer::Init(0), 0);
-    const int nViewer = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in oAddress{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(bind(nViewer, reinterpret_cast<sockaddr*>(&oAddress), sizeof oAddress), 0);
-    oAddress.sin_port = htons(CTraceServer::m_nServerUdpPort);
-    auto receive = [nViewer]() {
-        pollfd oPoll{nViewer, POLLIN, 0};
-        char acBuffer[2048];
-        const ssize_t nRead = poll(&oPoll, 1, 5000) == 1 ? recv(nViewer, acBuffer, sizeof acBuffer, 0) : 0;
-        return std::string(acBuffer, nRead > 0 ? static_cast<size_t>(nRead) : 0);
-    };
-    // Activate request: levels 0x05, masks 0, 0x02, 0xFFFFFFFF, CRC 0x16. Level
-    // 0x01 / category 2 is the zone message; level 0x04 / category 1 / mask 0x02
-    // makes the server trace the activation, so the test knows it took effect.
-    const char acActivate[] = "\x13\x00\x01\x00\x00\x00\x05\x03\x00\x00\x00\x00\x02\x00\x00\x00\xFF\xFF\xFF\xFF\x16";
-    sendto(nViewer, acActivate, sizeof acActivate - 1, 0, reinterpret_cast<sockaddr*>(&oAddress), sizeof oAddress);
-    ASSERT_FALSE(receive().empty()) << "activation not traced";
+    // Level 0x01 / category 2 is the zone message.
+    OrvaneTest::CTraceViewer oViewer;
+    ASSERT_TRUE(oViewer.Activate(0x01, {0, 0, 0xFFFFFFFF}));
+    auto receive = [&oViewer] { return oViewer.Receive(); };
 
     CKelLocalTime oTime(0, 0);
     oTime.ChangeTimezone(12); // in range: no message
@@ -299,6 +286,5 @@ TEST(KelLocalTimeTest, OutOfRangeZoneIsStoredAndTraced)
         EXPECT_EQ(sMessage.substr(sMessage.size() - sText.size() - 2),
                   std::string(1, static_cast<char>(sText.size())) + '\0' + sText);
     }
-    close(nViewer);
     EXPECT_EQ(CTraceServer::Disable(), 0);
 }

@@ -41,18 +41,6 @@ bool CanBind(unsigned short nTcpPort)
 
 } // namespace
 
-bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs)
-{
-    const auto oDeadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(nTimeoutMs);
-    while (!fCondition())
-    {
-        if (std::chrono::steady_clock::now() > oDeadline)
-            return fCondition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 int UnusedCanPort()
 {
     // Counted down from the top, away from where the simulators start.

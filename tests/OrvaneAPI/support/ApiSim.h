@@ -5,8 +5,8 @@
 #define ORVANE_API_TEST_API_SIM_H
 
 #include "GatewaySim.h"
+#include "support/Wait.h"
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -15,8 +15,7 @@ namespace ApiTest
 
 constexpr const char* HOST = "127.0.0.1";
 
-// Polls fCondition until it holds or nTimeoutMs have passed.
-bool WaitFor(const std::function<bool()>& fCondition, int nTimeoutMs = 5000);
+using OrvaneTest::WaitUntil;
 
 // A CAN port whose TCP port has nothing listening on 127.0.0.1.
 int UnusedCanPort();
