@@ -4,6 +4,7 @@
 #include "OrvaneProtocol.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 using namespace OrvaneAWire;
@@ -75,7 +76,13 @@ bool CWriteFileThread::Stopping()
 
 void CWriteFileThread::Poll()
 {
+    // Two clock reads per millisecond slept: too little to matter.
+    const auto oStart = std::chrono::steady_clock::now();
     CKelThread::Sleep(0, 1);
+    const auto nSlept = std::chrono::steady_clock::now() - oStart;
+    m_roClient.m_nFilePollMicros +=
+        static_cast<unsigned long long>(std::chrono::duration_cast<std::chrono::microseconds>(nSlept).count());
+    ++m_roClient.m_nFilePolls;
     UpdateStatus();
 }
 

@@ -136,6 +136,12 @@ public:
 
     unsigned int GetPageSize() const { return m_nPageSize.load(); }
 
+    // Status polls of the file writers of this client, and the time they
+    // spent sleeping in them, over every file written: tells whether the
+    // 1 ms poll limits the write rate.
+    unsigned long long GetFilePolls() const { return m_nFilePolls.load(); }
+    unsigned long long GetFilePollSleepMicros() const { return m_nFilePollMicros.load(); }
+
     bool DataIndRespond(COrvaneMsg* poMsg) override;
 
 protected:
@@ -156,6 +162,8 @@ private:
     CKelMutex m_oThreadMutex; // guards m_poWriteThread
     std::unique_ptr<CWriteFileThread> m_poWriteThread;
     std::atomic<unsigned int> m_nPageSize;
+    std::atomic<unsigned long long> m_nFilePolls{0};
+    std::atomic<unsigned long long> m_nFilePollMicros{0};
 };
 
 #endif

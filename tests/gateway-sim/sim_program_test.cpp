@@ -68,6 +68,20 @@ TEST(SimOptions, DefaultsAndEveryOption)
     EXPECT_EQ(oOptions.oFaults.nFreezeAfter, 5u);
     EXPECT_EQ(oOptions.oFaults.nCloseAfter, 7u);
     EXPECT_EQ(oOptions.nTcpBase, 6001u);
+
+    SSimOptions oAWire;
+    ASSERT_EQ(Parse({"--awire", "3", "--awire", "0", "--awire-flash", "0x100000", "--awire-page", "3000",
+                     "--awire-delay", "0", "--awire-fail-block", "4", "--awire-fail-status", "0x25"},
+                    oAWire, sError),
+              EParseResult::eRun)
+        << sError;
+    EXPECT_EQ(oAWire.anAWirePorts, (std::vector<int>{3, 0}));
+    EXPECT_EQ(oAWire.anCanPorts, std::vector<int>{0});
+    EXPECT_EQ(oAWire.oAWire.nFlashSize, 0x100000u);
+    EXPECT_EQ(oAWire.oAWire.nPageSize, 3000u);
+    EXPECT_EQ(oAWire.nAWireDelayMs, 0u);
+    EXPECT_EQ(oAWire.oAWire.nFailBlock, 4);
+    EXPECT_EQ(oAWire.oAWire.nFailStatus, 0x25);
 }
 
 TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
@@ -84,6 +98,11 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
         {"--tcp-base", "65500", "1"},
         {"--no-such-option"},
         {"--load"},
+        {"--awire", "100"},
+        {"--awire", "1", "--awire", "1"},
+        {"--awire-page", "0"},
+        {"--awire-fail-status", "1"},
+        {"--tcp-base", "65500", "--awire", "1"},
     };
     for (const auto& asWords : aasBad)
     {
@@ -96,8 +115,10 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
     std::string sError;
     EXPECT_EQ(Parse({"--help"}, oOptions, sError), EParseResult::eHelp);
     const std::string sHelp = HelpText("orvane-gateway-sim");
-    for (const char* pWord : {"--bind", "--tcp-base", "--echo", "--socketcan", "--load", "--max-clients", "--fail",
-                              "--freeze-after", "--close-after", "5001 + 100 * P", "SIGTERM"})
+    for (const char* pWord :
+         {"--bind", "--tcp-base", "--echo", "--socketcan", "--load", "--max-clients", "--fail", "--freeze-after",
+          "--close-after", "5001 + 100 * P", "SIGTERM", "--awire", "--awire-flash", "--awire-page", "--awire-delay",
+          "--awire-fail-block", "--awire-fail-status", "5013 + 100 * P"})
         EXPECT_NE(sHelp.find(pWord), std::string::npos) << pWord;
 }
 

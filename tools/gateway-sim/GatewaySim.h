@@ -19,6 +19,8 @@ namespace GatewaySim
 {
 
 class CSimPort;
+class CAWirePort;
+class CAWirePortModel;
 
 class CGatewaySim
 {
@@ -43,11 +45,17 @@ public:
     // Clients past the connect handshake on the i-th port.
     int ConnectedClients(std::size_t nIndex) const;
 
+    // The i-th aWire programmer of the options (after Start): its TCP port
+    // and its model, whose flash tests compare.
+    unsigned short AWireTcpPort(std::size_t nIndex) const;
+    CAWirePortModel& AWireModel(std::size_t nIndex);
+
 private:
     SSimOptions m_oOptions;
     SSimCounters m_oCounters;
     CSimLog m_oLog;
     std::vector<std::unique_ptr<CSimPort>> m_apPorts;
+    std::vector<std::unique_ptr<CAWirePort>> m_apAWirePorts;
 };
 
 } // namespace GatewaySim

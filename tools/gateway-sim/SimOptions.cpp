@@ -1,5 +1,7 @@
 #include "SimOptions.h"
 
+#include "OrvaneProtocol.h"
+
 #include <getopt.h>
 
 #include <cerrno>
@@ -13,13 +15,26 @@ namespace
 
 // Highest CAN port whose TCP port 5001 + 100 * P still fits 16 bits.
 constexpr unsigned long MAX_CAN_PORT = 645;
+// Highest device port the client library addresses.
+constexpr unsigned long MAX_AWIRE_PORT = 99;
+// Largest simulated flash: 64 MiB.
+constexpr unsigned long MAX_FLASH = 64ul << 20;
 
 enum ELongOnly
 {
     eOptLoadId = 1000,
     eOptFreezeAfter,
-    eOptCloseAfter
+    eOptCloseAfter,
+    eOptAWire,
+    eOptAWireFlash,
+    eOptAWirePage,
+    eOptAWireDelay,
+    eOptAWireFailBlock,
+    eOptAWireFailStatus
 };
+
+// Offset of an aWire port's TCP port from the CAN port with the same number.
+constexpr unsigned int AWIRE_TCP_OFFSET = OrvaneAWire::DEVICE_TYPE - OrvaneCan::DEVICE_TYPE;
 
 // Decimal, 0x hexadecimal; the whole text must be a number <= nMax.
 bool ParseNumber(const char* pText, unsigned long nMax, unsigned long& nValue)
@@ -64,6 +79,12 @@ EParseResult ParseSimOptions(int nArgc, char** apArgv, SSimOptions& oOptions, st
         {"fail", required_argument, nullptr, 'f'},
         {"freeze-after", required_argument, nullptr, eOptFreezeAfter},
         {"close-after", required_argument, nullptr, eOptCloseAfter},
+        {"awire", required_argument, nullptr, eOptAWire},
+        {"awire-flash", required_argument, nullptr, eOptAWireFlash},
+        {"awire-page", required_argument, nullptr, eOptAWirePage},
+        {"awire-delay", required_argument, nullptr, eOptAWireDelay},
+        {"awire-fail-block", required_argument, nullptr, eOptAWireFailBlock},
+        {"awire-fail-status", required_argument, nullptr, eOptAWireFailStatus},
         {"quiet", no_argument, nullptr, 'q'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -135,6 +156,55 @@ EParseResult ParseSimOptions(int nArgc, char** apArgv, SSimOptions& oOptions, st
             (nOption == eOptFreezeAfter ? oOptions.oFaults.nFreezeAfter : oOptions.oFaults.nCloseAfter) =
                 static_cast<unsigned int>(nValue);
             break;
+        case eOptAWire:
+            if (!ParseNumber(optarg, MAX_AWIRE_PORT, nValue))
+            {
+                sError = "invalid aWire port \"" + sArg + "\" (0 to 99)";
+                return EParseResult::eError;
+            }
+            for (int nPort : oOptions.anAWirePorts)
+                if (nPort == static_cast<int>(nValue))
+                {
+                    sError = "aWire port " + sArg + " given twice";
+                    return EParseResult::eError;
+                }
+            oOptions.anAWirePorts.push_back(static_cast<int>(nValue));
+            break;
+        case eOptAWireFlash:
+        case eOptAWirePage:
+            if (!ParseNumber(optarg, MAX_FLASH, nValue) || nValue == 0)
+            {
+                sError = "invalid size \"" + sArg + "\" (1 to 67108864 bytes)";
+                return EParseResult::eError;
+            }
+            (nOption == eOptAWireFlash ? oOptions.oAWire.nFlashSize : oOptions.oAWire.nPageSize) =
+                static_cast<unsigned int>(nValue);
+            break;
+        case eOptAWireDelay:
+            if (!ParseNumber(optarg, 60000, nValue))
+            {
+                sError = "invalid delay \"" + sArg + "\" (0 to 60000 ms)";
+                return EParseResult::eError;
+            }
+            oOptions.nAWireDelayMs = static_cast<unsigned int>(nValue);
+            break;
+        case eOptAWireFailBlock:
+            if (!ParseNumber(optarg, 0x7FFFFFFF, nValue))
+            {
+                sError = "invalid block number \"" + sArg + "\"";
+                return EParseResult::eError;
+            }
+            oOptions.oAWire.nFailBlock = static_cast<int>(nValue);
+            break;
+        case eOptAWireFailStatus:
+            // 0 and 1 mean finished and running, so they cannot report a failure.
+            if (!ParseNumber(optarg, 0xFF, nValue) || nValue < 2)
+            {
+                sError = "invalid failure status \"" + sArg + "\" (2 to 255)";
+                return EParseResult::eError;
+            }
+            oOptions.oAWire.nFailStatus = static_cast<unsigned char>(nValue);
+            break;
         case 'q':
             oOptions.bQuiet = true;
             break;
@@ -166,6 +236,13 @@ EParseResult ParseSimOptions(int nArgc, char** apArgv, SSimOptions& oOptions, st
         if (oOptions.nTcpBase != 0 && oOptions.nTcpBase + 100u * static_cast<unsigned int>(nPort) > 65535u)
         {
             sError = "TCP port of CAN port " + std::to_string(nPort) + " would exceed 65535";
+            return EParseResult::eError;
+        }
+    for (int nPort : oOptions.anAWirePorts)
+        if (oOptions.nTcpBase != 0 &&
+            oOptions.nTcpBase + AWIRE_TCP_OFFSET + 100u * static_cast<unsigned int>(nPort) > 65535u)
+        {
+            sError = "TCP port of aWire port " + std::to_string(nPort) + " would exceed 65535";
             return EParseResult::eError;
         }
     if (!oOptions.sSocketCan.empty() && oOptions.anCanPorts.size() != 1)
@@ -215,6 +292,16 @@ std::string HelpText(const char* pProgram)
              "                         (alive and disconnect requests included) and\n"
              "                         indicate no frames, keeping the TCP connection open\n"
              "      --close-after N    close a connection after its N-th telegram\n"
+             "aWire programmers:\n"
+             "      --awire P          also serve an aWire programmer on port P (0 to 99),\n"
+             "                         TCP port 5013 + 100 * P (PORT + 12 + 100 * P with\n"
+             "                         --tcp-base); may be repeated\n"
+             "      --awire-flash N    flash size in bytes, erased to 0xFF (default 2097152)\n"
+             "      --awire-page N     page size reported until SET_CONFIG (default 512)\n"
+             "      --awire-delay MS   a block write is finished MS ms after the oldest\n"
+             "                         pending one (default 2; 0: at once)\n"
+             "      --awire-fail-block N  the N-th block write (from 0) fails\n"
+             "      --awire-fail-status S progress value reported for it (default 5)\n"
              "Other:\n"
              "  -q, --quiet            no log lines\n"
              "  -h, --help             this text\n"
@@ -237,6 +324,13 @@ std::string HelpText(const char* pProgram)
              "PDO (types 1-4) go onto the bus as frames, SDOs are answered from a simulated\n"
              "object dictionary per node. In CANopen mode, received SYNC, EMCY, PDO and GUARD\n"
              "frames are indicated as such, every other frame as an undefined message.\n"
+             "\n"
+             "Commands answered by an aWire programmer (device type 14): 0xE05/0xE06\n"
+             "SET/GET_CONFIG, 0xEE0 WRITE BLOCK (confirmed at once; write status 0xEE1\n"
+             "indicated with progress 1, then 0 or the failure status, once the block is\n"
+             "finished), 0xEE2 ERASE, 0xEE3 READ, 0xEE4 WRITE USER PAGE, 0xEE5 ERASE USER\n"
+             "PAGE. Unknown commands and bad payloads are logged and not answered. The flash\n"
+             "keeps its contents across connections until the program ends.\n"
              "\n"
              "Example: " +
         std::string(pProgram) + " --echo 0 1\n";

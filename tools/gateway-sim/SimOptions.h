@@ -2,6 +2,7 @@
 #ifndef GATEWAY_SIM_OPTIONS_H
 #define GATEWAY_SIM_OPTIONS_H
 
+#include "AWirePortModel.h"
 #include "FaultSettings.h"
 
 #include <string>
@@ -22,6 +23,11 @@ struct SSimOptions
     unsigned int nLoadRate = 0; // generated frames per second per port
     unsigned int nLoadIdentifier = 0x1F0;
     SFaultSettings oFaults;
+    // aWire programmer ports: port P listens on nTcpBase + 12 + 100 * P
+    // (5013 + 100 * P), the aWire device type's port beside the CAN ports.
+    std::vector<int> anAWirePorts;
+    SAWireSettings oAWire;
+    unsigned int nAWireDelayMs = 2; // a block write stays pending this long
     bool bQuiet = false;
 };
 
