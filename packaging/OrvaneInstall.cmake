@@ -52,7 +52,7 @@ orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvanecan.pc.in ${CMAKE_INST
 orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane-bridge@.service.in lib/systemd/system)
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/bridge-example.conf ${PROJECT_SOURCE_DIR}/README.md
-        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/orvane)
 
 install(FILES ${PROJECT_SOURCE_DIR}/doc/man/orvane-bridge.1 ${PROJECT_SOURCE_DIR}/doc/man/orvane-gateway-sim.1
               ${PROJECT_SOURCE_DIR}/doc/man/orvane-hex.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
