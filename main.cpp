@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -64,6 +65,26 @@ const char* BaseName(const char* sPath)
 
 // Cleared by sigterm; the main loop runs while it is set.
 volatile sig_atomic_t running = 1;
+// Set by SIGUSR1: the main loop prints one line of counters and goes on.
+static volatile sig_atomic_t printCounters = 0;
+
+namespace
+{
+
+// What the bridge has done since it started, for the SIGUSR1 line. Frames
+// from the gateway are counted on the library's receive thread, the rest on
+// the main thread.
+struct SBridgeCounters
+{
+    std::atomic<unsigned long long> m_nToGateway{0};   // frames written to the gateway
+    std::atomic<unsigned long long> m_nFromGateway{0}; // gateway frames written to the socket
+    std::atomic<unsigned long long> m_nDropped{0};     // socket frames no open gateway link took
+    std::atomic<unsigned long long> m_nReconnects{0};  // connections after the first one
+};
+
+SBridgeCounters g_oCounters;
+
+} // namespace
 
 static void usage(FILE* pStream, const char* sProgram)
 {
@@ -83,6 +104,11 @@ static void usage(FILE* pStream, const char* sProgram)
 static void sigterm(int)
 {
     running = 0;
+}
+
+static void sigusr1(int)
+{
+    printCounters = 1;
 }
 
 // Called on the gateway library's receive thread for every frame the gateway
@@ -107,6 +133,8 @@ static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBuff
         std::printf("Error CAN transmit socket:");
         can_error(nResult);
     }
+    else
+        ++g_oCounters.m_nFromGateway;
 }
 
 namespace
@@ -240,7 +268,7 @@ int StartSocketCan(const SBridgeSettings& oSettings)
 // Opens and configures the gateway device. The first failing step ends the
 // chain: its text is printed and whatever the handle holds is closed, so the
 // next pass starts again from nothing.
-void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings)
+void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConnectedBefore)
 {
     int nResult = CANOpenDevice(&nHandle, 0, 1, oSettings.m_nCanPort, oSettings.m_sIPAddress, OPEN_TIMEOUT_MS);
     if (nResult == 0)
@@ -253,6 +281,9 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings)
     if (nResult == 0)
     {
         std::printf("+++ connection to Orvane CAN established\n");
+        if (bConnectedBefore)
+            ++g_oCounters.m_nReconnects;
+        bConnectedBefore = true;
         return;
     }
     char acText[ERROR_TEXT_SIZE] = "";
@@ -278,8 +309,11 @@ void ForwardOneFrame(int nHandle)
         // connect state on the next pass.
         int nSeconds = 0;
         int nMicroseconds = 0;
-        CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
-                   &nSeconds, &nMicroseconds);
+        if (CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
+                       &nSeconds, &nMicroseconds) == 0)
+            ++g_oCounters.m_nToGateway;
+        else
+            ++g_oCounters.m_nDropped;
     }
     else if (nResult != CAN_RC_RX_EMPTY)
     {
@@ -288,14 +322,29 @@ void ForwardOneFrame(int nHandle)
     }
 }
 
+// The SIGUSR1 line, on standard error.
+void PrintCounters(int nHandle)
+{
+    const bool bConnected = nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) == STATE_CONNECTED;
+    std::fprintf(stderr, "counters: to_gateway=%llu from_gateway=%llu dropped=%llu reconnects=%llu state=%s\n",
+                 g_oCounters.m_nToGateway.load(), g_oCounters.m_nFromGateway.load(), g_oCounters.m_nDropped.load(),
+                 g_oCounters.m_nReconnects.load(), bConnected ? "connected" : "disconnected");
+}
+
 // Runs until a signal clears `running`; returns the handle still open.
 int RunBridge(const SBridgeSettings& oSettings)
 {
     int nHandle = NO_DEVICE;
+    bool bConnectedBefore = false;
     for (;;)
     {
         if (running == 0)
             return nHandle;
+        if (printCounters != 0)
+        {
+            printCounters = 0;
+            PrintCounters(nHandle);
+        }
         if (nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) != STATE_CONNECTED)
         {
             std::fprintf(stderr, "+++ error: connection to Orvane CAN lost, reconnecting\n");
@@ -303,7 +352,7 @@ int RunBridge(const SBridgeSettings& oSettings)
             nHandle = NO_DEVICE;
         }
         if (nHandle == NO_DEVICE)
-            ConnectGateway(nHandle, oSettings);
+            ConnectGateway(nHandle, oSettings, bConnectedBefore);
         ForwardOneFrame(nHandle);
     }
 }
@@ -315,6 +364,7 @@ int main(int argc, char** argv)
     std::signal(SIGINT, sigterm);
     std::signal(SIGHUP, sigterm);
     std::signal(SIGTERM, sigterm);
+    std::signal(SIGUSR1, sigusr1);
     // Whole lines as they happen, also when the output goes to a file or pipe.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 

@@ -2,7 +2,8 @@
 # Installs the Debian packages that building and testing need, if missing.
 set -euo pipefail
 packages=(cmake make g++ clang-format git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
-          qemu-system-x86 busybox-static can-utils cpio gzip python3)
+          qemu-system-x86 busybox-static can-utils cpio gzip python3
+          pkg-config dpkg-dev systemd man-db groff-base)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -25,11 +25,11 @@ echo "=== AddressSanitizer + UndefinedBehaviorSanitizer ==="
 build build-asan address
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-   ctest --output-on-failure -j "$jobs" -LE vm)
+   ctest --output-on-failure -j "$jobs" -LE "vm|install")
 
 echo "=== ThreadSanitizer ==="
 build build-tsan thread
 (cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$root/scripts/tsan.supp" \
-   ctest --output-on-failure -j "$jobs" -LE vm)
+   ctest --output-on-failure -j "$jobs" -LE "vm|install")
 
 echo "=== all tests passed ==="

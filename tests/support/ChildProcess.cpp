@@ -61,6 +61,12 @@ int CChildProcess::Stop(int nSignal)
     return WaitExit();
 }
 
+void CChildProcess::Signal(int nSignal)
+{
+    if (m_nPid > 0)
+        kill(m_nPid, nSignal);
+}
+
 std::string CChildProcess::Output() const
 {
     std::ifstream oFile(m_sOutputPath);

@@ -25,6 +25,8 @@ public:
     // The exit status once the program has ended within nTimeoutMs, else -1.
     int WaitExit(unsigned int nTimeoutMs = 10000);
     int Stop(int nSignal); // sends the signal, then WaitExit
+    void Signal(int nSignal);
+    pid_t Pid() const { return m_nPid; }
     std::string Output() const;
 
 private:

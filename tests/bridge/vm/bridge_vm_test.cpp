@@ -51,6 +51,7 @@ std::string UnexplainedLines(const std::string& sOutput)
                                               LOST.substr(0, LOST.size() - 1),
                                               NOT_ESTABLISHED.substr(0, NOT_ESTABLISHED.size() - 1),
                                               "Orvane Error:",
+                                              "counters: ",
                                               "****"};
     std::istringstream oLines(sOutput);
     std::string sLine, sUnexplained;
@@ -201,7 +202,14 @@ TEST_F(BridgeVm, GatewayLossIsReportedOnceRetriedAboutEverySecondAndRecovered)
     ASSERT_TRUE(WaitForBridge(ESTABLISHED, 2));
     ASSERT_EQ(runProgram({"cansend", "vcan0", "2BB#CAFE"}), 0);
     EXPECT_EQ(oDump.nextFrame().value_or("nothing"), "2BB#CAFE") << "frames of the outage were not dropped";
+    // SIGUSR1: one line of counters, and the bridge goes on.
+    m_poBridge->Signal(SIGUSR1);
+    EXPECT_TRUE(WaitForBridge("counters: to_gateway=1 from_gateway=0 dropped=3 reconnects=1 state=connected\n"));
     ExpectCrossing("vcan1", "vcan0", {"3CC#BEEF"});
+    // (Waiting for candump on vcan0 sent probe frames there, which the
+    // bridge forwarded too.)
+    m_poBridge->Signal(SIGUSR1);
+    EXPECT_TRUE(WaitForBridge(" from_gateway=1 dropped=3 reconnects=1 state=connected\n"));
 
     const std::string sOutput = BridgeOutput();
     EXPECT_EQ(Count(sOutput, LOST), 1);

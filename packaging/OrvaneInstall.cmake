@@ -1,0 +1,72 @@
+# What `cmake --install` puts where (GNUInstallDirs), and the Debian package
+# that `cpack -G DEB` builds from the same rules:
+#   bin/                      orvane-bridge, orvane-gateway-sim, orvane-hex
+#   lib/                      liborvane.a, liborvane_ext.a, liborvane_api.a,
+#                             liborvanecan.so (the C application interface)
+#   include/orvane/           the public headers of the three libraries
+#   lib/cmake/Orvane/         find_package(Orvane): Orvane::orvane_api,
+#                             Orvane::orvane_can_shared, ...
+#   lib/pkgconfig/            orvanecan.pc (C interface), orvane.pc (C++ clients)
+#   lib/systemd/system/       orvane-bridge@.service
+#   share/man/man1/           the programs' man pages
+#   share/doc/orvane/         README and an example per-interface settings file
+include(CMakePackageConfigHelpers)
+
+set(ORVANE_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
+
+install(TARGETS orvane orvane_ext orvane_api orvane_can_shared
+        EXPORT OrvaneTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
+install(TARGETS orvane-bridge orvane-gateway-sim orvane-hex RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+file(GLOB ORVANE_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/libOrvane/C++/source/*.h
+     ${PROJECT_SOURCE_DIR}/libOrvaneExt/C++/source/*.h ${PROJECT_SOURCE_DIR}/OrvaneAPI/source/*.h)
+install(FILES ${ORVANE_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
+
+install(EXPORT OrvaneTargets NAMESPACE Orvane:: DESTINATION ${ORVANE_CMAKE_DIR})
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/OrvaneConfig.cmake.in
+                              ${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfig.cmake INSTALL_DESTINATION ${ORVANE_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfigVersion.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/OrvaneConfigVersion.cmake
+        DESTINATION ${ORVANE_CMAKE_DIR})
+
+# The pkg-config files and the unit name installed paths, whatever prefix
+# the install is given (cmake --install --prefix, or /usr in the package):
+# they are written at install time from the prefix then in effect.
+function(orvane_install_configured template destination)
+  get_filename_component(name ${template} NAME)
+  string(REGEX REPLACE "\\.in$" "" name ${name})
+  install(CODE "
+    set(prefix \"\${CMAKE_INSTALL_PREFIX}\")
+    set(bindir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
+    set(libdir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}\")
+    set(includedir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}/orvane\")
+    set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+    configure_file(\"${template}\" \"${CMAKE_CURRENT_BINARY_DIR}/installed/${name}\" @ONLY)
+    file(INSTALL \"${CMAKE_CURRENT_BINARY_DIR}/installed/${name}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${destination}\")")
+endfunction()
+orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvanecan.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane-bridge@.service.in lib/systemd/system)
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/bridge-example.conf ${PROJECT_SOURCE_DIR}/README.md
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/orvane)
+
+install(FILES ${PROJECT_SOURCE_DIR}/doc/man/orvane-bridge.1 ${PROJECT_SOURCE_DIR}/doc/man/orvane-gateway-sim.1
+              ${PROJECT_SOURCE_DIR}/doc/man/orvane-hex.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+# Debian package: cpack -G DEB in the build folder.
+set(CPACK_PACKAGE_NAME orvane)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_VENDOR "Orvane bridge developers")
+set(CPACK_PACKAGE_CONTACT "Orvane bridge developers <orvane-bridge@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "SocketCAN bridge and client library for Orvane CAN gateways")
+set(CPACK_PACKAGE_DESCRIPTION
+    "orvane-bridge makes one CAN port of a networked Orvane CAN gateway appear as a local SocketCAN interface. The package also holds the Orvane client library (static C++ libraries, the C application interface liborvanecan.so and their headers), the gateway simulator orvane-gateway-sim, the firmware image tool orvane-hex, a systemd template unit and man pages.")
+set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # Depends from the programs' shared libraries (dpkg-shlibdeps)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+include(CPack)
