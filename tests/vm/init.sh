@@ -16,6 +16,15 @@ setup() {
     ip link add dev $interface type vcan && ip link set up $interface ||
       { echo "vm: cannot bring up $interface"; return 1; }
   done
+  # The host's /usr, read-only, when the run asked for it (--share-usr).
+  if [ -f /etc/orvane-vm-share-usr ]; then
+    for module in $(cat /etc/orvane-vm-share-usr); do
+      insmod /lib/share-modules/$module.ko || { echo "vm: insmod $module failed"; return 1; }
+    done
+    mkdir -p /host/usr
+    mount -t 9p -o trans=virtio,version=9p2000.L,ro hostusr /host/usr ||
+      { echo "vm: cannot mount the host's /usr"; return 1; }
+  fi
 }
 
 if setup; then

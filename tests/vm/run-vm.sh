@@ -2,14 +2,17 @@
 # Runs a scenario on a real SocketCAN stack inside a QEMU VM.
 #
 #   run-vm.sh --name NAME --scenario FILE --workdir DIR [--timeout SECONDS]
-#             [--file PATH]... [--] BINARY...
+#             [--file PATH]... [--share-usr] [--] BINARY...
 #
 # Packs busybox, the CAN kernel modules, candump/cansend/cangen, the given
 # binaries (with the shared libraries ldd lists for them) and the scenario
 # into an initramfs, boots it, streams the console and passes when the VM
 # reports that the scenario exited 0. Inside the VM vcan0 and vcan1 are up,
 # the binaries are on PATH (/opt/vm/bin), extra files are in /opt/vm/files,
-# and the scenario runs with /tmp as its working directory.
+# and the scenario runs with /tmp as its working directory. With --share-usr
+# the host's /usr is mounted read-only on /host/usr (9p over virtio), so a
+# scenario can run the host's programs, Python among them, without copying
+# them into the initramfs.
 #
 # The VM has no network card (-nic none): nothing leaves it. The Debian kernel
 # package is downloaded once into ORVANE_VM_CACHE (default /var/cache/orvane-vm,
@@ -18,7 +21,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-name=vm timeout_s=300 scenario='' workdir=''
+name=vm timeout_s=300 scenario='' workdir='' share_usr=0
 binaries=() files=()
 
 fail() { echo "vm[$name]: FAILED: $*" >&2; exit 1; }
@@ -30,6 +33,7 @@ while [ $# -gt 0 ]; do
     --workdir) workdir=$2; shift 2 ;;
     --timeout) timeout_s=$2; shift 2 ;;
     --file) files+=("$2"); shift 2 ;;
+    --share-usr) share_usr=1; shift ;;
     --) shift; binaries+=("$@"); break ;;
     -*) fail "unknown option $1" ;;
     *) binaries+=("$1"); shift ;;
@@ -69,6 +73,13 @@ resolve_kernel() {
     awk '$1 == "Depends:" && $2 ~ /^linux-image-[0-9]/ { print $2; exit }'
 }
 modules=(net/can/can net/can/can-raw drivers/net/can/dev/can-dev drivers/net/can/vcan)
+# For --share-usr, in load order: virtio PCI transport, 9p over virtio, the 9p
+# file system.
+share_modules=(drivers/virtio/virtio_ring drivers/virtio/virtio drivers/virtio/virtio_pci_modern_dev
+               drivers/virtio/virtio_pci_legacy_dev drivers/virtio/virtio_pci net/9p/9pnet net/9p/9pnet_virtio
+               fs/netfs/netfs fs/fscache/fscache fs/9p/9p)
+# Bumped when the module list changes, so that a cached kernel is unpacked again.
+ready=ready-2
 
 # Downloads a kernel package and keeps only what the VM needs:
 # $cache/<package>/vmlinuz and $cache/<package>/modules/*.ko. Called in a
@@ -86,7 +97,7 @@ unpack_kernel_in() { # package scratch-dir
   dpkg -x "$tmp"/*.deb "$tmp/x" || return 1
   rm -rf "$target" && mkdir -p "$target/modules" || return 1
   cp "$tmp"/x/boot/vmlinuz-* "$target/vmlinuz" || return 1
-  for m in "${modules[@]}"; do
+  for m in "${modules[@]}" "${share_modules[@]}"; do
     src=$(echo "$tmp"/x/lib/modules/*/kernel/"$m".ko*)
     case "$src" in
       *.ko) cp "$src" "$target/modules/" ;;
@@ -95,7 +106,7 @@ unpack_kernel_in() { # package scratch-dir
       *) echo "vm[$name]: module $m not found in $pkg" >&2; false ;;
     esac || return 1
   done
-  touch "$target/ready"
+  touch "$target/$ready"
 }
 
 pkg=$(resolve_kernel)
@@ -104,7 +115,7 @@ if [ -z "$pkg" ]; then
   apt-get update -qq >&2 || true
   pkg=$(resolve_kernel)
 fi
-if [ -n "$pkg" ] && [ ! -f "$cache/$pkg/ready" ]; then
+if [ -n "$pkg" ] && [ ! -f "$cache/$pkg/$ready" ]; then
   echo "vm[$name]: downloading kernel package $pkg into $cache" >&2
   if ! unpack_kernel "$pkg"; then
     echo "vm[$name]: download failed, running apt-get update and retrying" >&2
@@ -118,7 +129,7 @@ if [ -n "$pkg" ] && [ ! -f "$cache/$pkg/ready" ]; then
 fi
 if [ -z "$pkg" ]; then # apt cannot resolve it at all: use what the cache holds
   pkg=$(cd "$cache" && ls -d linux-image-* 2>/dev/null | tail -1 || true)
-  [ -n "$pkg" ] && [ -f "$cache/$pkg/ready" ] ||
+  [ -n "$pkg" ] && [ -f "$cache/$pkg/$ready" ] ||
     fail "apt cannot resolve linux-image-amd64 and no kernel is cached in $cache"
 fi
 kernel=$cache/$pkg
@@ -128,7 +139,7 @@ exec 9>&-
 # --- initramfs -----------------------------------------------------------------
 root=$workdir/root
 rm -rf "$root"
-mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,proc,sys,dev,tmp,etc,lib/can-modules,opt/vm/bin,opt/vm/files}
+mkdir -p "$root"/{bin,sbin,usr/bin,usr/sbin,proc,sys,dev,tmp,etc,lib/can-modules,lib/share-modules,opt/vm/bin,opt/vm/files}
 
 cp "$busybox" "$root/bin/busybox"
 for applet in $("$busybox" --list-full); do
@@ -150,7 +161,13 @@ for tool in candump cansend cangen; do
 done
 for b in "${binaries[@]}"; do copy_with_libraries "$b" "$root/opt/vm/bin"; done
 for f in "${files[@]}"; do cp -r "$f" "$root/opt/vm/files/"; done
-cp "$kernel"/modules/*.ko "$root/lib/can-modules/"
+for m in "${modules[@]}"; do cp "$kernel/modules/$(basename "$m").ko" "$root/lib/can-modules/"; done
+qemu_share=()
+if [ "$share_usr" = 1 ]; then
+  for m in "${share_modules[@]}"; do cp "$kernel/modules/$(basename "$m").ko" "$root/lib/share-modules/"; done
+  printf '%s\n' "${share_modules[@]##*/}" >"$root/etc/orvane-vm-share-usr"   # load order for init
+  qemu_share=(-virtfs local,path=/usr,mount_tag=hostusr,security_model=none,readonly=on)
+fi
 
 token=$(od -An -N8 -tx1 /dev/urandom | tr -d ' \n')
 echo "$token" >"$root/etc/orvane-vm-token"
@@ -166,7 +183,7 @@ log=$workdir/console.log
 start=$(date +%s.%N)
 echo "vm[$name]: booting $pkg (time limit ${timeout_s} s)" >&2
 set +e
-timeout -k 5 "$timeout_s" qemu-system-x86_64 -m 512 -smp 2 -nographic -no-reboot -nic none \
+timeout -k 5 "$timeout_s" qemu-system-x86_64 -m 512 -smp 2 -nographic -no-reboot -nic none "${qemu_share[@]}" \
   -kernel "$kernel/vmlinuz" -initrd "$initrd" \
   -append "console=ttyS0 quiet panic=-1" </dev/null 2>&1 |
   sed -u -e 's/\r$//' -e 's/\x1bc//g' -e 's/\x1b\[[0-9;?]*[A-Za-z]//g' | tee "$log"
