@@ -5,6 +5,9 @@
 //
 //   can_latency LABEL TX RX [RATE...]       (default rates: 1000 3000 9000 0)
 //
+// CAN_LATENCY_FRAMES=N in the environment sends N frames per rate instead of
+// a fixed number of seconds' worth (the soak runs a million).
+//
 // Frame: identifier 0x5A0, bytes 0-3 the sequence number, 4-7 a tag of the
 // run, both little-endian, so that late frames of an earlier run are ignored.
 // The receiving socket gets a large buffer and counts its own overflows
@@ -258,9 +261,13 @@ int main(int argc, char** argv)
         return 1;
     }
     uint32_t nTag = uint32_t(getpid()) << 8;
+    const char* pcFrames = std::getenv("CAN_LATENCY_FRAMES");
+    const uint32_t nFixedCount = pcFrames != nullptr ? uint32_t(std::strtoul(pcFrames, nullptr, 10)) : 0;
     for (unsigned int nRate : anRates)
     {
-        const uint32_t nCount = nRate > 0 ? uint32_t(nRate * SECONDS_PER_RATE) : FLAT_OUT_FRAMES;
+        const uint32_t nCount = nFixedCount > 0 ? nFixedCount
+            : nRate > 0                         ? uint32_t(nRate * SECONDS_PER_RATE)
+                                                : FLAT_OUT_FRAMES;
         CRun oRun(nTx, nRx, nCount, ++nTag);
         SResult oResult = oRun.Measure(nRate);
         PrintRow(argv[1], nRate, oResult);
