@@ -8,9 +8,6 @@ namespace GatewaySim
 namespace
 {
 
-// A client that reads nothing gets this long for each telegram before the
-// transport gives it up.
-constexpr unsigned int SEND_TIMEOUT_MS = 2000;
 // Write-status indications waiting for a slow client: far more than the
 // two blocks a client may have outstanding.
 constexpr std::size_t MAX_QUEUED = 4096;
@@ -20,7 +17,7 @@ constexpr unsigned int IDLE_POLL_MS = 50;
 } // namespace
 
 CAWireConnection::CAWireConnection(SAWirePortContext& oPort, CKelIPServerContainer* pContainer, int nSocket)
-    : CKelIPConnection(pContainer, OrvaneAWire::DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true), m_roPort(oPort),
+    : CLinkedConnection(pContainer, OrvaneAWire::DEVICE_TYPE, nSocket), m_roPort(oPort),
       m_sName(oPort.sName + " client " + std::to_string(oPort.nNextClient++)),
       m_oOutbox(*this, oPort.roCounters, MAX_QUEUED)
 {
@@ -99,16 +96,6 @@ void CAWireConnection::DataInd(const char* pData, unsigned short nLength)
     m_oOutbox.PostConfirmation(oOutcome.oConfirmation.GetMessageData());
     if (m_roPort.roModel.PendingWrites() != 0)
         m_roPort.oWriteQueued.Signal();
-}
-
-bool CAWireConnection::SendBytes(const std::string& sBytes)
-{
-    return DataReq(sBytes.data(), static_cast<unsigned short>(sBytes.size()), SEND_TIMEOUT_MS) == eKelIPSuccess;
-}
-
-void CAWireConnection::CloseLink()
-{
-    CloseConnection();
 }
 
 CAWirePort::CContainer::CContainer(SAWirePortContext& oPort, unsigned short nTcpPort)

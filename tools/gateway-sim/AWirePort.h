@@ -9,6 +9,7 @@
 #include "AWirePortModel.h"
 #include "KelIPConnection.h"
 #include "KelIPServerContainer.h"
+#include "LinkedConnection.h"
 #include "Outbox.h"
 #include "SimCounters.h"
 #include "SimListener.h"
@@ -44,7 +45,7 @@ struct SAWirePortContext
     std::set<CAWireConnection*> aoClients;
 };
 
-class CAWireConnection : public CKelIPConnection, private ITelegramLink
+class CAWireConnection : public CLinkedConnection
 {
 public:
     CAWireConnection(SAWirePortContext& oPort, CKelIPServerContainer* pContainer, int nSocket);
@@ -58,8 +59,6 @@ public:
     void PostIndication(const std::string& sBytes) { m_oOutbox.PostIndication(sBytes); }
 
 private:
-    bool SendBytes(const std::string& sBytes) override;
-    void CloseLink() override;
     void Leave();
 
     SAWirePortContext& m_roPort;

@@ -3,18 +3,8 @@
 namespace GatewaySim
 {
 
-namespace
-{
-
-// A client that reads nothing gets this long for each telegram before the
-// transport gives it up.
-constexpr unsigned int SEND_TIMEOUT_MS = 2000;
-
-} // namespace
-
 CSimConnection::CSimConnection(SPortContext& oPort, CKelIPServerContainer* pContainer, int nSocket)
-    : CKelIPConnection(pContainer, OrvaneCan::DEVICE_TYPE, CKelIPBase::eTCP, nSocket, true), m_roPort(oPort),
-      m_nClient(oPort.nNextClient++),
+    : CLinkedConnection(pContainer, OrvaneCan::DEVICE_TYPE, nSocket), m_roPort(oPort), m_nClient(oPort.nNextClient++),
       m_oSession(oPort.roModel, oPort.roBus, oPort.oSession, oPort.roCounters, oPort.roLog, *this,
                  oPort.sName + " client " + std::to_string(m_nClient))
 {
@@ -74,16 +64,6 @@ void CSimConnection::DataInd(const char* pData, unsigned short nLength)
     // included, while its TCP connection stays open.
     if (m_oSession.IsFrozen())
         SetMuted(true);
-}
-
-bool CSimConnection::SendBytes(const std::string& sBytes)
-{
-    return DataReq(sBytes.data(), static_cast<unsigned short>(sBytes.size()), SEND_TIMEOUT_MS) == eKelIPSuccess;
-}
-
-void CSimConnection::CloseLink()
-{
-    CloseConnection();
 }
 
 CSimContainer::CSimContainer(SPortContext& oPort, unsigned short nTcpPort)

@@ -9,6 +9,7 @@
 #include "CanPortModel.h"
 #include "KelIPConnection.h"
 #include "KelIPServerContainer.h"
+#include "LinkedConnection.h"
 #include "SimCounters.h"
 #include "SimLog.h"
 #include "SimSession.h"
@@ -38,7 +39,7 @@ struct SPortContext
     std::atomic<unsigned int> nNextClient{1};
 };
 
-class CSimConnection : public CKelIPConnection, private ITelegramLink
+class CSimConnection : public CLinkedConnection
 {
 public:
     CSimConnection(SPortContext& oPort, CKelIPServerContainer* pContainer, int nSocket);
@@ -49,9 +50,6 @@ public:
     bool IsConnectMsgAccepted(const std::string& sConnectData) override;
 
 private:
-    bool SendBytes(const std::string& sBytes) override;
-    void CloseLink() override;
-
     SPortContext& m_roPort;
     const unsigned int m_nClient;
     std::atomic<bool> m_bAccepted{false};
