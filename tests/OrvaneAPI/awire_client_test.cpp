@@ -6,6 +6,7 @@
 #include "AWirePortModel.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
+#include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
@@ -23,20 +24,11 @@ using namespace GatewaySim;
 namespace
 {
 
-constexpr auto WAIT_LIMIT = std::chrono::seconds(20);
 constexpr int TRANSFER_IN_PROGRESS = (eOrvaneAWire << 8) | OrvaneAWire::RESULT_TRANSFER_IN_PROGRESS;
 
-template <typename F>
-bool WaitUntil(F fnDone)
+bool WaitUntil(const std::function<bool()>& fnDone)
 {
-    const auto oLimit = std::chrono::steady_clock::now() + WAIT_LIMIT;
-    while (!fnDone())
-    {
-        if (std::chrono::steady_clock::now() > oLimit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return OrvaneTest::WaitUntil(fnDone, 20000);
 }
 
 std::string Wire(const COrvaneMsg& oMsg)
