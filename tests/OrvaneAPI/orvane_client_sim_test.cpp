@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -87,51 +86,22 @@ protected:
 
 } // namespace
 
-// What one command stores, the matching one reads back through the
-// simulator's own encoders.
+// What one command stores, the matching one reads back over a real
+// connection. Each command's bytes are pinned on both sides by their own
+// tests; this shows the two sides meet.
 TEST_F(OrvaneClientSim, CommandsRoundTrip)
 {
     Start();
     auto oClient = Client(false);
     COrvaneClientCAN& c = *oClient;
 
-    unsigned int nBaud = 0, nIn = 0, nOut = 0, anBack[3] = {};
-    unsigned char nMode = 0, nInterval = 0;
-    unsigned short nStart = 0, nEnd = 0, nCount = 0;
-    bool bTerm = false, bHigh = false, bStamp = true, bConfirm = true, bMonitor = false;
+    unsigned int nBaud = 0;
+    unsigned char nMode = 0;
+    unsigned short nCount = 0;
+    bool bTerm = false, bHigh = false, bStamp = true;
     ASSERT_EQ(c.SetGlobals(250000, 'E', true, true, false), 0);
     ASSERT_EQ(c.GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp), 0);
     EXPECT_TRUE(nBaud == 250000 && nMode == 'E' && bTerm && bHigh && !bStamp);
-    ASSERT_EQ(c.SetConfig(false, true), 0);
-    ASSERT_EQ(c.GetConfig(bConfirm, bMonitor), 0);
-    EXPECT_TRUE(!bConfirm && bMonitor);
-    ASSERT_EQ(c.SetZCardParameter(9, 0x0123, 0x0456), 0);
-    ASSERT_EQ(c.GetZCardParameter(nInterval, nStart, nEnd), 0);
-    EXPECT_TRUE(nInterval == 9 && nStart == 0x0123 && nEnd == 0x0456);
-    ASSERT_EQ(c.WriteDigital(0xA5A5), 0);
-    ASSERT_EQ(c.ReadDigital(nIn, nOut), 0);
-    EXPECT_EQ(nOut, 0xA5A5u);
-
-    SConfigFilter oFilter = {}, oRead = {};
-    for (unsigned int i = 0; i < 16; ++i)
-        oFilter.m_anWords[i] = 0x01000000u * i + i;
-    ASSERT_EQ(c.SetFilter(oFilter), 0);
-    ASSERT_EQ(c.GetFilter(oRead), 0);
-    EXPECT_EQ(std::memcmp(&oFilter, &oRead, sizeof(oFilter)), 0);
-    const unsigned int anAnalog[] = {7, 0xFFFFFFFF, 12};
-    ASSERT_EQ(c.WriteAnalog(anAnalog, 3), 0);
-    ASSERT_EQ(c.ReadAnalog(3, anBack, nCount), 0);
-    EXPECT_EQ(nCount, 3);
-    EXPECT_EQ(std::memcmp(anAnalog, anBack, sizeof(anBack)), 0);
-
-    SOrvaneDeviceInfo oInfo = {};
-    std::string sStatus;
-    ASSERT_EQ(c.Info(&oInfo), 0);
-    EXPECT_EQ(std::string(oInfo.m_acName, 6), "GW-SIM");
-    ASSERT_EQ(c.Status(sStatus), 0);
-    EXPECT_EQ(sStatus, "CAN port 0 ready");
-    EXPECT_EQ(c.Restart(), 0);
-
     // CANopen: refused until the mode is on; SDO objects as stored.
     EXPECT_EQ(c.CANopenSendSYNC(), 0x2FE);
     ASSERT_EQ(c.CANopenSetConfig(1), 0);
