@@ -6,6 +6,8 @@
 #include "AWirePortModel.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
+#include "support/ClientSeams.h"
+#include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
@@ -19,24 +21,16 @@
 #include <vector>
 
 using namespace GatewaySim;
+using ClientTest::Out;
 
 namespace
 {
 
-constexpr auto WAIT_LIMIT = std::chrono::seconds(20);
 constexpr int TRANSFER_IN_PROGRESS = (eOrvaneAWire << 8) | OrvaneAWire::RESULT_TRANSFER_IN_PROGRESS;
 
-template <typename F>
-bool WaitUntil(F fnDone)
+bool WaitUntil(const std::function<bool()>& fnDone)
 {
-    const auto oLimit = std::chrono::steady_clock::now() + WAIT_LIMIT;
-    while (!fnDone())
-    {
-        if (std::chrono::steady_clock::now() > oLimit)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return OrvaneTest::WaitUntil(fnDone, 20000);
 }
 
 std::string Wire(const COrvaneMsg& oMsg)
@@ -287,8 +281,7 @@ TEST(AWireFileWriteFaults, RefusalAndStopHalfway)
         FileStep::EFileStep nStep = FileStep::ePrepared;
         unsigned char nPercent = 0;
         ASSERT_EQ(oClient->GetWriteFileStatus(nStep, nPercent), 0);
-        EXPECT_EQ(nStep, FileStep::eWriting);
-        EXPECT_EQ(nPercent, 0);
+        EXPECT_EQ(Out(nStep, nPercent), Out(FileStep::eWriting, 0));
         oClient->Hold(false);
         ASSERT_TRUE(WaitUntil([&] { return oClient->m_oModel.WriteLengths().size() >= 4; }));
         if (bClose)
@@ -319,9 +312,7 @@ TEST(AWireIndications, ProgressMap)
     Progress::EProgress nProgress = Progress::eFinished;
     unsigned short nLength = 0, nWritten = 1;
     ASSERT_EQ(oClient.GetWriteBlockStatus(nId, nProgress, nLength, nWritten), 0);
-    EXPECT_EQ(nProgress, Progress::eInProgress);
-    EXPECT_EQ(nLength, 300);
-    EXPECT_EQ(nWritten, 0);
+    EXPECT_EQ(Out(nProgress, nLength, nWritten), Out(Progress::eInProgress, 300, 0));
 
     auto Indication = [](const std::string& sPayload) {
         return COrvaneMsg(OrvaneAWire::eIndWriteStatus, 0, sPayload.data(),
@@ -334,14 +325,12 @@ TEST(AWireIndications, ProgressMap)
     const short nOther = static_cast<short>(nId + 100);
     oClient.Feed(Indication(CKelPayloadWriter().S16(nOther).U8(0).U16(300).Data()));
     ASSERT_EQ(oClient.GetWriteBlockStatus(nId, nProgress, nLength, nWritten), 0);
-    EXPECT_EQ(nProgress, Progress::eInProgress);
-    EXPECT_EQ(nWritten, 0);
+    EXPECT_EQ(Out(nProgress, nWritten), Out(Progress::eInProgress, 0));
     EXPECT_EQ(oClient.GetWriteBlockStatus(nOther, nProgress, nLength, nWritten), 255);
 
     oClient.Feed(Indication(CKelPayloadWriter().S16(nId).U8(1).U16(128).Data()));
     ASSERT_EQ(oClient.GetWriteBlockStatus(nId, nProgress, nLength, nWritten), 0);
-    EXPECT_EQ(nProgress, Progress::eInProgress);
-    EXPECT_EQ(nWritten, 128);
+    EXPECT_EQ(Out(nProgress, nWritten), Out(Progress::eInProgress, 128));
     // The programmer's own completion.
     oClient.Hold(false);
     ASSERT_TRUE(WaitUntil([&] {
@@ -361,12 +350,7 @@ TEST(AWireCommands, ConfigReadVerify)
     unsigned int n1 = 0, n2 = 0, nPage = 0, n4 = 0;
     std::string sBack;
     ASSERT_EQ(oClient.GetConfig(n1, n2, nPage, n4, sBack), 0);
-    EXPECT_EQ(n1, 1u);
-    EXPECT_EQ(n2, 2u);
-    EXPECT_EQ(nPage, 1024u);
-    EXPECT_EQ(n4, 4u);
-    EXPECT_EQ(sBack, sText.substr(0, 255));
-    EXPECT_EQ(oClient.GetPageSize(), 1024u);
+    EXPECT_EQ(Out(n1, n2, nPage, n4, oClient.GetPageSize(), sBack), "1 2 1024 4 1024 " + sText.substr(0, 255));
 
     short nId = 0;
     const std::string sData = "\x01\x02\x03\x04\x05\x06";
@@ -376,9 +360,7 @@ TEST(AWireCommands, ConfigReadVerify)
     char acBuffer[8] = {};
     unsigned short nReceived = 0;
     ASSERT_EQ(oClient.Read(0x1000, 8, acBuffer, nReceived), 0);
-    EXPECT_EQ(nReceived, 8);
-    EXPECT_EQ(std::string(acBuffer, 6), sData);
-    EXPECT_EQ(static_cast<unsigned char>(acBuffer[6]), 0xFF);
+    EXPECT_EQ(Out(nReceived, std::string(acBuffer, 8)), "8 " + sData + "\xFF\xFF");
 
     EXPECT_EQ(oClient.Verify(0x1000, 6, sData.data()), 0);
     EXPECT_EQ(oClient.Verify(0x1000, 7, (sData + "\x07").data()), 255);

@@ -117,18 +117,6 @@ TEST_F(AWireSim, WholeFileWithAGapWrittenOverTcpAndVerified)
     EXPECT_LE(oFlash.MaxPendingWrites(), 2u);
 }
 
-TEST_F(AWireSim, FailingBlockEndsTheFileWithStepMinusOne)
-{
-    SAWireSettings oSettings;
-    oSettings.nFailBlock = 1;
-    Start(oSettings, 1);
-    ASSERT_EQ(m_poClient->WriteFile(HexFile("awire_sim_fail.hex", {{0, 5 * 32768}})), 0);
-    unsigned char nPercent = 0;
-    EXPECT_EQ(PollToEnd(*m_poClient, nPercent), FileStep::eFailed);
-    EXPECT_EQ(nPercent, 100);
-    EXPECT_LE(m_poSim->AWireModel(0).WriteLengths().size(), 3u) << "nothing more sent after the failure";
-}
-
 TEST_F(AWireSim, ClientClosedHalfwayEndsTheWriterCleanly)
 {
     Start(SAWireSettings(), 20); // slow flash: the file is far from written when the client goes

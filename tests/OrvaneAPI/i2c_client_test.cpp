@@ -29,6 +29,7 @@ std::string Bytes(const char* pcData, std::size_t nCount)
 
 TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
 {
+    int r = 0;
     CI2C oClient;
     EXPECT_EQ(oClient.GetStoredBaudrate(), 100000u);
     oClient.ReplyWith("00");
@@ -47,12 +48,11 @@ TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
     // The rate read is handed out even with a device error, but not kept.
     oClient.ReplyWith("20 40 42 0f 00");
     unsigned int nRate = 0;
-    EXPECT_EQ(oClient.GetBaudrate(nRate), 0x120);
-    EXPECT_EQ(nRate, 1000000u);
-    EXPECT_EQ(oClient.GetStoredBaudrate(), 1000u);
+    r = oClient.GetBaudrate(nRate);
+    EXPECT_EQ(Out(r, nRate, oClient.GetStoredBaudrate()), "288 1000000 1000");
     oClient.ReplyWith("00 40 42 0f 00");
-    EXPECT_EQ(oClient.GetBaudrate(nRate), 0);
-    EXPECT_EQ(oClient.GetStoredBaudrate(), 1000000u);
+    r = oClient.GetBaudrate(nRate);
+    EXPECT_EQ(Out(r, oClient.GetStoredBaudrate()), "0 1000000");
     EXPECT_EQ(oClient.LastRequest(), Req(0x108, ""));
 
     // Open sets the rate once the base is open.
@@ -64,27 +64,26 @@ TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
 
 TEST(I2CClient, ReadAndWriteTransfers)
 {
+    int r = 0;
     CI2C oClient;
     char acBuffer[4] = {'x', 'x', 'x', 'x'};
     unsigned short nReceived = 99;
 
     // Fewer bytes than asked, with a device error: those bytes still count.
     oClient.ReplyWith("20 01 02");
-    EXPECT_EQ(oClient.Read(0xA1, acBuffer, 4, nReceived), 0x120);
+    r = oClient.Read(0xA1, acBuffer, 4, nReceived);
+    EXPECT_EQ(Out(r, nReceived, Bytes(acBuffer, 4)), "288 2 \x01\x02xx");
     EXPECT_EQ(oClient.LastRequest(), Req(0x110, Hex("a1 00 04 00")));
-    EXPECT_EQ(nReceived, 2);
-    EXPECT_EQ(Bytes(acBuffer, 4), Hex("01 02") + "xx");
 
     // More than asked: only count are copied.
     oClient.ReplyWith("00 05 06 07 08 09 0a");
-    EXPECT_EQ(oClient.Read(0xA1, acBuffer, 3, nReceived), 0);
-    EXPECT_EQ(nReceived, 3);
-    EXPECT_EQ(Bytes(acBuffer, 4), Hex("05 06 07") + "x");
+    r = oClient.Read(0xA1, acBuffer, 3, nReceived);
+    EXPECT_EQ(Out(r, nReceived, Bytes(acBuffer, 4)), "0 3 \x05\x06\x07x");
 
     // No confirmation at all: nothing received.
     oClient.m_nSendResult = 0x30000;
-    EXPECT_EQ(oClient.Read(0xA1, acBuffer, 3, nReceived), 0x30000);
-    EXPECT_EQ(nReceived, 0);
+    r = oClient.Read(0xA1, acBuffer, 3, nReceived);
+    EXPECT_EQ(Out(r, nReceived), "196608 0");
     oClient.m_nSendResult = 0;
 
     unsigned short nStatus = 0xBEEF;
@@ -93,17 +92,16 @@ TEST(I2CClient, ReadAndWriteTransfers)
     EXPECT_EQ(oClient.LastRequest(), Req(0x111, Hex("a0 01 11 22")));
     EXPECT_EQ(nStatus, 0xBEEF) << "a 2-byte confirmation carries no status";
     oClient.ReplyWith("20 34 12");
-    EXPECT_EQ(oClient.Write(0xA0, "\x11", 1, nStatus), 0x120);
-    EXPECT_EQ(nStatus, 0x1234);
+    r = oClient.Write(0xA0, "\x11", 1, nStatus);
+    EXPECT_EQ(Out(r, nStatus), "288 4660");
 
     unsigned char nValue = 0x55;
     oClient.ReplyWith("21 77");
-    EXPECT_EQ(oClient.RAWGet(3, nValue), 0x121);
-    EXPECT_EQ(nValue, 0x55);
+    r = oClient.RAWGet(3, nValue);
+    EXPECT_EQ(Out(r, nValue), "289 85");
     oClient.ReplyWith("00 77");
-    EXPECT_EQ(oClient.RAWGet(3, nValue), 0);
-    EXPECT_EQ(Payload(oClient), Hex("03"));
-    EXPECT_EQ(nValue, 0x77);
+    r = oClient.RAWGet(3, nValue);
+    EXPECT_EQ(Out(r, nValue, Payload(oClient)), "0 119 \x03");
     EXPECT_EQ(oClient.RAWSend(0x12, 0x34), 0);
     EXPECT_EQ(oClient.LastRequest(), Req(0x116, Hex("12 34")));
 }
@@ -126,6 +124,7 @@ TEST(I2CClient, EEPromSlaveAddressAndOffset)
 
 TEST(I2CClient, EEPromRequestsAndReadCopyStart)
 {
+    int r = 0;
     CI2C oClient;
     char acBuffer[16] = {};
     unsigned short nReceived = 0;
@@ -139,8 +138,7 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
     EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x112);
     // Slave 0xA4, offset size 1, offset 0x34, count 16.
     EXPECT_EQ(Payload(oClient), Hex("a4 00 01 00 00 00 34 10 00"));
-    EXPECT_EQ(nReceived, 16);
-    EXPECT_EQ(Bytes(acBuffer, 16), sData);
+    EXPECT_EQ(Out(nReceived, Bytes(acBuffer, 16)), Out(16, sData));
 
     // 17 bytes: the data from byte 1.
     oClient.ReplyWith("00 40 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f");
@@ -149,13 +147,12 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
     // Nine offset bits: slave 0xA2 with block 1, offset size 2, the block
     // bits kept in the offset.
     EXPECT_EQ(Payload(oClient), Hex("a2 00 02 00 00 02 34 10 00"));
-    EXPECT_EQ(nReceived, 16);
-    EXPECT_EQ(Bytes(acBuffer, 16), sData);
+    EXPECT_EQ(Out(nReceived, Bytes(acBuffer, 16)), Out(16, sData));
 
     // An empty confirmation gives no data.
     oClient.ReplyWith("");
-    EXPECT_EQ(oClient.ReadEEProm(0, 0, 0x0008, acBuffer, 16, nReceived), 0xC0100);
-    EXPECT_EQ(nReceived, 0);
+    r = oClient.ReadEEProm(0, 0, 0x0008, acBuffer, 16, nReceived);
+    EXPECT_EQ(Out(r, nReceived), "786688 0");
 
     oClient.ReplyWith("00");
     EXPECT_EQ(oClient.WriteEEProm(1, 0x1FF, 0x0108, "\x01\x02", 2), 0);
@@ -175,9 +172,7 @@ TEST(I2CClient, SequenceForms)
     oClient.ReplyWith("00 05 00 11 22 33");
     EXPECT_EQ(oClient.WriteSequence("\xa1\x00", 2, acRead, 4, nReadCount, nStatus), 0);
     EXPECT_EQ(oClient.LastRequest(), Req(0x114, Hex("04 00 a1 00")));
-    EXPECT_EQ(nStatus, 5);
-    EXPECT_EQ(nReadCount, 3);
-    EXPECT_EQ(Bytes(acRead, 4), Hex("11 22 33") + "x");
+    EXPECT_EQ(Out(nStatus, nReadCount, Bytes(acRead, 4)), "5 3 \x11\x22\x33x");
 
     // List form: a write, then two reads of 2 bytes; both reads receive the
     // first two bytes returned.
@@ -188,15 +183,12 @@ TEST(I2CClient, SequenceForms)
     oClient.ReplyWith("21 09 00 11 22 33 44");
     EXPECT_EQ(oClient.WriteSequence(aoCommands, 3, nStatus), 0x121);
     EXPECT_EQ(Payload(oClient), Hex("04 00 a0 00 02 00 10 20 a1 00 02 00 a1 00 02 00"));
-    EXPECT_EQ(nStatus, 9);
-    EXPECT_EQ(Bytes(acFirst, 2), Hex("11 22"));
-    EXPECT_EQ(Bytes(acSecond, 2), Hex("11 22"));
+    EXPECT_EQ(Out(nStatus, Bytes(acFirst, 2), Bytes(acSecond, 2)), "9 \x11\x22 \x11\x22");
 
     // Three bytes returned for two reads of 2: the second gets one.
     char acThird[2] = {'x', 'x'};
     aoCommands[2].m_pcData = acThird;
     oClient.ReplyWith("00 00 00 55 66 77");
     EXPECT_EQ(oClient.WriteSequence(aoCommands, 3, nStatus), 0);
-    EXPECT_EQ(Bytes(acFirst, 2), Hex("55 66"));
-    EXPECT_EQ(Bytes(acThird, 2), Hex("55") + "x");
+    EXPECT_EQ(Out(Bytes(acFirst, 2), Bytes(acThird, 2)), "\x55\x66 \x55x");
 }

@@ -1,6 +1,6 @@
 // The client side of the transport and everything behind it, through the
-// real read path: a scripted gateway on 127.0.0.1 confirms the client's
-// connect request, then sends the input as telegrams (cut by their length
+// real read path: a raw peer on 127.0.0.1 confirms the client's connect
+// request, then sends the input as telegrams (cut by their length
 // words; with bit 1 of the first byte set, each rebuilt with a correct CRC
 // so that it gets past the check), in chunks whose size the second byte
 // chooses, and closes. The client is a CAN client of the application
@@ -11,12 +11,13 @@
 // nothing may crash, hang or leak.
 #include "OrvaneClientAWire.h"
 #include "OrvaneClientCANDll.h"
-#include "support/ScriptedGateway.h"
+#include "support/RawPeer.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 
 using namespace OrvaneTest;
 
@@ -85,11 +86,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
 {
     if (nSize < 2 || nSize > 70000)
         return 0;
-    static CScriptedGateway s_oCanGateway(DEVICE_CAN);
-    static CScriptedGateway s_oAWireGateway(14);
+    static CRawListener s_oListener;
     const bool bAWire = (pData[0] & 1) != 0;
     const bool bCallbacks = (pData[0] & 4) != 0;
-    CScriptedGateway& oGateway = bAWire ? s_oAWireGateway : s_oCanGateway;
+    const unsigned char nId = bAWire ? 14 : DEVICE_CAN;
     const size_t nChunk = 1 + pData[1] % 97;
 
     // A short time-out: the request below waits for a confirmation that
@@ -104,7 +104,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
     }
     else if (poCan)
         poCan->SetMaxSizePerQueue(8);
-    if (oClient.Connect(LOOPBACK, oGateway.Port(), CKelIPBase::eTCP, true) != 0 || !oGateway.WaitConnected())
+    // Connect waits for the confirmation, so the gateway answers on its own thread.
+    CRawPeer oGateway;
+    std::thread oAnswer([&] {
+        oGateway = s_oListener.Accept();
+        if (oGateway.ReceiveMessage() == ConnectRequest(nId))
+            oGateway.Send(ConnectConfirmation(nId, 0));
+    });
+    const int nConnected = oClient.Connect(LOOPBACK, s_oListener.Port(), CKelIPBase::eTCP, true);
+    oAnswer.join();
+    if (nConnected != 0)
         std::abort();
 
     const std::string sStream = Stream(pData + 2, nSize - 2, (pData[0] & 2) != 0);
@@ -124,9 +133,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
         std::string sText;
         poAWire->GetConfig(n1, n2, n3, n4, sText);
     }
-    oGateway.CloseClient();
-    if (!oGateway.WaitClosed() ||
-        !WaitUntil([&] { return oClient.GetConnectState() != CKelIPBase::eConnected; }, 10000))
+    oGateway.Close();
+    if (!WaitUntil([&] { return oClient.GetConnectState() != CKelIPBase::eConnected; }, 10000))
         std::abort(); // the client missed the end of its connection
     return 0;
 }

@@ -1,6 +1,5 @@
 // Listening side: connection limit, purge of ended connections, refusal,
-// derived containers and connections, and the datagram endpoint. Clients are
-// CKelIPConnections or raw sockets on 127.0.0.1; ports are ephemeral.
+// derived containers and connections, and the datagram endpoint, on 127.0.0.1.
 #include "KelIPConnection.h"
 #include "KelIPServerContainer.h"
 #include "KelMsg.h"
@@ -92,21 +91,6 @@ protected:
     }
 };
 
-TEST(KelIPServerLimit, ClientAboveTheLimitGetsResultOneAndIsClosed)
-{
-    CKelIPServerContainer container(kId, 2, 0, false);
-    container.StartListening();
-    ASSERT_TRUE(container.IsServerListening());
-    CRecordingConnection first, second;
-    EXPECT_EQ(eKelIPSuccess, Connect(first, container.GetPort()));
-    EXPECT_EQ(eKelIPSuccess, Connect(second, container.GetPort()));
-    EXPECT_EQ(MakeMsg(0x8201, 1, "\x01"), RawConnectAnswer(container.GetPort(), true));
-    EXPECT_TRUE(WaitUntil([&] { return container.CountActiveTCPConnections() == 2; }));
-    EXPECT_FALSE(container.IsConnectionLimitExceeded());
-    EXPECT_EQ(CKelIPBase::eConnected, first.GetState());
-    EXPECT_EQ(CKelIPBase::eConnected, second.GetState());
-}
-
 TEST(KelIPServerLimit, PurgeFreesSlotsButKeepsAnEntryWhoseReadThreadRuns)
 {
     CTestContainer container(1);
@@ -140,27 +124,14 @@ TEST(KelIPServerLimit, PurgeFreesSlotsButKeepsAnEntryWhoseReadThreadRuns)
     EXPECT_EQ(eKelIPSuccess, Connect(next, container.GetPort()));
 }
 
-TEST(KelIPServerListening, StartListeningTwiceCreatesOneServer)
+// The base container's own connections, with a limit of two; a derived one beside it.
+TEST(KelIPServerListening, TwoContainersServeTheirOwnClientsUpToTheLimit)
 {
-    CTestContainer container(4, true);
-    container.StartListening();
-    const unsigned short port = container.GetPort();
-    CKelIPConnection* datagram = container.GetDatagramServer();
-    ASSERT_NE(nullptr, datagram);
-    container.StartListening();
-    EXPECT_EQ(port, container.GetPort());
-    EXPECT_EQ(datagram, container.GetDatagramServer());
-    EXPECT_EQ(1u, CountEntries(container));
-    CRecordingConnection client;
-    EXPECT_EQ(eKelIPSuccess, Connect(client, port));
-}
-
-TEST(KelIPServerListening, TwoContainersServeAndEndTheirOwnClients)
-{
-    CTestContainer first(4);
+    CKelIPServerContainer first(kId, 2, 0, false);
     auto second = std::make_unique<CTestContainer>(4);
     first.StartListening();
     second->StartListening();
+    ASSERT_TRUE(first.IsServerListening());
     ASSERT_NE(first.GetPort(), second->GetPort());
     // A third on a port that is taken stays without a listening server.
     CTestContainer taken(4, false, first.GetPort());
@@ -172,7 +143,10 @@ TEST(KelIPServerListening, TwoContainersServeAndEndTheirOwnClients)
     EXPECT_EQ(eKelIPSuccess, Connect(a, first.GetPort()));
     EXPECT_EQ(eKelIPSuccess, Connect(b, first.GetPort()));
     EXPECT_EQ(eKelIPSuccess, Connect(c, second->GetPort()));
-    EXPECT_EQ(2u, first.CountActiveTCPConnections());
+    // A client above the limit gets result 1 and is closed.
+    EXPECT_EQ(MakeMsg(0x8201, 1, "\x01"), RawConnectAnswer(first.GetPort(), true));
+    EXPECT_TRUE(WaitUntil([&] { return first.CountActiveTCPConnections() == 2; }));
+    EXPECT_FALSE(first.IsConnectionLimitExceeded());
     EXPECT_EQ(1u, second->CountActiveTCPConnections());
     EXPECT_EQ(0u, taken.CountActiveTCPConnections());
 
@@ -181,6 +155,7 @@ TEST(KelIPServerListening, TwoContainersServeAndEndTheirOwnClients)
     EXPECT_TRUE(WaitUntil([&] { return c.GetState() == CKelIPBase::eDisconnected; }));
     EXPECT_EQ(2u, first.CountActiveTCPConnections());
     EXPECT_EQ(0, a.ConnectIndCount(false) + b.ConnectIndCount(false));
+    EXPECT_TRUE(a.GetState() == CKelIPBase::eConnected && b.GetState() == CKelIPBase::eConnected);
 }
 
 TEST(KelIPServerDerived, DerivedConnectionDecidesAndAnswers)
@@ -209,8 +184,14 @@ TEST(KelIPServerDatagram, EndpointTalksToTheClientThatConnected)
 {
     CTestContainer container(4, true);
     container.StartListening();
+    const unsigned short port = container.GetPort();
     auto* endpoint = dynamic_cast<CRecordingConnection*>(container.GetDatagramServer());
     ASSERT_NE(nullptr, endpoint);
+    container.StartListening(); // a second start creates no second server
+    EXPECT_TRUE(container.IsServerListening());
+    EXPECT_EQ(port, container.GetPort());
+    EXPECT_EQ(endpoint, container.GetDatagramServer());
+    EXPECT_EQ(1u, CountEntries(container));
     EXPECT_EQ(CKelIPBase::eWaitingForPeer, endpoint->GetState());
     CRecordingConnection client;
     ASSERT_EQ(eKelIPSuccess,

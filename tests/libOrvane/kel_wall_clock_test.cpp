@@ -1,16 +1,9 @@
 // Every timed wait of the library runs its full time-out whatever the wall
-// clock does.
-//
-// This program replaces the process's wall-clock reads (gettimeofday,
-// clock_gettime on the realtime clocks) by the kernel's value plus an offset,
-// optionally only from the second read on. The machine's clock itself is
-// never touched. Two kinds of step result:
-// - offset from the first read: a wait that takes its deadline from the wall
-//   clock and lets the kernel measure it sees the step between the two;
-// - offset from the second read: a wait that compares the wall clock with its
-//   deadline itself sees the step while it waits.
-// Either way an offset of -1 h cuts a wall-clock wait to nothing, +1 h
-// stretches it by an hour.
+// clock does. The process's wall-clock reads are answered with the kernel's
+// value plus an offset, optionally from the second read on (the machine's
+// clock is never touched): a wait that takes its deadline from the wall clock
+// sees the step between two reads or while it waits, and -1 h cuts it to
+// nothing, +1 h stretches it by an hour.
 #include "KelSendTurns.h"
 #include "KelSocketWait.h"
 #include "libKelMutex.h"
@@ -32,13 +25,7 @@
 namespace
 {
 std::atomic<long long> g_nWallOffsetSeconds{0};
-// Wall-clock reads still to be answered with the true time.
-std::atomic<int> g_nUnshiftedReads{0};
-
-bool IsWallClock(clockid_t clock)
-{
-    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-}
+std::atomic<int> g_nUnshiftedReads{0}; // wall-clock reads still answered with the true time
 
 time_t WallOffset()
 {
@@ -55,7 +42,7 @@ time_t WallOffset()
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
 {
     const long result = syscall(SYS_clock_gettime, clock, now);
-    if (result == 0 && IsWallClock(clock))
+    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
         now->tv_sec += WallOffset();
     return static_cast<int>(result);
 }
@@ -71,11 +58,9 @@ extern "C" int gettimeofday(timeval* now, void* zone) noexcept
 namespace
 {
 using Clock = std::chrono::steady_clock;
-
 const unsigned int kTimeoutMs = 200;
 const long long kHourSeconds = 3600;
 
-// Fresh primitives for every case.
 struct SPrimitives
 {
     CKelMutex mutex;
@@ -83,27 +68,47 @@ struct SPrimitives
     CKelSendTurns turns;
 };
 
-// `hold` makes the wait block (on the test's thread), `wait` runs on a
-// thread of its own and waits kTimeoutMs (true: it got through), `release`
-// frees whatever `hold` took or a wait that is still blocked.
-struct SWaitCase
+class WallClockOffset
 {
-    const char* name;
-    std::function<void(SPrimitives&)> hold;
-    std::function<bool(SPrimitives&)> wait;
-    std::function<void(SPrimitives&)> release;
+public:
+    explicit WallClockOffset(long long seconds, int unshiftedReads = 0)
+    {
+        g_nUnshiftedReads.store(unshiftedReads);
+        g_nWallOffsetSeconds.store(seconds);
+    }
+    ~WallClockOffset()
+    {
+        g_nWallOffsetSeconds.store(0);
+        g_nUnshiftedReads.store(0);
+    }
 };
+} // namespace
 
-const std::vector<SWaitCase>& WaitCases()
+TEST(KelWallClock, TimedWaitsRunTheirFullTimeOutWhateverTheWallClockSays)
 {
-    static const std::vector<SWaitCase> cases{
+    {
+        // Without this the rest would pass for any implementation.
+        timeval before;
+        syscall(SYS_gettimeofday, &before, nullptr);
+        WallClockOffset offset(kHourSeconds);
+        timeval shifted;
+        gettimeofday(&shifted, nullptr);
+        ASSERT_GE(shifted.tv_sec, before.tv_sec + kHourSeconds);
+        const auto systemNow = std::chrono::system_clock::now().time_since_epoch();
+        ASSERT_GE(std::chrono::duration_cast<std::chrono::seconds>(systemNow).count(), before.tv_sec + kHourSeconds);
+    }
+
+    // `hold` makes the wait block, `wait` waits kTimeoutMs on a thread of its
+    // own (true: it got through), `release` frees the hold or the wait.
+    const struct
+    {
+        const char* name;
+        std::function<void(SPrimitives&)> hold;
+        std::function<bool(SPrimitives&)> wait;
+        std::function<void(SPrimitives&)> release;
+    } cases[] = {
         {"CKelMutex::Lock", [](SPrimitives& p) { p.mutex.Lock(KEL_INFINITE); },
-         [](SPrimitives& p) {
-             const bool locked = p.mutex.Lock(kTimeoutMs);
-             if (locked)
-                 p.mutex.Unlock();
-             return locked;
-         },
+         [](SPrimitives& p) { return p.mutex.Lock(kTimeoutMs) && p.mutex.Unlock(); },
          [](SPrimitives& p) { p.mutex.Unlock(); }},
         {"CKelEvent::Wait", [](SPrimitives&) {}, [](SPrimitives& p) { return p.event.Wait(kTimeoutMs); },
          [](SPrimitives& p) { p.event.Signal(); }},
@@ -122,78 +127,34 @@ const std::vector<SWaitCase>& WaitCases()
          },
          [](SPrimitives& p) { p.turns.End(); }},
     };
-    return cases;
-}
-
-class WallClockOffset
-{
-public:
-    explicit WallClockOffset(long long seconds, int unshiftedReads = 0)
-    {
-        g_nUnshiftedReads.store(unshiftedReads);
-        g_nWallOffsetSeconds.store(seconds);
-    }
-    ~WallClockOffset()
-    {
-        g_nWallOffsetSeconds.store(0);
-        g_nUnshiftedReads.store(0);
-    }
-};
-} // namespace
-
-// Without this the test below would pass for any implementation.
-TEST(KelWallClock, OffsetReachesEveryWallClockRead)
-{
-    timeval before;
-    syscall(SYS_gettimeofday, &before, nullptr);
-    WallClockOffset offset(kHourSeconds);
-
-    timeval shifted;
-    gettimeofday(&shifted, nullptr);
-    EXPECT_GE(shifted.tv_sec, before.tv_sec + kHourSeconds);
-    const long long systemNow =
-        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
-    EXPECT_GE(systemNow, before.tv_sec + kHourSeconds);
-}
-
-TEST(KelWallClock, TimedWaitsRunTheirFullTimeOutWhateverTheWallClockSays)
-{
-    struct SStep
-    {
-        int unshiftedReads;
-        long long offsetSeconds;
-    };
-    const SStep steps[] = {{0, -kHourSeconds}, {0, kHourSeconds}, {1, -kHourSeconds}, {1, kHourSeconds}};
-
-    for (const SWaitCase& row : WaitCases())
-    {
-        for (const SStep& step : steps)
-        {
-            SCOPED_TRACE(std::string(row.name) + ": wall clock " + std::to_string(step.offsetSeconds) +
-                         " s from read " + std::to_string(step.unshiftedReads + 1));
-            SPrimitives primitives;
-            row.hold(primitives);
-            std::atomic<int> result{-1};
-            std::atomic<long long> elapsedMs{-1};
-            bool finished = false;
+    for (const auto& row : cases)
+        for (const int unshiftedReads : {0, 1})
+            for (const long long offsetSeconds : {-kHourSeconds, kHourSeconds})
             {
-                WallClockOffset offset(step.offsetSeconds, step.unshiftedReads);
-                std::thread waiter([&] {
-                    const auto start = Clock::now();
-                    const bool through = row.wait(primitives);
-                    elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-                    result = through ? 1 : 0;
-                });
-                const auto limit = Clock::now() + std::chrono::seconds(5);
-                while (result.load() == -1 && Clock::now() < limit)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                finished = result.load() != -1;
-                row.release(primitives);
-                waiter.join();
+                SCOPED_TRACE(std::string(row.name) + ": wall clock " + std::to_string(offsetSeconds) + " s from read " +
+                             std::to_string(unshiftedReads + 1));
+                SPrimitives primitives;
+                row.hold(primitives);
+                std::atomic<int> result{-1};
+                std::atomic<long long> elapsedMs{-1};
+                bool finished = false;
+                {
+                    WallClockOffset offset(offsetSeconds, unshiftedReads);
+                    std::thread waiter([&] {
+                        const auto start = Clock::now();
+                        const bool through = row.wait(primitives);
+                        elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+                        result = through ? 1 : 0;
+                    });
+                    const auto limit = Clock::now() + std::chrono::seconds(5);
+                    while (result.load() == -1 && Clock::now() < limit)
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    finished = result.load() != -1;
+                    row.release(primitives);
+                    waiter.join();
+                }
+                EXPECT_TRUE(finished) << "the wait was stretched";
+                EXPECT_EQ(0, result.load()) << "the wait did not time out";
+                EXPECT_GE(elapsedMs.load(), static_cast<long long>(kTimeoutMs) - 5) << "the wait was cut";
             }
-            EXPECT_TRUE(finished) << "the wait was stretched";
-            EXPECT_EQ(0, result.load()) << "the wait did not time out";
-            EXPECT_GE(elapsedMs.load(), static_cast<long long>(kTimeoutMs) - 5) << "the wait was cut";
-        }
-    }
 }

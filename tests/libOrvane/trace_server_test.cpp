@@ -7,16 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,12 +26,13 @@ using Bytes = std::string;
 using OrvaneTest::CTraceViewer;
 using OrvaneTest::FromHex;
 
-// Appends little-endian fields, each given as value and size in bytes.
-void Put(Bytes& out, std::initializer_list<std::pair<unsigned long long, int>> fields)
+// `size` bytes of `value`, little-endian.
+Bytes LE(unsigned long long value, int size)
 {
-    for (const auto& field : fields)
-        for (int i = 0; i < field.second; ++i)
-            out += static_cast<char>((field.first >> (8 * i)) & 0xFF);
+    Bytes out;
+    for (int i = 0; i < size; ++i)
+        out += static_cast<char>((value >> (8 * i)) & 0xFF);
+    return out;
 }
 
 unsigned int LE(const Bytes& bytes, size_t pos, int size)
@@ -44,43 +43,13 @@ unsigned int LE(const Bytes& bytes, size_t pos, int size)
     return value;
 }
 
-sockaddr_in Loopback(unsigned short port)
-{
-    return sockaddr_in{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
-// A UDP socket bound to an ephemeral port on 127.0.0.1.
-int BoundSocket(unsigned short& port)
-{
-    const int s = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = Loopback(0);
-    bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    socklen_t length = sizeof(address);
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin_port);
-    return s;
-}
-
 // The trace message datagram expected from the server, time fields zeroed.
 Bytes Message(unsigned short counter, unsigned char level, unsigned char category, unsigned int mask,
               unsigned char flags, unsigned short line, const std::string& file, const std::string& text)
 {
-    Bytes out;
-    Put(out,
-        {{25 + file.size() + text.size(), 2},
-         {0x4001, 2},
-         {counter, 2},
-         {0, 8},
-         {level, 1},
-         {category, 1},
-         {mask, 4},
-         {flags, 1},
-         {line, 2},
-         {file.size(), 2}});
-    out.insert(out.end(), file.begin(), file.end());
-    Put(out, {{text.size(), 2}});
-    out.insert(out.end(), text.begin(), text.end());
-    return out;
+    return LE(25 + file.size() + text.size(), 2) + LE(0x4001, 2) + LE(counter, 2) + Bytes(8, '\0') + LE(level, 1) +
+        LE(category, 1) + LE(mask, 4) + LE(flags, 1) + LE(line, 2) + LE(file.size(), 2) + file + LE(text.size(), 2) +
+        text;
 }
 
 // A received trace message with its time fields (checked separately) zeroed.
@@ -89,13 +58,6 @@ Bytes WithoutTime(Bytes bytes)
     for (size_t i = 6; i < 14 && i < bytes.size(); ++i)
         bytes[i] = '\0';
     return bytes;
-}
-
-unsigned int NowSeconds()
-{
-    timeval now = {};
-    gettimeofday(&now, nullptr);
-    return static_cast<unsigned int>(now.tv_sec);
 }
 
 int Send(unsigned char level, unsigned char category, unsigned int mask)
@@ -126,7 +88,7 @@ protected:
 TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
 {
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF)); // no viewer yet
-    const unsigned int before = NowSeconds();
+    const unsigned int before = static_cast<unsigned int>(time(nullptr));
     m_oViewer.Send(CTraceViewer::ActivateRequest(0x14, {0x00000000, 0x00000002, 0x00000000, 0x0000FFFF}));
     const Bytes m = m_oViewer.Receive();
     EXPECT_EQ(Message(0, 0x04, 1, 0x02, 0, 460, "libOrvane/C++/source/TraceServer",
@@ -134,7 +96,7 @@ TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
               WithoutTime(m));
     ASSERT_GE(m.size(), 14u);
     EXPECT_LE(before, LE(m, 6, 4));
-    EXPECT_GE(NowSeconds(), LE(m, 6, 4));
+    EXPECT_GE(static_cast<unsigned int>(time(nullptr)), LE(m, 6, 4));
     EXPECT_LT(LE(m, 10, 4), 1000000u);
     {
         CKelLockGuard lock(CTraceServer::m_oTelegramCounterMutex);
@@ -244,10 +206,10 @@ TEST_F(TraceServerTest, DisableResetsEverything)
 {
     Activate(0x10, std::vector<unsigned int>(32, 0xFFFFFFFF));
     EXPECT_EQ(0, CTraceServer::Disable());
-    EXPECT_EQ(0, CTraceServer::m_nServerUdpPort);
-    EXPECT_EQ(0, CTraceServer::m_nActiveLevels.load());
+    unsigned int left = CTraceServer::m_nServerUdpPort | CTraceServer::m_nActiveLevels.load();
     for (const std::atomic<unsigned int>& filter : CTraceServer::m_anCategoryFilters)
-        EXPECT_EQ(0u, filter.load());
+        left |= filter.load();
+    EXPECT_EQ(0u, left);
     EXPECT_EQ(-1, Send(0x10, 3, 0xFFFFFFFF));
     EXPECT_EQ(-1, CTraceServer::Disable());
 
@@ -265,74 +227,67 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
 {
     CTraceServer::Disable();
     unsigned short def = 0, p1 = 0, p2 = 0; // free a moment ago: the probes are held open together
-    for (int probe : {BoundSocket(def), BoundSocket(p1), BoundSocket(p2)})
-        close(probe);
-    // Runs Init with the arguments; `found` are the ports it should announce on
-    // standard output, `invalid` the values it should report on standard error.
-    auto check = [def](const std::vector<std::string>& args, unsigned short port,
-                       const std::vector<unsigned short>& found, const std::vector<std::string>& invalid) {
+    {
+        CTraceViewer probes[3];
+        def = probes[0].Port(), p1 = probes[1].Port(), p2 = probes[2].Port();
+    }
+    char octal[16], hex[16];
+    std::snprintf(octal, sizeof(octal), "0%o", p1);
+    std::snprintf(hex, sizeof(hex), "0x%X", p2);
+    const std::string a = std::to_string(p1), b = std::to_string(p2);
+    const struct
+    {
+        std::vector<std::string> args;
+        unsigned short port;
+        std::vector<unsigned short> found; // ports announced on standard output
+        std::vector<std::string> invalid;  // values reported on standard error
+    } cases[] = {
+        {{"-traceport", "0"}, def, {}, {"0"}},
+        {{"-traceport", "70000"}, def, {}, {"70000"}},
+        {{"-v", "-traceport", a, "-x"}, p1, {p1}, {}},
+        {{"-traceport", octal}, p1, {p1}, {}},
+        {{"-traceport", hex}, p2, {p2}, {}},
+        {{"-v", "-traceport"}, def, {}, {}}, // the last argument is never the option
+        {{"-traceport", a, "-traceport", b}, p2, {p1, p2}, {}},
+        {{"-traceport", a, "-traceport", "70000"}, p1, {p1}, {"70000"}},
+        {{"-traceport", "-traceport", a}, def, {}, {"-traceport"}}, // the value is consumed
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::PrintToString(c.args));
         std::string out, err;
-        for (unsigned short p : found)
+        for (unsigned short p : c.found)
             out += "CTraceServer: Found traceport parameter: Using port " + std::to_string(p) +
                 " instead of the default of " + std::to_string(def) + ".\n";
-        for (const std::string& value : invalid)
+        for (const std::string& value : c.invalid)
             err += "CTraceServer: Invalid trace port " + value + ": valid values are 1-65535. Using default value of " +
                 std::to_string(def) + " instead.\n";
         std::vector<const char*> argv = {"program"};
-        for (const std::string& arg : args)
+        for (const std::string& arg : c.args)
             argv.push_back(arg.c_str());
         argv.push_back(nullptr); // as in a real command line
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const int result = CTraceServer::Init(def, static_cast<int>(argv.size() - 1), argv.data());
-        const std::string label = testing::PrintToString(args);
-        EXPECT_EQ(out, testing::internal::GetCapturedStdout()) << label;
-        EXPECT_EQ(err, testing::internal::GetCapturedStderr()) << label;
-        EXPECT_TRUE(result == 0 && CTraceServer::m_nServerUdpPort == port) << label << ": " << result;
+        EXPECT_EQ(0, CTraceServer::Init(def, static_cast<int>(argv.size() - 1), argv.data()));
+        EXPECT_EQ(out, testing::internal::GetCapturedStdout());
+        EXPECT_EQ(err, testing::internal::GetCapturedStderr());
+        EXPECT_EQ(c.port, CTraceServer::m_nServerUdpPort);
         CTraceServer::Disable();
-    };
-    const std::string a = std::to_string(p1), b = std::to_string(p2);
-    char octal[16];
-    std::snprintf(octal, sizeof(octal), "0%o", p1);
+    }
 
-    check({"-traceport", "0"}, def, {}, {"0"});
-    check({"-traceport", "70000"}, def, {}, {"70000"});
-    check({"-v", "-traceport", a, "-x"}, p1, {p1}, {});
-    check({"-traceport", octal}, p1, {p1}, {});
-    check({"-traceport"}, def, {}, {}); // the last argument is never the option
-    check({"-v", "-traceport"}, def, {}, {});
-    check({"-traceport", a, "-traceport", b}, p2, {p1, p2}, {});
-    check({"-traceport", a, "-traceport", "70000"}, p1, {p1}, {"70000"});
-    check({"-traceport", "-traceport", a}, def, {}, {"-traceport"}); // the value is consumed
-
-    unsigned short taken = 0;
-    const int holder = BoundSocket(taken);
+    const CTraceViewer holder; // its port is taken
     testing::internal::CaptureStderr();
-    EXPECT_EQ(-2, CTraceServer::Init(taken));
-    EXPECT_EQ("CTraceServer: Could not bind to port " + std::to_string(taken) + ".\n",
+    EXPECT_EQ(-2, CTraceServer::Init(holder.Port()));
+    EXPECT_EQ("CTraceServer: Could not bind to port " + std::to_string(holder.Port()) + ".\n",
               testing::internal::GetCapturedStderr());
     EXPECT_EQ(-1, CTraceServer::m_nSocket.load());
-    close(holder);
-
-    // 0x1F90 is 8080, which something else on this machine may hold.
-    const char* const hex[] = {"program", "-traceport", "0x1F90", nullptr};
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int result = CTraceServer::Init(1234, 3, hex);
-    EXPECT_EQ("CTraceServer: Found traceport parameter: Using port 8080 instead of the default of 1234.\n",
-              testing::internal::GetCapturedStdout());
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(result == 0 ? CTraceServer::m_nServerUdpPort == 8080
-                            : err == "CTraceServer: Could not bind to port 8080.\n")
-        << err;
 }
 
 TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
 {
-    // Long texts keep each sender busy between its filter tests and its send,
-    // so Disable often closes the socket inside that gap. A socket opened right
-    // after Disable takes the freed descriptor number; a stale send on it would
-    // bind it to a port of its own.
+    // Long texts keep senders between their filter tests and their send when
+    // Disable closes the socket; a stale send on the socket that takes the
+    // freed number next would bind it to a port.
     struct SSenders
     {
         std::atomic<bool> stop{false};

@@ -27,7 +27,6 @@ TEST(KelMemDumpTest, LinesOfSevenSixteenAndSeventeenBytes)
     EXPECT_EQ(KelMemDumpLine(acTelegram, 7, 0), sLine);
     const std::string sDump = KelMemDump(acTelegram, 7);
     EXPECT_EQ(sDump, Header(acTelegram, "7") + sLine + "\n");
-    EXPECT_EQ(sDump.compare(0, 13, "Address: 0x0x"), 0); // the pointer text brings its own prefix
 
     unsigned char acData[17];
     for (unsigned int i = 0; i < sizeof acData; ++i)

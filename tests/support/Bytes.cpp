@@ -32,13 +32,6 @@ std::string ConnectConfirmation(unsigned char nId, unsigned char nResult)
     return MakeMsg(CKelMsg::Command(nId, nCode), 1, Byte(nResult));
 }
 
-std::string WithWrongCrc(std::string sBytes)
-{
-    if (!sBytes.empty())
-        sBytes.back() = static_cast<char>(~sBytes.back());
-    return sBytes;
-}
-
 std::string Frame(const std::string& sPayload)
 {
     std::string sBytes(2, '\0');

@@ -1,6 +1,6 @@
 // Wire bytes for loopback tests, built without the code under test's send
 // path: connection messages and gateway telegrams (one layout: length word,
-// command, number or message ID, data, XOR checksum), deliberate faults, hex.
+// command, number or message ID, data, XOR checksum), hex.
 #ifndef ORVANE_TEST_BYTES_H
 #define ORVANE_TEST_BYTES_H
 
@@ -24,8 +24,6 @@ std::string Confirmation(unsigned short nCode, short nMsgID, const std::string& 
 std::string ConnectRequest(unsigned char nId);
 std::string ConnectConfirmation(unsigned char nId, unsigned char nResult);
 
-// sBytes with the last byte (the checksum) inverted.
-std::string WithWrongCrc(std::string sBytes);
 // A length word in front of sPayload, nothing else.
 std::string Frame(const std::string& sPayload);
 // nCount bytes that differ from message to message (nSeed) and along the way.

@@ -1,5 +1,5 @@
 // Gateway telegrams as COrvaneMsg, for tests that link the client library
-// (orvane_api): what a CScriptedGateway or CRawPeer received, taken apart.
+// (orvane_api): what a CRawPeer received, taken apart.
 #ifndef ORVANE_TEST_ORVANE_TELEGRAM_H
 #define ORVANE_TEST_ORVANE_TELEGRAM_H
 

@@ -1,0 +1,549 @@
+// The CAN side of the application interface. First the indication decoders
+// and the CAN client fed telegrams written out by hand through DataInd (which
+// callback gets which fields, what the queues keep, what the pollers report);
+// then the plain functions against the gateway simulator on 127.0.0.1.
+#include "DeviceManager.h"
+#include "OrvaneCanIndication.h"
+#include "OrvaneClientCANDll.h"
+#include "OrvaneDllCan.h"
+#include "OrvaneProtocol.h"
+#include "support/ApiSim.h"
+#include "support/ClientSeams.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+using namespace OrvaneCan;
+using namespace ApiTest;
+using ClientTest::Out;
+
+namespace
+{
+
+constexpr int INVALID_HANDLE = 0x900000;
+
+COrvaneMsg Ind(unsigned short nCode, const std::vector<unsigned char>& anPayload)
+{
+    return COrvaneMsg(nCode, 0, anPayload.data(), static_cast<unsigned short>(anPayload.size()));
+}
+
+void Deliver(COrvaneClientCANDll& oClient, COrvaneMsg oMsg)
+{
+    EXPECT_FALSE(oClient.DataIndRespond(&oMsg)) << "the client never takes the telegram";
+}
+
+std::string Bytes(const void* pData, int nLength)
+{
+    return std::string(static_cast<const char*>(pData), static_cast<std::size_t>(nLength));
+}
+
+// What the callbacks saw, their names and arguments as text; they may run on
+// a read thread.
+std::mutex g_oCallsMutex;
+std::vector<std::string> g_asCalls;
+
+void Call(const std::string& sText)
+{
+    std::lock_guard<std::mutex> oGuard(g_oCallsMutex);
+    g_asCalls.push_back(sText);
+}
+std::vector<std::string> Calls()
+{
+    std::lock_guard<std::mutex> oGuard(g_oCallsMutex);
+    return g_asCalls;
+}
+void ClearCalls()
+{
+    std::lock_guard<std::mutex> oGuard(g_oCallsMutex);
+    g_asCalls.clear();
+}
+
+void OnFrame(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle)
+{
+    Call(Out("frame", nId, Bytes(pcData, nLength), nFlags, nHandle));
+}
+void OnFrameEx(unsigned int nId, const char* pcData, int nLength, int nFlags, int nHandle, int nSec, int nUsec)
+{
+    Call(Out("frameEx", nId, Bytes(pcData, nLength), nFlags, nHandle, nSec, nUsec));
+}
+void OnPDO(unsigned char nNode, unsigned char nType, unsigned char nLength, const char* pcData, int nHandle, int nSec,
+           int nUsec)
+{
+    Call(Out("pdo", nNode, nType, Bytes(pcData, nLength), nHandle, nSec, nUsec));
+}
+void OnSYNC(unsigned char nCounter, int nHandle, int nSec, int nUsec)
+{
+    Call(Out("sync", nCounter, nHandle, nSec, nUsec));
+}
+void OnEMCY(unsigned char nNode, unsigned short nCode, unsigned char nRegister, const unsigned char* pcData,
+            int nHandle, int, int)
+{
+    Call(Out("emcy", nNode, nCode, nRegister, Bytes(pcData, 5), nHandle));
+}
+void OnGUARD(unsigned char nNode, unsigned char nState, int nHandle, int, int)
+{
+    Call(Out("guard", nNode, nState, nHandle));
+}
+void OnUndefined(int nId, unsigned char nByte0, unsigned char nByte1, unsigned char nLength, const char* pcData,
+                 int nHandle, int nSec, int nUsec)
+{
+    Call(Out("undefined", nId, nByte0, nByte1, Bytes(pcData, nLength), nHandle, nSec, nUsec));
+}
+
+} // namespace
+
+TEST(CanIndicationDecode, FramesTimeStampsAndLengthLimits)
+{
+    struct SCase
+    {
+        const char* pName;
+        std::vector<unsigned char> anPayload;
+        std::string sExpected; // identifier, flags, data, raw length, seconds, microseconds
+    };
+    const SCase aoCases[] = {
+        // 0x18FF0001, flags 0x05 (extended, time stamp), data 11 22 33,
+        // seconds 0x01020304, microseconds 999999 = 0x0F423F.
+        {"stamped",
+         {0x01, 0x00, 0xFF, 0x18, 0x05, 0x11, 0x22, 0x33, 0x04, 0x03, 0x02, 0x01, 0x3F, 0x42, 0x0F, 0x00},
+         "419364865 5 \x11\x22\x33 11 16909060 999999"},
+        {"plain", {0x23, 0x01, 0x00, 0x00, 0x00, 0xAA, 0xBB}, "291 0 \xAA\xBB 2 0 0"},
+        // The flags byte is sign-extended; stamp bit set but only 3 bytes
+        // behind the header: length 0, no stamp.
+        {"short stamp", {0x7F, 0x00, 0x00, 0x00, 0x84, 0x01, 0x02, 0x03}, "127 -124  3 0 0"},
+        {"remote, empty", {0x00, 0x02, 0x00, 0x00, 0x02}, "512 2  0 0 0"},
+    };
+    for (const SCase& oCase : aoCases)
+    {
+        SFrameInd oInd; // points into oMsg
+        const COrvaneMsg oMsg = Ind(eIndFrame, oCase.anPayload);
+        ASSERT_TRUE(DecodeFrame(oMsg, oInd)) << oCase.pName;
+        EXPECT_EQ(Out(oInd.nIdentifier, oInd.nFlags, Bytes(oInd.pcData, oInd.nLength), oInd.nRawLength,
+                      oInd.oTime.tv_sec, oInd.oTime.tv_usec),
+                  oCase.sExpected)
+            << oCase.pName;
+    }
+
+    // At most 64 data bytes, counted after the stamp.
+    const auto Frame = [](unsigned char nFlags, std::size_t nBytes) {
+        std::vector<unsigned char> anPayload = {0x01, 0x00, 0x00, 0x00, nFlags};
+        anPayload.resize(anPayload.size() + nBytes, 0x5A);
+        return Ind(eIndFrame, anPayload);
+    };
+    SFrameInd oInd;
+    EXPECT_TRUE(DecodeFrame(Frame(0x00, 64), oInd));
+    EXPECT_FALSE(DecodeFrame(Frame(0x00, 65), oInd));
+    EXPECT_TRUE(DecodeFrame(Frame(0x04, 72), oInd));
+    EXPECT_EQ(oInd.nLength, 64);
+    EXPECT_FALSE(DecodeFrame(Frame(0x04, 73), oInd));
+    EXPECT_FALSE(DecodeFrame(Ind(eIndFrame, {0x01, 0x00, 0x00, 0x00}), oInd)) << "shorter than the header";
+
+    // GetTime: a stamp too short leaves the time as it was; no flag clears it.
+    const char acStamp[] = {0x10, 0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00};
+    timeval oTime = {7, 8};
+    int nLength = 7;
+    EXPECT_TRUE(GetTime(FRAME_FLAG_TIMESTAMP, acStamp, nLength, oTime));
+    EXPECT_EQ(Out(nLength, oTime.tv_sec, oTime.tv_usec), "0 7 8");
+    nLength = 8;
+    EXPECT_TRUE(GetTime(FRAME_FLAG_TIMESTAMP | FRAME_FLAG_EXTENDED, acStamp, nLength, oTime));
+    EXPECT_EQ(Out(nLength, oTime.tv_sec, oTime.tv_usec), "0 16 32");
+    nLength = 8;
+    EXPECT_FALSE(GetTime(FRAME_FLAG_EXTENDED, acStamp, nLength, oTime));
+    EXPECT_EQ(Out(nLength, oTime.tv_sec, oTime.tv_usec), "8 0 0");
+}
+
+TEST(CanIndicationDecode, PDOLengthIsCappedAtEightAndAtTheBytesPresent)
+{
+    const std::pair<std::vector<unsigned char>, std::string> aoCases[] = {
+        {{0x05, 0x01, 0x02, 0xA1, 0xA2}, "\xA1\xA2"},
+        {{0x05, 0x01, 0x09, 1, 2, 3, 4, 5, 6, 7, 8, 9}, "\x01\x02\x03\x04\x05\x06\x07\x08"},
+        {{0x05, 0x01, 0x04, 0xA1}, "\xA1"},
+        {{0x05, 0x01}, ""},
+    };
+    for (const auto& oCase : aoCases)
+    {
+        SPDOInd oPdo;
+        const COrvaneMsg oMsg = Ind(eIndPDO, oCase.first);
+        DecodePDO(oMsg, oPdo);
+        EXPECT_EQ(Out(oPdo.nNodeID, oPdo.nPDOType, Bytes(oPdo.pcData, oPdo.nLength)), Out(5, 1, oCase.second));
+    }
+}
+
+namespace
+{
+
+constexpr int HANDLE = 7;
+
+// Frame 0x123, flags 0x04, data "ab", stamp 0x10 s 0x20 us.
+const std::vector<unsigned char> STAMPED_FRAME = {0x23, 0x01, 0x00, 0x00, 0x04, 'a',  'b', 0x10,
+                                                  0x00, 0x00, 0x00, 0x20, 0x00, 0x00, 0x00};
+const std::vector<unsigned char> EMCY = {0x05, 0x30, 0x81, 0x11, 'v', 'w', 'x', 'y', 'z'};
+const std::vector<unsigned char> UNDEFINED = {0x01, 0x07, 0x00, 0x00, 0x04, 'q', 0x03, 0, 0, 0, 0x04, 0, 0, 0};
+
+class CanClientDllTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ClearCalls(); }
+    COrvaneClientCANDll m_oClient{HANDLE, 1000};
+};
+
+} // namespace
+
+TEST_F(CanClientDllTest, CallbacksGetTheirFieldsAndFrameCallbacksExcludeEachOther)
+{
+    m_oClient.SetCallback(OnFrame);
+    Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
+    m_oClient.SetCallbackEx(OnFrameEx);
+    Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
+    m_oClient.SetCallback(OnFrame);
+    Deliver(m_oClient, Ind(eIndFrame, {0x23, 0x01, 0x00, 0x00, 0x01, 'c'}));
+
+    // CANopen callbacks get zero time stamps, except the undefined one.
+    m_oClient.CANopenSetCallback(OnPDO, OnSYNC, OnEMCY, OnGUARD, OnUndefined);
+    Deliver(m_oClient, Ind(eIndPDO, {0x05, 0x02, 0x02, 'x', 'y'}));
+    Deliver(m_oClient, Ind(eIndSYNC, {0x09}));
+    Deliver(m_oClient, Ind(eIndEMCY, EMCY));
+    Deliver(m_oClient, Ind(eIndGUARD, {0x05, 0x7F}));
+    Deliver(m_oClient, Ind(eIndUndefined, UNDEFINED));
+    Deliver(m_oClient, Ind(0x0265, {0x01})); // not an indication of a CAN port
+
+    m_oClient.SetCallback(nullptr);
+    m_oClient.SetMaxSizePerQueue(10);
+    Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
+    EXPECT_EQ(Calls(),
+              (std::vector<std::string>{"frame 291 ab 4 7", "frameEx 291 ab 4 7 16 32", "frame 291 c 1 7",
+                                        "pdo 5 2 xy 7 0 0", "sync 9 7 0 0", "emcy 5 33072 17 vwxyz 7", "guard 5 127 7",
+                                        "undefined 1793 1 7 q 7 3 4"}));
+    EXPECT_EQ(m_oClient.CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0)
+        << "with no callback left the frame is queued";
+}
+
+TEST_F(CanClientDllTest, QueuesDropWithoutMaximumOrWhenTooLongKeepTheOldestAndEmptyAtSizeZero)
+{
+    Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
+    EXPECT_EQ(m_oClient.CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -1)
+        << "queueing is off until a maximum is set";
+
+    m_oClient.SetMaxSizePerQueue(10);
+    m_oClient.SetCallback(OnFrame);
+    std::vector<unsigned char> anLong = {0x01, 0x00, 0x00, 0x00, 0x00};
+    anLong.resize(5 + 65, 'z');
+    Deliver(m_oClient, Ind(eIndFrame, anLong));
+    Deliver(m_oClient, Ind(eIndUndefined, anLong));
+    m_oClient.SetCallback(nullptr);
+    Deliver(m_oClient, Ind(eIndFrame, anLong));
+    EXPECT_TRUE(Calls().empty());
+    EXPECT_EQ(m_oClient.CANGetMessage(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -1);
+
+    m_oClient.SetMaxSizePerQueue(2);
+    for (unsigned char n = 1; n <= 3; ++n)
+    {
+        Deliver(m_oClient, Ind(eIndFrame, {n, 0x00, 0x00, 0x00, 0x00, n}));
+        Deliver(m_oClient, Ind(eIndSYNC, {n}));
+    }
+    int nId = 0;
+    const auto fnNext = [&] {
+        return Out(m_oClient.CANGetMessage(&nId, nullptr, nullptr, nullptr, nullptr, nullptr), nId);
+    };
+    EXPECT_EQ(fnNext(), "1 1");
+    Deliver(m_oClient, Ind(eIndFrame, {4, 0x00, 0x00, 0x00, 0x00, 4}));
+    EXPECT_EQ(fnNext(), "1 2");
+    EXPECT_EQ(fnNext(), "0 4");
+
+    unsigned char nCounter = 0;
+    EXPECT_EQ(m_oClient.CANopenGetSYNC(&nCounter), 1);
+    EXPECT_EQ(nCounter, 1);
+    m_oClient.SetMaxSizePerQueue(0);
+    EXPECT_EQ(m_oClient.CANopenGetSYNC(&nCounter), -1);
+    Deliver(m_oClient, Ind(eIndSYNC, {5}));
+    EXPECT_EQ(m_oClient.CANopenGetSYNC(&nCounter), -1) << "queueing is off";
+}
+
+TEST_F(CanClientDllTest, PollersReportEveryField)
+{
+    m_oClient.SetMaxSizePerQueue(10);
+    Deliver(m_oClient, Ind(eIndFrame, STAMPED_FRAME));
+    Deliver(m_oClient, Ind(eIndFrame, {0xFF, 0xFF, 0xFF, 0x1F, 0x81, 'x'}));
+    Deliver(m_oClient, Ind(eIndPDO, {0x05, 0x02, 0x03, 1, 2, 3}));
+    Deliver(m_oClient, Ind(eIndEMCY, EMCY));
+    Deliver(m_oClient, Ind(eIndGUARD, {0x05, 0x7F}));
+    Deliver(m_oClient, Ind(eIndUndefined, UNDEFINED));
+
+    // The frame's bytes behind the header are copied whole, stamp included;
+    // the length counts the data only.
+    int nId = 0, nFlags = 0, nSec = -1, nUsec = -1;
+    unsigned char nLength = 0;
+    char acData[72] = {};
+    int r = m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nLength, nFlags, nSec, nUsec), "1 291 2 4 16 32");
+    EXPECT_EQ(Bytes(acData, 10), Bytes("ab\x10\0\0\0\x20\0\0\0", 10));
+    r = m_oClient.CANGetMessage(&nId, acData, &nLength, &nFlags, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nFlags, nSec, nUsec), "0 536870911 -127 0 0");
+
+    unsigned char nNode = 0, nType = 0, nRegister = 0, nState = 0, acBytes[8] = {};
+    unsigned short nCode = 0;
+    r = m_oClient.CANopenGetPDO(&nNode, &nType, &nLength, acData);
+    EXPECT_EQ(Out(r, nNode, nType, Bytes(acData, nLength)), "0 5 2 \x01\x02\x03");
+    r = m_oClient.CANopenGetEMCY(&nNode, &nCode, &nRegister, acBytes);
+    EXPECT_EQ(Out(r, nCode, nRegister, Bytes(acBytes, 5)), "0 33072 17 vwxyz");
+    r = m_oClient.CANopenGetGUARD(&nNode, &nState);
+    EXPECT_EQ(Out(r, nState), "0 127");
+    unsigned char nByte0 = 0, nByte1 = 0;
+    r = m_oClient.CANopenGetUndefined(&nId, &nByte0, &nByte1, &nLength, acData, &nSec, &nUsec);
+    EXPECT_EQ(Out(r, nId, nByte0, nByte1, Bytes(acData, nLength), nSec, nUsec), "0 1793 1 7 q 3 4");
+}
+
+// Through the application interface, on a device filed without a connection.
+TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientAndErrorText)
+{
+    COrvaneClientCANDll* poClient = new COrvaneClientCANDll(0, 1000);
+    int nHandle = 0;
+    CDeviceManager::SetDevice(&nHandle, new CDevice(poClient, "127.0.0.1", 5001, 0, eOrvaneCAN, true));
+    EXPECT_EQ(CANSetMaxSizePerQueue(nHandle, 5), 0);
+    Deliver(*poClient, Ind(eIndFrame, {0x01, 0x00, 0x00, 0x00, 0x00, 'a'}));
+    Deliver(*poClient, Ind(eIndFrame, {0x02, 0x00, 0x00, 0x00, 0x00, 'b'}));
+    EXPECT_EQ(CANGetMessage(nHandle, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    int nAvailable = 9;
+    EXPECT_EQ(CANGetMessage(nHandle, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(nAvailable, 0) << "the first call removed a frame";
+    EXPECT_EQ(CANGetMessage(nHandle, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(nAvailable, -1);
+    EXPECT_EQ(CANDeviceConnectState(nHandle), 1) << "never connected";
+    EXPECT_EQ(CANCloseDevice(nHandle), 0);
+
+    int nEmpty = 0;
+    CDeviceManager::SetDevice(&nEmpty, new CDevice(nullptr, "127.0.0.1", 5001, 0, eOrvaneCAN, true));
+    EXPECT_EQ(nEmpty, nHandle + 1);
+    EXPECT_EQ(CANWrite(nEmpty, 1, "a", 1, 0), 0);
+    EXPECT_EQ(CANDeviceConnectState(nEmpty), 0);
+    EXPECT_EQ(CANCloseDevice(nEmpty), 0);
+    EXPECT_EQ(CANCloseDevice(nEmpty), INVALID_HANDLE);
+
+    // The error text is cut to the buffer, terminator included.
+    const std::string sText = "Device handle is invalid";
+    struct SCase
+    {
+        int nLength, nResult;
+        std::string sWritten;
+    };
+    for (const SCase& oCase : {SCase{64, 25, sText}, SCase{25, 25, sText}, SCase{24, 24, sText.substr(0, 23)},
+                               SCase{1, 1, ""}, SCase{0, 0, "untouched"}, SCase{-3, 0, "untouched"}})
+    {
+        char acBuffer[64] = "untouched";
+        EXPECT_EQ(Out(CANErrorMessage(INVALID_HANDLE, acBuffer, oCase.nLength), acBuffer),
+                  Out(oCase.nResult, oCase.sWritten))
+            << oCase.nLength;
+    }
+    EXPECT_EQ(CANErrorMessage(INVALID_HANDLE, nullptr, 10), 0);
+}
+
+namespace
+{
+
+constexpr int TIMEOUT_MS = 5000;
+
+bool WaitCalls(std::size_t nCount)
+{
+    return WaitUntil([nCount] { return Calls().size() >= nCount; });
+}
+
+class DllCanTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_oSim.Started()) << m_oSim.Error();
+        ClearCalls();
+    }
+    void TearDown() override
+    {
+        for (int nHandle : m_anHandles)
+            CANCloseDevice(nHandle);
+    }
+    int Open(int bConfirm = 0)
+    {
+        int nHandle = -1;
+        EXPECT_EQ(CANOpenDevice(&nHandle, bConfirm, 0, m_oSim.CanPort(), HOST, TIMEOUT_MS), 0);
+        m_anHandles.push_back(nHandle);
+        return nHandle;
+    }
+    // After this, every frame that nWriter wrote has been handled by
+    // nReader's receive thread: the simulator puts a written frame on the
+    // bus before it reads the writer's next request, and the reader's
+    // confirmation comes behind the indications on its stream.
+    static void Sync(int nWriter, int nReader)
+    {
+        unsigned char nMode = 0;
+        ASSERT_EQ(CANopenGetConfig(nWriter, &nMode), 0);
+        ASSERT_EQ(CANopenGetConfig(nReader, &nMode), 0);
+    }
+
+    CApiSim m_oSim;
+    std::vector<int> m_anHandles;
+};
+
+} // namespace
+
+TEST_F(DllCanTest, OpenConfigureAndReadBack)
+{
+    const int nHandle = Open();
+    EXPECT_EQ(CANDeviceConnectState(nHandle), 3);
+    EXPECT_EQ(CANSetGlobals(nHandle, 250000, 'N', 1, 0, 1), 0);
+    unsigned int nBaudrate = 0;
+    unsigned char nMode = 0;
+    int bTermination = 7, bHighSpeed = 7, bTimeStamp = 7;
+    EXPECT_EQ(CANGetGlobals(nHandle, &nBaudrate, &nMode, &bTermination, &bHighSpeed, &bTimeStamp), 0);
+    EXPECT_EQ(Out(nBaudrate, nMode, bTermination, bHighSpeed, bTimeStamp), "250000 78 1 0 1");
+
+    int anFilter[16], anRead[16] = {};
+    for (int i = 0; i < 16; ++i)
+        anFilter[i] = i * 0x01010101;
+    EXPECT_EQ(CANSetFilter(nHandle, anFilter), 0);
+    EXPECT_EQ(CANGetFilter(nHandle, anRead), 0);
+    EXPECT_EQ(std::vector<int>(anRead, anRead + 16), std::vector<int>(anFilter, anFilter + 16));
+
+    EXPECT_EQ(CANSetTime(nHandle, 1000, 500), 0);
+    int bValid = 0, nSeconds = 0, nMicroseconds = 0;
+    EXPECT_EQ(CANGetTime(nHandle, &bValid, &nSeconds, &nMicroseconds), 0);
+    EXPECT_EQ(bValid, 1);
+    EXPECT_GE(nSeconds, 1000);
+    EXPECT_EQ(CANStartAlive(nHandle, 5), 0);
+    EXPECT_EQ(CANWrite(nHandle, 0x123, "\x01", 1, 0), 0);
+
+    // With data confirmations a write waits for the gateway's transmit time.
+    const int nConfirmed = Open(1);
+    nSeconds = 0;
+    EXPECT_EQ(CANWriteEx(nConfirmed, 0x123, "\x01", 1, 0, &nSeconds, &nMicroseconds), 0);
+    EXPECT_GE(nSeconds, 1000) << "the gateway's clock, set above";
+}
+
+// The simulator's encoders against the client's decoders, end to end.
+TEST_F(DllCanTest, FramesAndCANopenServicesReachTheOtherHandle)
+{
+    const int nReader = Open(), nWriter = Open();
+    ASSERT_EQ(CANSetCallback(nReader, OnFrame), 0);
+    ASSERT_EQ(CANWrite(nWriter, 0x123, "hi", 2, 0), 0);
+    ASSERT_EQ(CANWrite(nWriter, 0x1ABCDEF, "", 0, 1), 0);
+    ASSERT_TRUE(WaitCalls(2));
+    // Extended callback, with time stamps from the gateway.
+    ASSERT_EQ(CANSetCallbackEx(nReader, OnFrameEx), 0);
+    ASSERT_EQ(CANSetGlobals(nReader, 500000, 0, 0, 0, 1), 0);
+    ASSERT_EQ(CANWrite(nWriter, 0x125, "stamped", 7, 0), 0);
+    ASSERT_TRUE(WaitCalls(3));
+    const std::string sR = " " + std::to_string(nReader);
+    EXPECT_EQ(Calls()[0], "frame 291 hi 0" + sR);
+    EXPECT_EQ(Calls()[1], "frame 28036591  1" + sR);
+    EXPECT_EQ(Calls()[2].rfind("frameEx 293 stamped 4" + sR + " ", 0), 0u) << Calls()[2];
+    EXPECT_NE(Calls()[2].substr(Calls()[2].size() - 4), " 0 0") << "stamped";
+
+    // SYNC, EMCY of node 5, transmit PDO 1 of node 5, heartbeat of node 5, and
+    // a frame of no service: through the callbacks, then the pollers.
+    ClearCalls();
+    ASSERT_EQ(CANSetGlobals(nReader, 500000, 0, 0, 0, 0), 0);
+    ASSERT_EQ(CANopenSetConfig(nReader, 1), 0);
+    const auto WriteServices = [&] {
+        ASSERT_EQ(CANWrite(nWriter, 0x080, "\x09", 1, 0), 0);
+        ASSERT_EQ(CANWrite(nWriter, 0x085, "\x30\x81\x11\x00\x00\x00\x00\x00", 8, 0), 0);
+        ASSERT_EQ(CANWrite(nWriter, 0x185, "pd", 2, 0), 0);
+        ASSERT_EQ(CANWrite(nWriter, 0x705, "\x7F", 1, 0), 0);
+        ASSERT_EQ(CANWrite(nWriter, 0x321, "u", 1, 0), 0);
+    };
+    ASSERT_EQ(CANopenSetCallback(nReader, OnPDO, OnSYNC, OnEMCY, OnGUARD, OnUndefined), 0);
+    WriteServices();
+    ASSERT_TRUE(WaitCalls(5));
+    EXPECT_EQ(Calls(),
+              (std::vector<std::string>{"sync 9" + sR + " 0 0", "emcy 5 33072 17 " + Bytes("\0\0\0\0\0", 5) + sR,
+                                        "pdo 5 1 pd" + sR + " 0 0", "guard 5 127" + sR,
+                                        "undefined 801 33 3 u" + sR + " 0 0"}));
+
+    ASSERT_EQ(CANopenSetCallback(nReader, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    ASSERT_EQ(CANSetMaxSizePerQueue(nReader, 10), 0);
+    WriteServices();
+    Sync(nWriter, nReader);
+    int nAvailable = 9, nId = 0;
+    unsigned char nNode = 0, nValue = 0, nLength = 0, anBytes[8] = {};
+    unsigned short nCode = 0;
+    char acData[72] = {};
+    int r = CANopenGetSYNC(nReader, &nAvailable, &nValue);
+    EXPECT_EQ(Out(r, nAvailable, nValue), "0 0 9");
+    r = CANopenGetEMCY(nReader, &nAvailable, &nNode, &nCode, &nValue, anBytes);
+    EXPECT_EQ(Out(r, nCode), "0 33072");
+    r = CANopenGetPDO(nReader, &nAvailable, &nNode, &nValue, &nLength, acData);
+    EXPECT_EQ(Out(r, Bytes(acData, nLength)), "0 pd");
+    r = CANopenGetGUARD(nReader, &nAvailable, &nNode, &nValue);
+    EXPECT_EQ(Out(r, nValue), "0 127");
+    r = CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr);
+    EXPECT_EQ(Out(r, nId), "0 801");
+    EXPECT_EQ(CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr), 0);
+    EXPECT_EQ(nAvailable, -1);
+    EXPECT_EQ(CANGetMessage(nReader, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(nAvailable, -1) << "CANopen traffic does not reach the frame queue";
+}
+
+TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
+{
+    const int nHandle = Open();
+    ASSERT_EQ(CANCloseDevice(nHandle), 0);
+    ASSERT_TRUE(WaitUntil([&] { return m_oSim.ConnectedClients() == 0; }));
+
+    // Each output starts at a value no function would write.
+    unsigned int nU = 0xDEAD, anU[4] = {0xDEAD};
+    int nI = 0xDEAD, anI[16] = {0xDEAD};
+    unsigned char nC = 0xAD, anC[8] = {0xAD};
+    unsigned short nS = 0xDEAD, anS[4] = {0xDEAD};
+    short nSigned = 0x1EAD;
+    char acData[72] = {'u'};
+    const std::vector<std::pair<const char*, std::function<int(int)>>> aoCalls = {
+        {"CANCloseDevice", [&](int h) { return CANCloseDevice(h); }},
+        {"CANDeviceConnectState", [&](int h) { return CANDeviceConnectState(h); }},
+        {"CANStartAlive", [&](int h) { return CANStartAlive(h, 5); }},
+        {"CANSetGlobals", [&](int h) { return CANSetGlobals(h, 125000, 0, 1, 1, 1); }},
+        {"CANGetGlobals", [&](int h) { return CANGetGlobals(h, &nU, &nC, &nI, &nI, &nI); }},
+        {"CANSetFilter", [&](int h) { return CANSetFilter(h, anI); }},
+        {"CANGetFilter", [&](int h) { return CANGetFilter(h, anI); }},
+        {"CANSetTime", [&](int h) { return CANSetTime(h, 1, 2); }},
+        {"CANGetTime", [&](int h) { return CANGetTime(h, &nI, &nI, &nI); }},
+        {"CANGetPowerStatus",
+         [&](int h) { return CANGetPowerStatus(h, 4, &nC, 4, &nC, 4, &nC, &nSigned, &nS, &nS, &nI, anS, anI, anI); }},
+        {"CANSetPowerRelais", [&](int h) { return CANSetPowerRelais(h, 1); }},
+        {"CANSetActivePowerSupplies", [&](int h) { return CANSetActivePowerSupplies(h, 3); }},
+        {"CANWrite", [&](int h) { return CANWrite(h, 1, "a", 1, 0); }},
+        {"CANWriteEx", [&](int h) { return CANWriteEx(h, 1, "a", 1, 0, &nI, &nI); }},
+        {"CANSetCallback", [&](int h) { return CANSetCallback(h, OnFrame); }},
+        {"CANSetCallbackEx", [&](int h) { return CANSetCallbackEx(h, OnFrameEx); }},
+        {"CANSetMaxSizePerQueue", [&](int h) { return CANSetMaxSizePerQueue(h, 10); }},
+        {"CANGetMessage", [&](int h) { return CANGetMessage(h, &nI, &nI, acData, &nC, &nI, &nI, &nI); }},
+        {"CANReadDigital", [&](int h) { return CANReadDigital(h, &nU, &nU); }},
+        {"CANWriteDigital", [&](int h) { return CANWriteDigital(h, 1); }},
+        {"CANReadAnalog", [&](int h) { return CANReadAnalog(h, anU, 4, &nS); }},
+        {"CANWriteAnalog", [&](int h) { return CANWriteAnalog(h, anU, 1); }},
+        {"CANopenSetCallback", [&](int h) { return CANopenSetCallback(h, OnPDO, OnSYNC, OnEMCY, OnGUARD, nullptr); }},
+        {"CANopenGetPDO", [&](int h) { return CANopenGetPDO(h, &nI, &nC, &nC, &nC, acData); }},
+        {"CANopenGetSYNC", [&](int h) { return CANopenGetSYNC(h, &nI, &nC); }},
+        {"CANopenGetEMCY", [&](int h) { return CANopenGetEMCY(h, &nI, &nC, &nS, &nC, anC); }},
+        {"CANopenGetGUARD", [&](int h) { return CANopenGetGUARD(h, &nI, &nC, &nC); }},
+        {"CANopenGetUndefined",
+         [&](int h) { return CANopenGetUndefined(h, &nI, &nI, &nC, &nC, &nC, acData, &nI, &nI); }},
+        {"CANopenSetConfig", [&](int h) { return CANopenSetConfig(h, 1); }},
+        {"CANopenGetConfig", [&](int h) { return CANopenGetConfig(h, &nC); }},
+        {"CANopenSetSYNCMode", [&](int h) { return CANopenSetSYNCMode(h, 100); }},
+        {"CANopenSendNMT", [&](int h) { return CANopenSendNMT(h, 1, 1); }},
+        {"CANopenSendSYNC", [&](int h) { return CANopenSendSYNC(h); }},
+        {"CANopenSendTIME", [&](int h) { return CANopenSendTIME(h, 1, 2); }},
+        {"CANopenSendPDO", [&](int h) { return CANopenSendPDO(h, 1, 1, 1, "a"); }},
+        {"CANopenSendSDORead", [&](int h) { return CANopenSendSDORead(h, 1, 0x1000, 0, 100, &nC, &nU); }},
+        {"CANopenSendSDOWrite", [&](int h) { return CANopenSendSDOWrite(h, 1, 0, 0x1000, 0, 100, 5, &nC, &nU); }},
+        {"CANopenSendSDOReadBlock",
+         [&](int h) { return CANopenSendSDOReadBlock(h, 1, 0x1000, 0, 100, 4, &nC, &nS, anC); }},
+        {"CANopenSendSDOWriteBlock",
+         [&](int h) { return CANopenSendSDOWriteBlock(h, 1, 0x1000, 0, 100, 1, anC, &nC, &nU); }},
+    };
+    for (int nBad : {nHandle, 0, -1, 1000000})
+        for (const auto& oCall : aoCalls)
+            EXPECT_EQ(oCall.second(nBad), INVALID_HANDLE) << oCall.first << " on handle " << nBad;
+    EXPECT_EQ(Out(nU, anU[0], nI, anI[0], nC, anC[0], nS, anS[0], nSigned, acData[0]),
+              "57005 57005 57005 57005 173 173 57005 57005 7853 117");
+}
