@@ -6,14 +6,14 @@
 #include <linux/can.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -28,12 +28,9 @@ class CRawCan
 public:
     explicit CRawCan(const char* pcInterface) : m_nSocket(socket(PF_CAN, SOCK_RAW, CAN_RAW))
     {
-        ifreq oRequest{};
-        std::strncpy(oRequest.ifr_name, pcInterface, IFNAMSIZ - 1);
-        ioctl(m_nSocket, SIOCGIFINDEX, &oRequest);
         sockaddr_can oAddress{};
         oAddress.can_family = AF_CAN;
-        oAddress.can_ifindex = oRequest.ifr_ifindex;
+        oAddress.can_ifindex = static_cast<int>(if_nametoindex(pcInterface));
         bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress));
     }
     ~CRawCan() { close(m_nSocket); }
@@ -44,7 +41,6 @@ public:
         oFrame.can_id = nId;
         oFrame.can_dlc = 8;
         std::memcpy(oFrame.data, &nSequence, 4);
-        std::memcpy(oFrame.data + 4, &nId, 4);
         return write(m_nSocket, &oFrame, sizeof(oFrame)) == sizeof(oFrame);
     }
     // The sequence numbers of frames with identifier nId that arrive until
@@ -75,14 +71,9 @@ private:
 
 size_t Entries(const std::string& sFolder)
 {
-    size_t nCount = 0;
-    if (DIR* pDir = opendir(sFolder.c_str()))
-    {
-        while (dirent* pEntry = readdir(pDir))
-            nCount += pEntry->d_name[0] != '.' ? 1 : 0;
-        closedir(pDir);
-    }
-    return nCount;
+    std::error_code oError;
+    using CEntries = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(CEntries(sFolder, oError), CEntries()));
 }
 
 // User plus system CPU time of a process, in clock ticks.
