@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 namespace
 {
@@ -124,13 +125,15 @@ TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
     // different ways; both fail the load unless --ignore-errors keeps the data.
     Write("sum.hex", ":0400000001020304F3\n:00000001FF\n");
     Write("junk.hex", ":0400000001020304F2\njunk\n");
-    for (const char* pcName : {"sum.hex", "junk.hex"})
+    for (const auto& oCase : {std::make_pair("sum.hex", "File <sum.hex>: checksum error."),
+                              std::make_pair("junk.hex", "junk.hex: bad lines")})
     {
-        const SRun oBad = Run(std::string("info ") + pcName);
-        EXPECT_EQ(oBad.nExit, 1) << pcName;
+        const SRun oBad = Run(std::string("info ") + oCase.first);
+        EXPECT_EQ(oBad.nExit, 1) << oCase.first;
+        EXPECT_NE(oBad.sErr.find(oCase.second), std::string::npos) << oBad.sErr;
         EXPECT_NE(oBad.sErr.find("--ignore-errors keeps the data"), std::string::npos) << oBad.sErr;
-        const SRun oKept = Run(std::string("info -k ") + pcName);
-        EXPECT_EQ(oKept.nExit, 0) << pcName;
+        const SRun oKept = Run(std::string("info -k ") + oCase.first);
+        EXPECT_EQ(oKept.nExit, 0) << oCase.first;
         EXPECT_NE(oKept.sOut.find("Total: 4 byte"), std::string::npos) << oKept.sOut;
     }
 }
