@@ -141,10 +141,6 @@ TEST_F(BridgeVm, GatewayLossIsReportedOnceRetriedAboutEverySecondAndRecovered)
     m_poBridge->Signal(SIGUSR1);
     EXPECT_TRUE(WaitForBridge("counters: to_gateway=1 from_gateway=0 dropped=3 reconnects=1 state=connected\n"));
     ExpectCrossing("vcan1", "vcan0", {"3CC#BEEF"});
-    // (Waiting for candump on vcan0 sent probe frames there, which the
-    // bridge forwarded too.)
-    m_poBridge->Signal(SIGUSR1);
-    EXPECT_TRUE(WaitForBridge(" from_gateway=1 dropped=3 reconnects=1 state=connected\n"));
 
     const std::string sOutput = BridgeOutput();
     EXPECT_EQ(Count(sOutput, LOST), 1);
