@@ -71,26 +71,6 @@ protected:
     CRawPeer m_aoClients[4];
 };
 
-TEST_F(SimLoopbackTest, ConnectHandshakeAndDisconnect)
-{
-    StartWith(0);
-    ASSERT_TRUE(m_aoClients[0].Connect(Port()));
-    Talk(0, CONNECT_REQUEST, {{0, CONNECT_ACCEPTED}});
-    EXPECT_TRUE(WaitClients(1));
-    // A disconnect request is confirmed with result 0, then the simulator closes.
-    Talk(0, "05 00 02 02 00 00 00", {{0, "06 00 02 82 00 00 00 80"}});
-    EXPECT_TRUE(m_aoClients[0].WaitClosed());
-    EXPECT_TRUE(WaitClients(0));
-    EXPECT_EQ(Counters().nConnections.load(), 1u);
-}
-
-TEST_F(SimLoopbackTest, SetGlobalsGetGlobalsRoundTripExactBytes)
-{
-    StartWith(1);
-    Talk(0, SET_GLOBALS, {{0, SET_GLOBALS_CNF}});
-    Talk(0, GET_GLOBALS, {{0, "0E 00 08 82 04 00 00 00 48 E8 01 00 01 00 01 2F"}});
-}
-
 TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
 {
     m_oOptions.anCanPorts = {0, 1};
@@ -119,12 +99,13 @@ TEST_F(SimLoopbackTest, EchoIndicatesAWriteBackToItsSender)
     Talk(0, WRITE_123, {{0, IND_123}, {1, IND_123}});
 }
 
-TEST_F(SimLoopbackTest, TimeStampsOnlyForClientsThatSwitchedThemOn)
+TEST_F(SimLoopbackTest, GlobalsRoundTripAndTimeStampsOnlyForClientsThatSwitchedThemOn)
 {
     StartWith(3);
     // Gateway time 0x12345678 s; then time stamps on for client 1.
     Talk(1, Hex(eCmdSetTime, 1, "78 56 34 12 00 00 00 00"), {{1, Hex(0x820B, 1, "00")}});
     Talk(1, SET_GLOBALS, {{1, SET_GLOBALS_CNF}});
+    Talk(1, GET_GLOBALS, {{1, "0E 00 08 82 04 00 00 00 48 E8 01 00 01 00 01 2F"}});
     Talk(0, WRITE_123, {{2, IND_123}});
     const std::string sStamped = m_aoClients[1].ReceiveMessage();
     // Flag 0x04, then s32 seconds and s32 microseconds behind the data.
@@ -220,7 +201,7 @@ TEST_F(SimLoopbackTest, ClosedAfterNTelegrams)
     }
 }
 
-TEST_F(SimLoopbackTest, ConnectionsBeyondTheLimitAreRefused)
+TEST_F(SimLoopbackTest, ConnectionsBeyondTheLimitAreRefusedUntilOneDisconnects)
 {
     m_oOptions.oFaults.nMaxClients = 2;
     StartWith(2);
@@ -228,11 +209,15 @@ TEST_F(SimLoopbackTest, ConnectionsBeyondTheLimitAreRefused)
     Talk(2, CONNECT_REQUEST, {{2, CONNECT_LIMIT_REACHED}});
     EXPECT_TRUE(m_aoClients[2].WaitClosed());
     EXPECT_TRUE(WaitUntil([&] { return Counters().nRefused.load() == 1u; }));
-    // Once a client has left there is room again.
-    m_aoClients[0].Close();
+    // A disconnect request is confirmed with result 0, then the simulator
+    // closes, and there is room again.
+    Talk(0, "05 00 02 02 00 00 00", {{0, "06 00 02 82 00 00 00 80"}});
+    EXPECT_TRUE(m_aoClients[0].WaitClosed());
     ASSERT_TRUE(WaitClients(1));
-    EXPECT_TRUE(m_aoClients[2].Open(Port()));
+    ASSERT_TRUE(m_aoClients[2].Connect(Port()));
+    Talk(2, CONNECT_REQUEST, {{2, CONNECT_ACCEPTED}});
     Talk(1, WRITE_123, {{2, IND_123}});
+    EXPECT_EQ(Counters().nConnections.load(), 3u);
 }
 
 TEST_F(SimLoopbackTest, BadTelegramsAreCountedAndOthersStillServed)

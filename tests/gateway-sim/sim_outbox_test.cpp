@@ -16,7 +16,8 @@ namespace
 
 using CStrings = std::vector<std::string>;
 
-// A link whose sends block while it is held, so a test can fill the queue.
+// A link whose sends block while it is held, so a test can fill the queue; it
+// records its closing among the sent telegrams.
 class CHeldLink : public ITelegramLink
 {
 public:
@@ -32,7 +33,7 @@ public:
     }
     void CloseLink() override
     {
-        Change([&] { m_bClosed = true; });
+        Change([&] { m_asSent.push_back("<closed>"); });
     }
     template <class F>
     void Change(F fChange)
@@ -53,12 +54,11 @@ public:
     std::condition_variable m_oChanged;
     bool m_bHeld = true;
     bool m_bEntered = false;
-    bool m_bClosed = false;
     bool m_bAccept = true;
     CStrings m_asSent;
 };
 
-TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
+TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmationsAndClosesInOrder)
 {
     CHeldLink oLink;
     SSimCounters oCounters;
@@ -70,31 +70,16 @@ TEST(Outbox, DropsIndicationsBeyondItsBoundButNeverConfirmations)
         EXPECT_TRUE(oOutbox.PostIndication(pIndication));
     EXPECT_FALSE(oOutbox.PostIndication("i4"));
     oOutbox.PostConfirmation("c1");
+    oOutbox.PostClose();
+    oOutbox.PostConfirmation("after close");
     EXPECT_EQ(oCounters.nFramesDropped.load(), 1u);
 
     oLink.Change([&] { oLink.m_bHeld = false; });
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_asSent.size() == 5u; }));
-    EXPECT_EQ(oLink.m_asSent, (CStrings{"i0", "i1", "i2", "i3", "c1"}));
+    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_asSent.size() == 6u; }));
     oOutbox.Stop();
+    EXPECT_EQ(oLink.m_asSent, (CStrings{"i0", "i1", "i2", "i3", "c1", "<closed>"}));
     EXPECT_EQ(oCounters.nFramesOut.load(), 4u);
     EXPECT_EQ(oCounters.nConfirmations.load(), 1u);
-}
-
-TEST(Outbox, CloseComesAfterEverythingPostedBefore)
-{
-    CHeldLink oLink;
-    SSimCounters oCounters;
-    COutbox oOutbox(oLink, oCounters, 10);
-    ASSERT_TRUE(oOutbox.Start());
-    oOutbox.PostConfirmation("c1");
-    oOutbox.PostIndication("i1");
-    oOutbox.PostClose();
-    oOutbox.PostConfirmation("after close");
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bEntered && !oLink.m_bClosed; }));
-    oLink.Change([&] { oLink.m_bHeld = false; });
-    ASSERT_TRUE(oLink.WaitUntil([&] { return oLink.m_bClosed; }));
-    oOutbox.Stop();
-    EXPECT_EQ(oLink.m_asSent, (CStrings{"c1", "i1"}));
 }
 
 TEST(Outbox, LostLinkStopsSendingAndCountsTheError)

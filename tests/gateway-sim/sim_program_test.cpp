@@ -9,15 +9,21 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <sstream>
+
 using namespace GatewaySim;
 using namespace OrvaneTest;
 
 namespace
 {
 
-EParseResult Parse(std::vector<std::string> asWords, SSimOptions& oOptions, std::string& sError)
+// Parses a command line given as words separated by single blanks.
+EParseResult Parse(const std::string& sLine, SSimOptions& oOptions, std::string& sError)
 {
-    asWords.insert(asWords.begin(), "sim");
+    std::vector<std::string> asWords = {"sim"};
+    std::istringstream oWords(sLine);
+    for (std::string sWord; oWords >> sWord;)
+        asWords.push_back(sWord);
     std::vector<char*> apArgv;
     for (std::string& sWord : asWords)
         apArgv.push_back(&sWord[0]);
@@ -38,82 +44,73 @@ bool Exited(int nStatus, int nCode)
     return nStatus >= 0 && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == nCode;
 }
 
+// Every option's field in one line, identifiers and sizes in hexadecimal.
+std::string Describe(const SSimOptions& o)
+{
+    std::ostringstream oText;
+    const auto List = [&](const std::vector<int>& anPorts) {
+        for (int nPort : anPorts)
+            oText << nPort << ",";
+    };
+    oText << "bind=" << o.sBindAddress << " can=";
+    List(o.anCanPorts);
+    oText << " tcp=" << o.nTcpBase << " echo=" << o.bEcho << " socketcan=" << o.sSocketCan << " load=" << o.nLoadRate
+          << std::hex << "/" << o.nLoadIdentifier << std::dec << " max=" << o.oFaults.nMaxClients << std::hex
+          << " fail=";
+    for (const auto& oFail : o.oFaults.aoFailCommands)
+        oText << oFail.first << "=" << int(oFail.second) << ",";
+    oText << std::dec << " freeze=" << o.oFaults.nFreezeAfter << " close=" << o.oFaults.nCloseAfter << " awire=";
+    List(o.anAWirePorts);
+    oText << std::hex << " flash=" << o.oAWire.nFlashSize << std::dec << " page=" << o.oAWire.nPageSize
+          << " delay=" << o.nAWireDelayMs << " block=" << o.oAWire.nFailBlock << std::hex
+          << " status=" << int(o.oAWire.nFailStatus);
+    return oText.str();
+}
+
 TEST(SimOptions, DefaultsAndEveryOption)
 {
-    SSimOptions oDefaults;
-    std::string sError;
-    ASSERT_EQ(Parse({}, oDefaults, sError), EParseResult::eRun);
-    EXPECT_EQ(oDefaults.sBindAddress, "127.0.0.1");
-    EXPECT_EQ(oDefaults.anCanPorts, std::vector<int>{0});
-    EXPECT_EQ(oDefaults.nTcpBase, 5001u);
-    EXPECT_EQ(oDefaults.oFaults.nMaxClients, 32);
-    SSimOptions oCan;
-    ASSERT_EQ(Parse({"--socketcan", "vcan1", "-b", "127.0.0.2"}, oCan, sError), EParseResult::eRun) << sError;
-    EXPECT_EQ(oCan.sSocketCan, "vcan1");
-    EXPECT_EQ(oCan.sBindAddress, "127.0.0.2");
-
-    SSimOptions oOptions;
-    ASSERT_EQ(Parse({"2", "--echo", "-l", "500", "--load-id", "0x18FF0001", "--max-clients", "3", "--fail",
-                     "0x207=0x24", "-f", "0x03=0x21", "--freeze-after", "5", "--close-after", "7", "-t", "6001", "0"},
-                    oOptions, sError),
-              EParseResult::eRun)
-        << sError;
-    EXPECT_EQ(oOptions.anCanPorts, (std::vector<int>{2, 0}));
-    EXPECT_TRUE(oOptions.bEcho);
-    EXPECT_EQ(oOptions.nLoadRate, 500u);
-    EXPECT_EQ(oOptions.nLoadIdentifier, 0x18FF0001u);
-    EXPECT_EQ(oOptions.oFaults.nMaxClients, 3);
-    EXPECT_EQ(oOptions.oFaults.aoFailCommands, (std::map<unsigned short, unsigned char>{{0x203, 0x21}, {0x207, 0x24}}))
-        << "a low byte names the CAN command";
-    EXPECT_EQ(oOptions.oFaults.nFreezeAfter, 5u);
-    EXPECT_EQ(oOptions.oFaults.nCloseAfter, 7u);
-    EXPECT_EQ(oOptions.nTcpBase, 6001u);
-
-    SSimOptions oAWire;
-    ASSERT_EQ(Parse({"--awire", "3", "--awire", "0", "--awire-flash", "0x100000", "--awire-page", "3000",
-                     "--awire-delay", "0", "--awire-fail-block", "4", "--awire-fail-status", "0x25"},
-                    oAWire, sError),
-              EParseResult::eRun)
-        << sError;
-    EXPECT_EQ(oAWire.anAWirePorts, (std::vector<int>{3, 0}));
-    EXPECT_EQ(oAWire.anCanPorts, std::vector<int>{0});
-    EXPECT_EQ(oAWire.oAWire.nFlashSize, 0x100000u);
-    EXPECT_EQ(oAWire.oAWire.nPageSize, 3000u);
-    EXPECT_EQ(oAWire.nAWireDelayMs, 0u);
-    EXPECT_EQ(oAWire.oAWire.nFailBlock, 4);
-    EXPECT_EQ(oAWire.oAWire.nFailStatus, 0x25);
+    const struct
+    {
+        const char* pcLine;
+        std::string sExpected;
+    } aoCases[] = {
+        {"",
+         "bind=127.0.0.1 can=0, tcp=5001 echo=0 socketcan= load=0/1f0 max=32 fail= freeze=0 close=0 awire= "
+         "flash=200000 page=512 delay=2 block=-1 status=5"},
+        // A --fail code's low byte alone names the CAN command.
+        {"2 --echo -l 500 --load-id 0x18FF0001 --max-clients 3 --fail 0x207=0x24 -f 0x03=0x21 --freeze-after 5 "
+         "--close-after 7 -t 6001 0",
+         "bind=127.0.0.1 can=2,0, tcp=6001 echo=1 socketcan= load=500/18ff0001 max=3 fail=203=21,207=24, freeze=5 "
+         "close=7 awire= flash=200000 page=512 delay=2 block=-1 status=5"},
+        {"--socketcan vcan1 -b 127.0.0.2 --awire 3 --awire 0 --awire-flash 0x100000 --awire-page 3000 --awire-delay 0 "
+         "--awire-fail-block 4 --awire-fail-status 0x25",
+         "bind=127.0.0.2 can=0, tcp=5001 echo=0 socketcan=vcan1 load=0/1f0 max=32 fail= freeze=0 close=0 awire=3,0, "
+         "flash=100000 page=3000 delay=0 block=4 status=25"},
+    };
+    for (const auto& oCase : aoCases)
+    {
+        SSimOptions oOptions;
+        std::string sError;
+        ASSERT_EQ(Parse(oCase.pcLine, oOptions, sError), EParseResult::eRun) << sError;
+        EXPECT_EQ(Describe(oOptions), oCase.sExpected);
+    }
 }
 
 TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
 {
-    const std::vector<std::vector<std::string>> aasBad = {
-        {"--fail", "0x207"},
-        {"--fail", "0x207=0"},
-        {"--fail", "x=1"},
-        {"--max-clients", "0"},
-        {"--load", "-5"},
-        {"646"},
-        {"1", "1"},
-        {"--socketcan", "vcan1", "0", "1"},
-        {"--tcp-base", "65500", "1"},
-        {"--no-such-option"},
-        {"--load"},
-        {"--awire", "100"},
-        {"--awire", "1", "--awire", "1"},
-        {"--awire-page", "0"},
-        {"--awire-fail-status", "1"},
-        {"--tcp-base", "65500", "--awire", "1"},
-    };
-    for (const auto& asWords : aasBad)
+    for (const char* pcLine :
+         {"--fail 0x207", "--fail 0x207=0", "--fail x=1", "--max-clients 0", "--load -5", "646", "1 1",
+          "--socketcan vcan1 0 1", "--tcp-base 65500 1", "--no-such-option", "--load", "--awire 100",
+          "--awire 1 --awire 1", "--awire-page 0", "--awire-fail-status 1", "--tcp-base 65500 --awire 1"})
     {
         SSimOptions oOptions;
         std::string sError;
-        EXPECT_EQ(Parse(asWords, oOptions, sError), EParseResult::eError) << asWords.back();
+        EXPECT_EQ(Parse(pcLine, oOptions, sError), EParseResult::eError) << pcLine;
         EXPECT_FALSE(sError.empty());
     }
     SSimOptions oOptions;
     std::string sError;
-    EXPECT_EQ(Parse({"--help"}, oOptions, sError), EParseResult::eHelp);
+    EXPECT_EQ(Parse("--help", oOptions, sError), EParseResult::eHelp);
     const std::string sHelp = HelpText("orvane-gateway-sim");
     for (const char* pWord :
          {"--bind", "--tcp-base", "--echo", "--socketcan", "--load", "--max-clients", "--fail", "--freeze-after",

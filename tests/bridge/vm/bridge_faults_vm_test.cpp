@@ -1,49 +1,26 @@
-// Runs inside the SocketCAN test VM: orvane-bridge on vcan0, -i 127.0.0.1,
-// against orvane-gateway-sim with its bus on vcan1, while the simulator is
-// killed and restarted many times, and against simulators that refuse,
-// freeze, close after a few telegrams or answer with device errors. The
-// bridge must reconnect every time, lose no frame sent while the link was
-// up, keep its descriptors and threads, print its messages and never spin.
-#include "support/ChildProcess.h"
-#include "support/Wait.h"
-
-#include <gtest/gtest.h>
+// Runs inside the SocketCAN test VM: orvane-bridge against simulators that are
+// killed and restarted many times, refuse, freeze, close or fail. It must
+// reconnect, lose no frame sent while up, keep descriptors and threads, not spin.
+#include "support/BridgeProcesses.h"
 
 #include <linux/can.h>
 #include <net/if.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
-#include <memory>
+#include <iterator>
 #include <set>
 #include <sstream>
-#include <string>
 
-using OrvaneTest::CChildProcess;
-using OrvaneTest::WaitUntil;
+using namespace OrvaneTest;
 
 namespace
 {
-
-const std::string ESTABLISHED = "+++ connection to Orvane CAN established\n";
-const std::string LOST = "+++ error: connection to Orvane CAN lost, reconnecting\n";
-const std::string NOT_ESTABLISHED = "+++ error: could not establish connection to Orvane CAN\n";
-constexpr unsigned int PATIENCE_MS = 20000; // the VM is emulated and slow
-
-int Count(const std::string& sText, const std::string& sPart)
-{
-    int nCount = 0;
-    for (size_t nAt = sText.find(sPart); nAt != std::string::npos; nAt = sText.find(sPart, nAt + sPart.size()))
-        ++nCount;
-    return nCount;
-}
 
 // A raw CAN socket of the test on one interface.
 class CRawCan
@@ -51,12 +28,9 @@ class CRawCan
 public:
     explicit CRawCan(const char* pcInterface) : m_nSocket(socket(PF_CAN, SOCK_RAW, CAN_RAW))
     {
-        ifreq oRequest{};
-        std::strncpy(oRequest.ifr_name, pcInterface, IFNAMSIZ - 1);
-        ioctl(m_nSocket, SIOCGIFINDEX, &oRequest);
         sockaddr_can oAddress{};
         oAddress.can_family = AF_CAN;
-        oAddress.can_ifindex = oRequest.ifr_ifindex;
+        oAddress.can_ifindex = static_cast<int>(if_nametoindex(pcInterface));
         bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress));
     }
     ~CRawCan() { close(m_nSocket); }
@@ -67,18 +41,17 @@ public:
         oFrame.can_id = nId;
         oFrame.can_dlc = 8;
         std::memcpy(oFrame.data, &nSequence, 4);
-        std::memcpy(oFrame.data + 4, &nId, 4);
         return write(m_nSocket, &oFrame, sizeof(oFrame)) == sizeof(oFrame);
     }
     // The sequence numbers of frames with identifier nId that arrive until
-    // nCount have come or nTimeoutMs pass.
-    std::set<uint32_t> Receive(canid_t nId, size_t nCount, int nTimeoutMs)
+    // nCount have come or none came for PATIENCE_MS.
+    std::set<uint32_t> Receive(canid_t nId, size_t nCount)
     {
         std::set<uint32_t> anSeen;
         while (anSeen.size() < nCount)
         {
             pollfd oReadable{m_nSocket, POLLIN, 0};
-            if (poll(&oReadable, 1, nTimeoutMs) != 1)
+            if (poll(&oReadable, 1, int(PATIENCE_MS)) != 1)
                 break;
             can_frame oFrame{};
             if (read(m_nSocket, &oFrame, sizeof(oFrame)) == sizeof(oFrame) && oFrame.can_id == nId &&
@@ -98,14 +71,9 @@ private:
 
 size_t Entries(const std::string& sFolder)
 {
-    size_t nCount = 0;
-    if (DIR* pDir = opendir(sFolder.c_str()))
-    {
-        while (dirent* pEntry = readdir(pDir))
-            nCount += pEntry->d_name[0] != '.' ? 1 : 0;
-        closedir(pDir);
-    }
-    return nCount;
+    std::error_code oError;
+    using CEntries = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(CEntries(sFolder, oError), CEntries()));
 }
 
 // User plus system CPU time of a process, in clock ticks.
@@ -115,43 +83,16 @@ long CpuTicks(pid_t nPid)
     std::string sStat((std::istreambuf_iterator<char>(oStat)), std::istreambuf_iterator<char>());
     std::istringstream oFields(sStat.substr(sStat.rfind(')') + 2));
     std::string sField;
+    for (int i = 3; i < 14; ++i) // up to utime, the 14th field
+        oFields >> sField;
     long nUser = 0, nSystem = 0;
-    for (int i = 3; i <= 15 && oFields >> sField; ++i)
-        if (i == 14)
-            nUser = std::atol(sField.c_str());
-        else if (i == 15)
-            nSystem = std::atol(sField.c_str());
+    oFields >> nUser >> nSystem;
     return nUser + nSystem;
 }
 
-class BridgeFaults : public ::testing::Test
+class BridgeFaults : public CBridgeProcesses
 {
 protected:
-    void TearDown() override
-    {
-        if (HasFailure() && m_poBridge)
-            std::printf("--- bridge output (last 3000 bytes) ---\n%s",
-                        m_poBridge->Output()
-                            .substr(m_poBridge->Output().size() > 3000 ? m_poBridge->Output().size() - 3000 : 0)
-                            .c_str());
-    }
-
-    void StartSim(const std::vector<std::string>& asOptions = {})
-    {
-        std::vector<std::string> asArgs = {"orvane-gateway-sim", "--socketcan", "vcan1", "--bind", "127.0.0.1"};
-        asArgs.insert(asArgs.end(), asOptions.begin(), asOptions.end());
-        m_poSim = std::make_unique<CChildProcess>(asArgs);
-        ASSERT_TRUE(m_poSim->WaitForOutput("listening on 127.0.0.1:5001", PATIENCE_MS)) << m_poSim->Output();
-    }
-    void StartBridge()
-    {
-        m_poBridge =
-            std::make_unique<CChildProcess>(std::vector<std::string>{"orvane-bridge", "vcan0", "-i", "127.0.0.1"});
-    }
-    bool WaitForBridge(const std::string& sLine, int nCount, unsigned int nTimeoutMs = PATIENCE_MS) const
-    {
-        return WaitUntil([&] { return Count(m_poBridge->Output(), sLine) >= nCount; }, nTimeoutMs);
-    }
     std::string BridgeProc(const char* pcPart) const
     {
         return "/proc/" + std::to_string(m_poBridge->Pid()) + "/" + pcPart;
@@ -163,9 +104,6 @@ protected:
         sleep(static_cast<unsigned int>(nSeconds)); // measuring over time, not waiting for an event
         return double(CpuTicks(m_poBridge->Pid()) - nBefore) / double(sysconf(_SC_CLK_TCK) * nSeconds);
     }
-
-    std::unique_ptr<CChildProcess> m_poSim;
-    std::unique_ptr<CChildProcess> m_poBridge;
 };
 
 // Frames sent both ways while the link is up all arrive; killing the
@@ -194,10 +132,10 @@ TEST_F(BridgeFaults, SimulatorKilledAndRestartedManyTimes)
         // Numbered frames each way, sent only once the link is up.
         for (uint32_t i = 0; i < BATCH; ++i)
             ASSERT_TRUE(oLocal.Send(0x100, uint32_t(nCycle) * BATCH + i));
-        EXPECT_EQ(oBus.Receive(0x100, BATCH, int(PATIENCE_MS)).size(), BATCH) << "vcan0 -> gateway";
+        EXPECT_EQ(oBus.Receive(0x100, BATCH).size(), BATCH) << "vcan0 -> gateway";
         for (uint32_t i = 0; i < BATCH; ++i)
             ASSERT_TRUE(oBus.Send(0x200, uint32_t(nCycle) * BATCH + i));
-        EXPECT_EQ(oLocal.Receive(0x200, BATCH, int(PATIENCE_MS)).size(), BATCH) << "gateway -> vcan0";
+        EXPECT_EQ(oLocal.Receive(0x200, BATCH).size(), BATCH) << "gateway -> vcan0";
 
         m_poSim->Stop(nCycle % 2 == 0 ? SIGKILL : SIGTERM);
         ASSERT_TRUE(WaitForBridge(LOST, nCycle + 1));
@@ -261,7 +199,7 @@ TEST_F(BridgeFaults, RefusingFreezingClosingAndFailingGateways)
         const double dShare = CpuShareWhileWaiting(3);
         std::printf("%s: bridge CPU while it waits %.1f%%\n", oCase.asOptions[0].c_str(), 100 * dShare);
         EXPECT_LT(dShare, 0.10) << "the bridge spins while it waits";
-        EXPECT_EQ(m_poBridge->Stop(SIGTERM), 0) << "the bridge did not end normally";
+        EXPECT_TRUE(ExitedWith(m_poBridge->Stop(SIGTERM), 0)) << "the bridge did not end normally";
         m_poSim->Stop(SIGTERM);
     }
 }
