@@ -56,7 +56,10 @@ protected:
 };
 
 // 4 bytes at 0x0000, then an extended linear address record and 2 bytes at
-// 0x00010000.
+// 0x00010000:
+//   :04000000 01020304 -> 04+01+02+03+04 = 0E, checksum F2
+//   :02000004 0001     -> 02+04+01 = 07, checksum F9
+//   :02000000 AABB     -> 02+AA+BB = 167, checksum 99
 const char* const kTwoBlocks = ":0400000001020304F2\n:020000040001F9\n:02000000AABB99\n:00000001FF\n";
 
 TEST_F(HexProgram, HelpAndBadCommandLines)
