@@ -6,6 +6,7 @@
 #include "OrvaneCanIndication.h"
 #include "OrvaneClientCANDll.h"
 #include "OrvaneDllCan.h"
+#include "OrvaneErrors.h"
 #include "OrvaneProtocol.h"
 #include "support/ApiSim.h"
 #include "support/ClientSeams.h"
@@ -23,8 +24,6 @@ using ClientTest::Out;
 
 namespace
 {
-
-constexpr int INVALID_HANDLE = 0x900000;
 
 COrvaneMsg Ind(unsigned short nCode, const std::vector<unsigned char>& anPayload)
 {
@@ -320,7 +319,7 @@ TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientAndErrorText)
     EXPECT_EQ(CANWrite(nEmpty, 1, "a", 1, 0), 0);
     EXPECT_EQ(CANDeviceConnectState(nEmpty), 0);
     EXPECT_EQ(CANCloseDevice(nEmpty), 0);
-    EXPECT_EQ(CANCloseDevice(nEmpty), INVALID_HANDLE);
+    EXPECT_EQ(CANCloseDevice(nEmpty), ORVANE_ERR_INVALID_HANDLE);
 
     // The error text is cut to the buffer, terminator included.
     const std::string sText = "Device handle is invalid";
@@ -333,11 +332,11 @@ TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientAndErrorText)
                                SCase{1, 1, ""}, SCase{0, 0, "untouched"}, SCase{-3, 0, "untouched"}})
     {
         char acBuffer[64] = "untouched";
-        EXPECT_EQ(Out(CANErrorMessage(INVALID_HANDLE, acBuffer, oCase.nLength), acBuffer),
+        EXPECT_EQ(Out(CANErrorMessage(ORVANE_ERR_INVALID_HANDLE, acBuffer, oCase.nLength), acBuffer),
                   Out(oCase.nResult, oCase.sWritten))
             << oCase.nLength;
     }
-    EXPECT_EQ(CANErrorMessage(INVALID_HANDLE, nullptr, 10), 0);
+    EXPECT_EQ(CANErrorMessage(ORVANE_ERR_INVALID_HANDLE, nullptr, 10), 0);
 }
 
 namespace
@@ -543,7 +542,7 @@ TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
     };
     for (int nBad : {nHandle, 0, -1, 1000000})
         for (const auto& oCall : aoCalls)
-            EXPECT_EQ(oCall.second(nBad), INVALID_HANDLE) << oCall.first << " on handle " << nBad;
+            EXPECT_EQ(oCall.second(nBad), ORVANE_ERR_INVALID_HANDLE) << oCall.first << " on handle " << nBad;
     EXPECT_EQ(Out(nU, anU[0], nI, anI[0], nC, anC[0], nS, anS[0], nSigned, acData[0]),
               "57005 57005 57005 57005 173 173 57005 57005 7853 117");
 }
