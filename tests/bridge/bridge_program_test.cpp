@@ -36,11 +36,12 @@ std::string ReadFile(const std::string& sPath)
 }
 
 // Runs the bridge (the shell execs it) with no input and its standard output
-// and error in files of their own.
+// and error in files of their own; a bridge still running after 10 s is killed
+// (status 137) rather than hanging the test.
 SRun RunBridge(const std::string& sArgs)
 {
     const std::string sBase = "/tmp/bridge-program-test-" + std::to_string(getpid());
-    const std::string sCommand = "exec " ORVANE_BRIDGE_BINARY " " + sArgs;
+    const std::string sCommand = "exec timeout -s KILL 10 " ORVANE_BRIDGE_BINARY " " + sArgs;
     const int nWait = std::system((sCommand + " </dev/null >" + sBase + ".out 2>" + sBase + ".err").c_str());
     const int nStatus = WIFEXITED(nWait) ? WEXITSTATUS(nWait) : 1000 + WTERMSIG(nWait);
     return {nStatus, ReadFile(sBase + ".out"), ReadFile(sBase + ".err")};
