@@ -65,6 +65,12 @@ void COrvaneClient::CConnection::DataInd(const char* pcData, unsigned short nLen
         m_poClient->DataInd(pcData, nLength);
 }
 
+void COrvaneClient::CConnection::ReadEndInd()
+{
+    if (m_poClient != nullptr)
+        m_poClient->DataReadEnd();
+}
+
 // --- CMessageItem ----------------------------------------------------------
 
 COrvaneClient::CMessageItem::CMessageItem(COrvaneMsg* poMsg)
@@ -161,6 +167,11 @@ int COrvaneClient::SendMsg(const COrvaneMsg& oRequest)
     if (IsTraceActive(TRACE_LEVEL_TELEGRAM))
         Trace(TRACE_LEVEL_TELEGRAM, __LINE__, DumpOf("data sended RC=" + std::to_string(nRet) + "\n", oRequest));
     return nRet;
+}
+
+int COrvaneClient::SendWire(const char* pcWire, std::size_t nSize, std::size_t& nSent)
+{
+    return ConvertTCPRetCode(static_cast<int>(m_oConnection.DataReqBatch(pcWire, nSize, m_nTimeout, &nSent)));
 }
 
 int COrvaneClient::SendMsg(const COrvaneMsg& oRequest, COrvaneMsg*& poConfirmation, const unsigned int* pnTimeout)
@@ -299,6 +310,8 @@ void COrvaneClient::DataInd(const char* pcData, unsigned short nLength)
     m_oEvent.notify_all();
     delete poReplaced;
 }
+
+void COrvaneClient::DataReadEnd() {}
 
 void COrvaneClient::ConInd(bool) {}
 

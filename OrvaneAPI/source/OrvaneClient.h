@@ -72,6 +72,7 @@ public:
 
         void ConnectInd(bool bConnected) override;
         void DataInd(const char* pcData, unsigned short nLength) override;
+        void ReadEndInd() override;
 
     private:
         COrvaneClient* m_poClient;
@@ -138,6 +139,9 @@ public:
 
     // Sends without waiting.
     virtual int SendMsg(const COrvaneMsg& oRequest);
+    // Sends whole telegrams lying back to back in pcWire, in one turn on the
+    // connection and without waiting; nSent takes the bytes that went out.
+    int SendWire(const char* pcWire, std::size_t nSize, std::size_t& nSent);
     // Sends and waits for the confirmation with the request's ID (pnTimeout
     // null: the default time-out). poConfirmation is set to the received
     // telegram, or null, even when the result is an error; the caller deletes
@@ -156,6 +160,9 @@ public:
 
     // One whole received telegram, length word included (read thread).
     virtual void DataInd(const char* pcData, unsigned short nLength);
+    // The telegrams of one read have all gone to DataInd (read thread);
+    // does nothing here.
+    virtual void DataReadEnd();
     // Connection came up or went down (read thread); does nothing here.
     virtual void ConInd(bool bConnected);
     // An indication; true when the hook took the telegram (and will delete

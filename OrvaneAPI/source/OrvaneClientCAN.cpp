@@ -1,12 +1,14 @@
 #include "OrvaneClientCAN.h"
 
 #include "KelByteOrder.h"
+#include "KelMsg.h"
 #include "KelPayload.h"
 #include "OrvaneProtocol.h"
 
 #include <algorithm>
 #include <cstring>
 #include <sstream>
+#include <vector>
 
 using namespace OrvaneCan;
 
@@ -148,6 +150,73 @@ int COrvaneClientCAN::Write(int nIdentifier, const char* pcBuffer, unsigned char
             *pnMicroseconds = static_cast<int>(nSince % 1000 * 1000);
     }
     return nRet;
+}
+
+int COrvaneClientCAN::WriteBatch(const SCANFrame* pFrames, int nCount, int& nWritten)
+{
+    nWritten = 0;
+    if (nCount < 0 || (pFrames == nullptr && nCount > 0))
+        return ORVANE_ERR_INVALID_PARAMETER;
+    for (int nFrame = 0; nFrame < nCount; ++nFrame)
+        if (pFrames[nFrame].m_nLength > sizeof(pFrames[nFrame].m_acData))
+            return ORVANE_ERR_INVALID_PARAMETER;
+
+    // Waiting for each confirmation, or dumping each telegram, is what Write
+    // does frame by frame already.
+    if (GetConfirmData() || IsTraceActive(TRACE_LEVEL_TELEGRAM))
+    {
+        for (; nWritten < nCount; ++nWritten)
+        {
+            const SCANFrame& oFrame = pFrames[nWritten];
+            const int nRet = Write(static_cast<int>(oFrame.m_nIdentifier), oFrame.m_acData, oFrame.m_nLength,
+                                   oFrame.m_nFlags, nullptr, nullptr);
+            if (nRet != ORVANE_OK)
+                return nRet;
+        }
+        return ORVANE_OK;
+    }
+
+    // The telegrams go into one buffer per thread, reused from call to call,
+    // and leave in sends of up to WIRE_CHUNK bytes.
+    constexpr std::size_t WIRE_CHUNK = 60000;
+    constexpr std::size_t MAX_TELEGRAM = COrvaneMsg::MIN_TELEGRAM_SIZE + FRAME_HEADER + sizeof(SCANFrame::m_acData);
+    thread_local std::vector<char> acWire;
+    if (acWire.size() < WIRE_CHUNK + MAX_TELEGRAM)
+        acWire.resize(WIRE_CHUNK + MAX_TELEGRAM);
+    const bool bTrace = IsTraceActive(TRACE_LEVEL_REQUEST);
+    int nFrame = 0;
+    while (nFrame < nCount)
+    {
+        std::size_t nSize = 0;
+        for (; nFrame < nCount && nSize < WIRE_CHUNK; ++nFrame)
+        {
+            const SCANFrame& oFrame = pFrames[nFrame];
+            char acPayload[FRAME_HEADER + sizeof(oFrame.m_acData)];
+            KelPutLE(acPayload, oFrame.m_nIdentifier);
+            acPayload[4] = static_cast<char>(oFrame.m_nFlags);
+            std::memcpy(acPayload + FRAME_HEADER, oFrame.m_acData, oFrame.m_nLength);
+            nSize +=
+                CKelMsg::Build(&acWire[nSize], MAX_TELEGRAM, eCmdWrite, static_cast<unsigned short>(NextTelegramID()),
+                               acPayload, static_cast<unsigned short>(FRAME_HEADER + oFrame.m_nLength));
+            if (bTrace)
+                Trace(TRACE_LEVEL_REQUEST, __LINE__,
+                      RequestTraceText("WRITE") + ",nIdentifier=0x" + HexText(oFrame.m_nIdentifier));
+        }
+        std::size_t nSent = 0;
+        const int nRet = SendWire(acWire.data(), nSize, nSent);
+        // Frames whose telegrams went out whole count as written.
+        std::size_t nAt = 0;
+        while (nAt < nSent)
+        {
+            nAt += KelGetLE<unsigned short>(&acWire[nAt]) + 2u;
+            if (nAt > nSent)
+                break;
+            ++nWritten;
+        }
+        if (nRet != ORVANE_OK)
+            return nRet;
+    }
+    return ORVANE_OK;
 }
 
 int COrvaneClientCAN::SetConfig(bool bConfirmData, bool bMonitor)

@@ -10,6 +10,7 @@
 #define ORVANE_CLIENT_CAN_H
 
 #include "OrvaneClient.h"
+#include "OrvaneDllCan.h"
 
 #include <sys/time.h>
 
@@ -46,6 +47,12 @@ public:
     // time since 01.01.1970 00:00 local time. Null pointers are left alone.
     int Write(int nIdentifier, const char* pcBuffer, unsigned char nBufferLen, unsigned char nFlags, int* pnSeconds,
               int* pnMicroseconds);
+    // Sends nCount frames in order, each as the telegram Write would send
+    // (its own ID and CRC), in as few sends as the connection allows. With
+    // data confirmations on, or telegrams traced, it is Write frame by
+    // frame. nWritten: frames sent whole, also on failure. A frame longer
+    // than 64 bytes fails the call before anything is sent.
+    int WriteBatch(const SCANFrame* pFrames, int nCount, int& nWritten);
     int SetConfig(bool bConfirmData, bool bMonitor);
     int GetConfig(bool& bConfirmData, bool& bMonitor);
     int SetGlobals(unsigned int nBaudrate, unsigned char nOperatingMode, bool bTermination, bool bHighSpeed,

@@ -117,6 +117,15 @@ bool COrvaneClientCANDll::DataIndRespond(COrvaneMsg* poMsg)
     return false;
 }
 
+void COrvaneClientCANDll::DataReadEnd()
+{
+    if (CANReadEndCallback pCallback = m_pReadEndCallback.load())
+    {
+        CIndicationScope oScope;
+        pCallback(m_nHandle);
+    }
+}
+
 void COrvaneClientCANDll::OnFrame(COrvaneMsg& oMsg)
 {
     SFrameInd oInd;

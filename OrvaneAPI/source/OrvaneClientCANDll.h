@@ -33,6 +33,8 @@ public:
     // one clears the other. Null switches frame callbacks off.
     void SetCallback(CANCallback pCallback);
     void SetCallbackEx(CANCallbackEx pCallback);
+    // Called after each read's indications (null: none).
+    void SetReadEndCallback(CANReadEndCallback pCallback) { m_pReadEndCallback.store(pCallback); }
     // Sets all five CANopen callbacks (each may be null).
     void CANopenSetCallback(CANopenPDOCallback pPDO, CANopenSYNCCallback pSYNC, CANopenEMCYCallback pEMCY,
                             CANopenGUARDCallback pGUARD, CANopenUndefinedCallback pUndefined);
@@ -63,6 +65,8 @@ public:
     // Decodes one indication and delivers or queues it; never takes the
     // telegram (returns false).
     bool DataIndRespond(COrvaneMsg* poMsg) override;
+    // Calls the read-end callback, if one is set.
+    void DataReadEnd() override;
 
     // True while the calling thread delivers an indication of some client,
     // i.e. inside an application callback. The device manager uses it to keep
@@ -96,6 +100,7 @@ private:
     const int m_nHandle;
     std::atomic<CANCallback> m_pCallback{nullptr};
     std::atomic<CANCallbackEx> m_pCallbackEx{nullptr};
+    std::atomic<CANReadEndCallback> m_pReadEndCallback{nullptr};
     std::atomic<CANopenPDOCallback> m_pPDOCallback{nullptr};
     std::atomic<CANopenSYNCCallback> m_pSYNCCallback{nullptr};
     std::atomic<CANopenEMCYCallback> m_pEMCYCallback{nullptr};

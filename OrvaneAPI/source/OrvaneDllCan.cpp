@@ -305,6 +305,25 @@ int CANWriteEx(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLe
     });
 }
 
+int CANWriteBatch(int nHandle, const SCANFrame* pFrames, int nCount, int* pnWritten)
+{
+    Put(pnWritten, 0);
+    return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
+        int nWritten = 0;
+        const int nRet = oClient.WriteBatch(pFrames, nCount, nWritten);
+        Put(pnWritten, nWritten);
+        return nRet;
+    });
+}
+
+int CANSetReadEndCallback(int nHandle, CANReadEndCallback pCallback)
+{
+    return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
+        oClient.SetReadEndCallback(pCallback);
+        return ORVANE_OK;
+    });
+}
+
 int CANSetCallback(int nHandle, CANCallback pCallback)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {

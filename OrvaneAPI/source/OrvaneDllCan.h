@@ -40,6 +40,20 @@ extern "C"
                                              unsigned char nLength, const char* pcData, int nHandle, int nSeconds,
                                              int nMicroseconds);
 
+    /* Called once after the frames of one read from the gateway have all gone
+     * to the frame callback: a callback that collects frames can pass them
+     * on here in one step. */
+    typedef void (*CANReadEndCallback)(int nHandle);
+    /* One frame of a batch write: identifier, flags and data as for CANWrite
+     * (bit 0 29-bit identifier, bit 1 remote frame), m_nLength data bytes of
+     * m_acData (at most 64). */
+    typedef struct SCANFrame
+    {
+        unsigned int m_nIdentifier;
+        unsigned char m_nFlags;
+        unsigned char m_nLength;
+        char m_acData[64];
+    } SCANFrame;
     /* Devices. */
     int CANOpenDevice(int* pnHandle, int bSendDataConfirm, int bSendDataInd, int nCANPort, const char* pcIPAddress,
                       int nTimeout);
@@ -71,8 +85,17 @@ extern "C"
     int CANWrite(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags);
     int CANWriteEx(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags, int* pnSeconds,
                    int* pnMicroseconds);
+    /* Writes nCount frames in their order, each as its own telegram, the
+     * same bytes as nCount calls of CANWrite, handed to the network in as
+     * few sends as possible. *pnWritten (when not null) takes the number of
+     * frames sent whole, also when the call fails part of the way; the
+     * frames after them were not sent. A frame longer than 64 bytes fails
+     * the call before anything is sent. */
+    int CANWriteBatch(int nHandle, const SCANFrame* pFrames, int nCount, int* pnWritten);
     int CANSetCallback(int nHandle, CANCallback pCallback);
     int CANSetCallbackEx(int nHandle, CANCallbackEx pCallback);
+    /* Null switches the read-end callback off (the default). */
+    int CANSetReadEndCallback(int nHandle, CANReadEndCallback pCallback);
     int CANSetMaxSizePerQueue(int nHandle, unsigned int nMaxSize);
     /* Polling (queueing is on once CANSetMaxSizePerQueue set a maximum and no
      * callback takes the frames): *pnAvailable = frames still queued, -1 when

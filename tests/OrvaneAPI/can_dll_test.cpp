@@ -10,6 +10,7 @@
 #include "OrvaneProtocol.h"
 #include "support/ApiSim.h"
 #include "support/ClientSeams.h"
+#include "support/RawPeer.h"
 
 #include <gtest/gtest.h>
 
@@ -545,4 +546,143 @@ TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
             EXPECT_EQ(oCall.second(nBad), ORVANE_ERR_INVALID_HANDLE) << oCall.first << " on handle " << nBad;
     EXPECT_EQ(Out(nU, anU[0], nI, anI[0], nC, anC[0], nS, anS[0], nSigned, acData[0]),
               "57005 57005 57005 57005 173 173 57005 57005 7853 117");
+}
+
+// Batches against a raw peer on 127.0.0.1, through a handle of the C
+// interface: the client connects without connection messages, so the peer
+// sees nothing but the telegrams.
+namespace
+{
+
+using namespace OrvaneTest;
+
+struct SRawClient
+{
+    explicit SRawClient(CRawListener& oListener, int nTimeout = TIMEOUT_MS)
+    {
+        poClient = new COrvaneClientCANDll(0, nTimeout);
+        CDeviceManager::SetDevice(&nHandle, new CDevice(poClient, LOOPBACK, 5001, 0, eOrvaneCAN, true));
+        poClient->COrvaneClient::Open();
+        EXPECT_EQ(poClient->Connect(LOOPBACK, oListener.Port(), CKelIPBase::eTCP, false), 0);
+        oPeer = oListener.Accept();
+    }
+    ~SRawClient() { CANCloseDevice(nHandle); }
+
+    int nHandle = 0;
+    COrvaneClientCANDll* poClient = nullptr;
+    CRawPeer oPeer;
+};
+
+SCANFrame BatchFrame(int nIndex)
+{
+    SCANFrame oFrame{};
+    oFrame.m_nIdentifier = static_cast<unsigned int>(nIndex) * 7919u;
+    oFrame.m_nFlags = static_cast<unsigned char>(nIndex & 3);
+    oFrame.m_nLength = static_cast<unsigned char>(nIndex % 65);
+    for (int i = 0; i < oFrame.m_nLength; ++i)
+        oFrame.m_acData[i] = static_cast<char>(nIndex + i);
+    return oFrame;
+}
+
+void OnReadEnd(int nHandle)
+{
+    Call(Out("end", nHandle));
+}
+
+} // namespace
+
+TEST(CanBatch, BatchWriteSendsTheBytesOfFrameByFrameWrites)
+{
+    CRawListener oListener;
+    SRawClient oSingle(oListener), oBatch(oListener);
+    // More than one send's worth, every length from 0 to 64.
+    constexpr int COUNT = 5000;
+    std::vector<SCANFrame> aoFrames;
+    for (int i = 0; i < COUNT; ++i)
+        aoFrames.push_back(BatchFrame(i));
+    for (const SCANFrame& oFrame : aoFrames)
+        ASSERT_EQ(CANWrite(oSingle.nHandle, static_cast<int>(oFrame.m_nIdentifier), oFrame.m_acData, oFrame.m_nLength,
+                           oFrame.m_nFlags),
+                  0);
+    int nWritten = -1;
+    ASSERT_EQ(CANWriteBatch(oBatch.nHandle, aoFrames.data(), COUNT, &nWritten), 0);
+    EXPECT_EQ(nWritten, COUNT);
+    for (int i = 0; i < COUNT; ++i)
+    {
+        const std::string sSingle = oSingle.oPeer.ReceiveMessage();
+        ASSERT_FALSE(sSingle.empty()) << i;
+        ASSERT_EQ(ToHex(oBatch.oPeer.ReceiveMessage()), ToHex(sSingle)) << "frame " << i;
+    }
+
+    // A frame too long for its field fails the call before anything is sent.
+    aoFrames[1].m_nLength = 65;
+    EXPECT_EQ(CANWriteBatch(oBatch.nHandle, aoFrames.data(), 2, &nWritten), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(nWritten, 0);
+    EXPECT_EQ(CANWriteBatch(oBatch.nHandle, nullptr, 1, &nWritten), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANWriteBatch(oBatch.nHandle, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(CANWriteBatch(-1, aoFrames.data(), 1, &nWritten), ORVANE_ERR_INVALID_HANDLE);
+    ASSERT_EQ(CANWrite(oBatch.nHandle, 1, "", 0, 0), 0);
+    EXPECT_EQ(oBatch.oPeer.ReceiveHex(), "0A 00 03 02 8A 13 01 00 00 00 00 99") << "nothing sent before: ID 5002";
+}
+
+TEST(CanBatch, IndicationsCutAnywhereReachTheCallbackInOrderBeforeTheirReadEnd)
+{
+    ClearCalls();
+    CRawListener oListener;
+    SRawClient oClient(oListener);
+    ASSERT_EQ(CANSetCallback(oClient.nHandle, OnFrame), 0);
+    ASSERT_EQ(CANSetReadEndCallback(oClient.nHandle, OnReadEnd), 0);
+    std::string sBatch;
+    std::vector<std::string> asExpected;
+    for (int i = 0; i < 3; ++i)
+    {
+        const std::vector<unsigned char> anPayload = {static_cast<unsigned char>(i), 0, 0, 0, 0, 'x', 'y'};
+        sBatch += Ind(eIndFrame, anPayload).GetMessageData();
+        asExpected.push_back(Out("frame", i, "xy", 0, oClient.poClient->GetHandle()));
+    }
+    const std::string sEnd = Out("end", oClient.poClient->GetHandle());
+    for (std::size_t nCut = 0; nCut < sBatch.size(); ++nCut)
+    {
+        SCOPED_TRACE(nCut);
+        ClearCalls();
+        ASSERT_TRUE(oClient.oPeer.Send(sBatch.substr(0, nCut)));
+        ASSERT_TRUE(oClient.oPeer.Send(sBatch.substr(nCut)));
+        ASSERT_TRUE(WaitUntil([&] { return !Calls().empty() && Calls().back() == sEnd && Calls().size() > 3; }))
+            << ::testing::PrintToString(Calls());
+        std::vector<std::string> asFrames;
+        bool bFrameSinceEnd = false;
+        for (const std::string& sCall : Calls())
+        {
+            if (sCall != sEnd)
+                asFrames.push_back(sCall);
+            else
+                EXPECT_TRUE(bFrameSinceEnd) << "a read end without a frame before it";
+            bFrameSinceEnd = sCall != sEnd;
+        }
+        EXPECT_EQ(asFrames, asExpected);
+    }
+    // Switched off, frames still come one by one.
+    ClearCalls();
+    ASSERT_EQ(CANSetReadEndCallback(oClient.nHandle, nullptr), 0);
+    ASSERT_TRUE(oClient.oPeer.Send(sBatch));
+    ASSERT_TRUE(WaitCalls(3));
+    EXPECT_EQ(Calls(), asExpected);
+}
+
+TEST(CanBatch, PeerThatStopsReadingEndsTheBatchAndOnlyWholeFramesCount)
+{
+    CRawListener oListener(8, 4096);
+    SRawClient oClient(oListener, 300);
+    // Far more than the socket buffers of both sides hold.
+    std::vector<SCANFrame> aoFrames(200000, BatchFrame(64));
+    int nWritten = -1;
+    EXPECT_EQ(CANWriteBatch(oClient.nHandle, aoFrames.data(), static_cast<int>(aoFrames.size()), &nWritten),
+              ORVANE_ERR_TCP_TIMEOUT);
+    EXPECT_GT(nWritten, 0);
+    EXPECT_LT(nWritten, static_cast<int>(aoFrames.size()));
+    EXPECT_NE(CANDeviceConnectState(oClient.nHandle), 3);
+    int nReceived = 0;
+    while (oClient.oPeer.ReceiveMessage().size() == 76u)
+        ++nReceived;
+    EXPECT_EQ(nReceived, nWritten);
 }

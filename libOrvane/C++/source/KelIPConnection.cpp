@@ -178,6 +178,8 @@ void CKelIPConnection::ConnectInd(bool) {}
 
 void CKelIPConnection::DataInd(const char*, unsigned short) {}
 
+void CKelIPConnection::ReadEndInd() {}
+
 bool CKelIPConnection::IsConnectMsgAccepted(const std::string&)
 {
     return true;
@@ -323,8 +325,43 @@ unsigned int CKelIPConnection::DataReq(const char* data, unsigned short length, 
         return state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
     }
     if (GetProtocol() == eTCP)
-        return SendStream(data, length, timeoutMs);
+    {
+        size_t sent = 0;
+        return SendStream(data, length, timeoutMs, sent);
+    }
     return SendDatagram(data, length, timeoutMs);
+}
+
+unsigned int CKelIPConnection::DataReqBatch(const char* data, size_t length, unsigned int timeoutMs, size_t* sentBytes)
+{
+    size_t sent = 0;
+    unsigned int result;
+    const int state = GetState();
+    if (state != eConnected)
+        result = state == eState6 ? eKelIPState6 : state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
+    else if (GetProtocol() == eTCP)
+        result = SendStream(data, length, timeoutMs, sent);
+    else
+    {
+        // A datagram carries one message: the receiver drops what follows
+        // a message that does not fit, so none is cut across two.
+        result = eKelIPSuccess;
+        while (result == eKelIPSuccess && length - sent >= 2)
+        {
+            const size_t message = CKelMsg::GetU16(data + sent) + 2u;
+            if (message > length - sent || message > 0xFFFF)
+            {
+                result = eKelIPError;
+                break;
+            }
+            result = SendDatagram(data + sent, static_cast<unsigned short>(message), timeoutMs);
+            if (result == eKelIPSuccess)
+                sent += message;
+        }
+    }
+    if (sentBytes != nullptr)
+        *sentBytes = sent;
+    return result;
 }
 
 unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int timeoutMs)
@@ -338,7 +375,7 @@ unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int time
     return DataReq(bytes.data(), static_cast<unsigned short>(bytes.size()), timeoutMs);
 }
 
-unsigned int CKelIPConnection::SendStream(const char* data, unsigned short length, unsigned int timeoutMs)
+unsigned int CKelIPConnection::SendStream(const char* data, size_t length, unsigned int timeoutMs, size_t& sent)
 {
     if (length == 0)
         return eKelIPSuccess;
@@ -354,7 +391,7 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
         return eKelIPTimeout;
     }
     bool ends = false;
-    const unsigned int result = SendWhole(socket, data, length, deadline, ends);
+    const unsigned int result = SendWhole(socket, data, length, deadline, ends, sent);
     m_oSendTurns.End();
     // Ended after the turn: ConnectInd(false) may wait for another sender.
     if (ends)
@@ -362,10 +399,10 @@ unsigned int CKelIPConnection::SendStream(const char* data, unsigned short lengt
     return result;
 }
 
-unsigned int CKelIPConnection::SendWhole(int socket, const char* data, unsigned short length,
-                                         const CKelDeadline& deadline, bool& ends)
+unsigned int CKelIPConnection::SendWhole(int socket, const char* data, size_t length, const CKelDeadline& deadline,
+                                         bool& ends, size_t& sent)
 {
-    size_t sent = 0;
+    sent = 0;
     // The socket is tried first: while it takes the bytes, this saves one
     // wait per message; when it is full the wait below takes over.
     for (;;)

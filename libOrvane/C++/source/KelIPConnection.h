@@ -91,6 +91,12 @@ public:
     // A time-out or a failed wait ends the connection. Does not allocate.
     unsigned int DataReq(const char* data, unsigned short length, unsigned int timeoutMs);
     unsigned int DataReq(const CKelMsg& message, unsigned int timeoutMs);
+    // Sends several whole messages lying back to back in `data` as one
+    // write: on a stream in one turn, so nothing cuts in between them; on a
+    // datagram connection one datagram per message. Same results as
+    // DataReq; *sentBytes (when not null) tells how many bytes went out,
+    // also when the send failed part of the way.
+    unsigned int DataReqBatch(const char* data, size_t length, unsigned int timeoutMs, size_t* sentBytes);
     // With connection messages: disconnect request, wait for its confirmation
     // (4 none, 2 refused); then the connection ends. 5 when not connected.
     unsigned int DisconnectReq(unsigned int timeoutMs);
@@ -121,6 +127,10 @@ public:
     // Messages longer than 65,535 bytes in all are passed with the length
     // truncated to 16 bits; their length word still tells the true size.
     virtual void DataInd(const char* data, unsigned short length);
+    // Called once after every read whose messages went to DataInd, when
+    // they all have been handed up: a receiver that collects what DataInd
+    // gave it can pass it on here in one step. Default: nothing.
+    virtual void ReadEndInd();
     // Decides a peer's connect request (its connect data); default accepts.
     virtual bool IsConnectMsgAccepted(const std::string& connectData);
 
@@ -173,11 +183,12 @@ private:
     bool EndConnection();
     // Stores the peer address and its texts.
     void SetPeer(const sockaddr_storage& address, unsigned int length, const char* host);
-    unsigned int SendStream(const char* data, unsigned short length, unsigned int timeoutMs);
+    unsigned int SendStream(const char* data, size_t length, unsigned int timeoutMs, size_t& sent);
     // Sends all bytes on `socket` during the caller's turn; `ends` is set when
-    // the failure ends the connection (time-out, failed wait).
-    unsigned int SendWhole(int socket, const char* data, unsigned short length, const CKelDeadline& deadline,
-                           bool& ends);
+    // the failure ends the connection (time-out, failed wait); `sent` counts
+    // the bytes that went out.
+    unsigned int SendWhole(int socket, const char* data, size_t length, const CKelDeadline& deadline, bool& ends,
+                           size_t& sent);
     void NoteSent();
     unsigned int SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs);
     void SendReply(unsigned short command, unsigned short number, unsigned char result, unsigned int timeoutMs);

@@ -130,7 +130,9 @@ void CKelIPConnection::CReadThread::RunStream()
         }
         fill += static_cast<size_t>(received);
 
-        // Hand up every whole message, in place.
+        // Hand up every whole message, in place, then tell the owner that
+        // this read's messages are all out.
+        bool handed = false;
         while (fill - consumed >= 2)
         {
             const size_t length = CKelMsg::GetU16(buffer + consumed) + 2u;
@@ -138,7 +140,10 @@ void CKelIPConnection::CReadThread::RunStream()
                 break;
             m_poOwner->BaseDataInd(buffer + consumed, static_cast<unsigned short>(length), nullptr, 0);
             consumed += length;
+            handed = true;
         }
+        if (handed)
+            m_poOwner->ReadEndInd();
         if (consumed == fill)
         {
             fill = 0;
@@ -165,10 +170,12 @@ void CKelIPConnection::CReadThread::CutDatagram(size_t received, const sockaddr_
     {
         const size_t length = CKelMsg::GetU16(buffer + offset) + 2u;
         if (received - offset < length)
-            return;
+            break;
         m_poOwner->BaseDataInd(buffer + offset, static_cast<unsigned short>(length), from, fromLength);
         offset += length;
     }
+    if (offset > 0)
+        m_poOwner->ReadEndInd();
 }
 
 void CKelIPConnection::CReadThread::RunDatagramClient()
