@@ -27,6 +27,29 @@ void CCanBus::Transmit(const SCanFrame& oFrame, const STimeStamp& oTime, const I
             pMember->OnBusFrame(oFrame, oTime);
 }
 
+namespace
+{
+thread_local bool t_bWritesHeld = false;
+}
+
+void CCanBus::HoldWrites()
+{
+    t_bWritesHeld = true;
+}
+
+bool CCanBus::WritesHeld()
+{
+    return t_bWritesHeld;
+}
+
+void CCanBus::Flush()
+{
+    t_bWritesHeld = false;
+    CKelLockGuard oLock(m_oMutex);
+    for (ICanBusMember* pMember : m_apMembers)
+        pMember->OnBusFlush();
+}
+
 std::size_t CCanBus::MemberCount() const
 {
     CKelLockGuard oLock(m_oMutex);

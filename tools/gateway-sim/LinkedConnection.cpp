@@ -6,15 +6,15 @@ namespace GatewaySim
 namespace
 {
 
-// A client that reads nothing gets this long for each telegram before the
-// transport gives it up.
+// A client that reads nothing gets this long for each send (one or more
+// telegrams) before the transport gives it up.
 constexpr unsigned int SEND_TIMEOUT_MS = 2000;
 
 } // namespace
 
 bool CLinkedConnection::SendBytes(const std::string& sBytes)
 {
-    return DataReq(sBytes.data(), static_cast<unsigned short>(sBytes.size()), SEND_TIMEOUT_MS) == eKelIPSuccess;
+    return DataReqBatch(sBytes.data(), sBytes.size(), SEND_TIMEOUT_MS, nullptr) == eKelIPSuccess;
 }
 
 void CLinkedConnection::CloseLink()

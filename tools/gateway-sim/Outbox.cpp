@@ -27,6 +27,7 @@ void COutbox::PostConfirmation(const std::string& sBytes)
 
 bool COutbox::PostIndication(const std::string& sBytes)
 {
+    bool bWake;
     {
         CKelLockGuard oLock(m_oMutex);
         if (m_bStop.load())
@@ -36,9 +37,13 @@ bool COutbox::PostIndication(const std::string& sBytes)
             ++m_roCounters.nFramesDropped;
             return false;
         }
+        // The writer takes the whole queue at each wake-up: one that is not
+        // empty has been signalled already.
+        bWake = m_aoQueue.empty();
         m_aoQueue.push_back(SItem{EKind::eIndication, sBytes});
     }
-    m_oWake.Signal();
+    if (bWake)
+        m_oWake.Signal();
     return true;
 }
 
@@ -83,7 +88,11 @@ void COutbox::WriterLoop()
 {
     m_hWriter = pthread_self();
     m_bWriterKnown.store(true);
+    // Everything queued at a wake-up leaves in as few sends as possible:
+    // consecutive telegrams are joined up to MAX_SEND bytes.
+    constexpr std::size_t MAX_SEND = 60000;
     std::deque<SItem> aoBatch;
+    std::string sSend;
     while (!m_bStop.load())
     {
         m_oWake.Wait(200);
@@ -91,26 +100,32 @@ void COutbox::WriterLoop()
             CKelLockGuard oLock(m_oMutex);
             aoBatch.swap(m_aoQueue);
         }
-        for (SItem& oItem : aoBatch)
+        auto it = aoBatch.begin();
+        while (it != aoBatch.end() && !m_bStop.load())
         {
-            if (m_bStop.load())
-                break;
-            if (oItem.eKind == EKind::eClose)
+            if (it->eKind == EKind::eClose)
             {
                 m_bStop.store(true);
                 m_roLink.CloseLink();
                 break;
             }
-            if (!m_roLink.SendBytes(oItem.sBytes))
+            sSend.clear();
+            std::size_t nConfirmations = 0, nFrames = 0;
+            for (; it != aoBatch.end() && it->eKind != EKind::eClose &&
+                 (sSend.empty() || sSend.size() + it->sBytes.size() <= MAX_SEND);
+                 ++it)
+            {
+                sSend += it->sBytes;
+                ++(it->eKind == EKind::eConfirmation ? nConfirmations : nFrames);
+            }
+            if (!m_roLink.SendBytes(sSend))
             {
                 ++m_roCounters.nSendErrors;
                 m_bStop.store(true);
                 break;
             }
-            if (oItem.eKind == EKind::eConfirmation)
-                ++m_roCounters.nConfirmations;
-            else
-                ++m_roCounters.nFramesOut;
+            m_roCounters.nConfirmations += nConfirmations;
+            m_roCounters.nFramesOut += nFrames;
         }
         aoBatch.clear();
     }

@@ -24,7 +24,7 @@ class ITelegramLink
 {
 public:
     virtual ~ITelegramLink() = default;
-    // Sends one whole telegram; false when the connection is gone.
+    // Sends one or more whole telegrams; false when the connection is gone.
     virtual bool SendBytes(const std::string& sBytes) = 0;
     // Ends the connection without a disconnect message.
     virtual void CloseLink() = 0;

@@ -66,6 +66,11 @@ void CSimConnection::DataInd(const char* pData, unsigned short nLength)
         SetMuted(true);
 }
 
+void CSimConnection::ReadEndInd()
+{
+    m_oSession.OnReadEnd();
+}
+
 CSimContainer::CSimContainer(SPortContext& oPort, unsigned short nTcpPort)
     : CKelIPServerContainer(OrvaneCan::DEVICE_TYPE, oPort.nMaxClients, nTcpPort, false), m_roPort(oPort)
 {

@@ -47,6 +47,7 @@ public:
 
     void ConnectInd(bool bConnected) override;
     void DataInd(const char* pData, unsigned short nLength) override;
+    void ReadEndInd() override;
     bool IsConnectMsgAccepted(const std::string& sConnectData) override;
 
 private:

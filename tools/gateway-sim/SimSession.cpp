@@ -110,6 +110,8 @@ void CSimSession::OnTelegram(const char* pData, unsigned short nLength)
     FreezeIfDue();
     if (oOutcome.bConfirm)
         m_oOutbox.PostConfirmation(oOutcome.oConfirmation.GetMessageData());
+    if (!oOutcome.aoBusFrames.empty())
+        CCanBus::HoldWrites();
     for (const SCanFrame& oFrame : oOutcome.aoBusFrames)
     {
         m_roBus.Transmit(oFrame, oOutcome.oTime, this);
@@ -117,6 +119,12 @@ void CSimSession::OnTelegram(const char* pData, unsigned short nLength)
             PostIndication(oFrame, oOutcome.oTime);
     }
     CountFaultAfter();
+}
+
+void CSimSession::OnReadEnd()
+{
+    if (CCanBus::WritesHeld())
+        m_roBus.Flush();
 }
 
 void CSimSession::FreezeIfDue()

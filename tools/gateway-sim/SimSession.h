@@ -43,6 +43,9 @@ public:
     void JoinBus();
     // One telegram as cut from the stream (length word included).
     void OnTelegram(const char* pData, unsigned short nLength);
+    // The telegrams of one TCP read are all handled: the bus frames they
+    // made leave now.
+    void OnReadEnd();
     // The connection has ended: leave the bus and stop sending.
     void OnLinkLost();
 

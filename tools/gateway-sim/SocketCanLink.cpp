@@ -56,6 +56,11 @@ bool CSocketCanLink::Open(const std::string& sInterface, std::string& sError)
         Close();
         return false;
     }
+    // A second of a full bus and more may wait while the reader is off the
+    // CPU; beyond what the process may force, the system's limit applies.
+    const int nBuffer = 1 << 20;
+    if (setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUFFORCE, &nBuffer, sizeof(nBuffer)) != 0)
+        setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &nBuffer, sizeof(nBuffer));
     const int nOn = 1;
     m_bFdFrames = setsockopt(m_nSocket, SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &nOn, sizeof(nOn)) == 0;
     m_bStop.store(false);
@@ -88,12 +93,6 @@ void CSocketCanLink::Close()
 
 void CSocketCanLink::OnBusFrame(const SCanFrame& oFrame, const STimeStamp&)
 {
-    canfd_frame oOut{};
-    oOut.can_id = oFrame.nIdentifier & ((oFrame.nFlags & FRAME_FLAG_EXTENDED) ? CAN_EFF_MASK : CAN_SFF_MASK);
-    if (oFrame.nFlags & FRAME_FLAG_EXTENDED)
-        oOut.can_id |= CAN_EFF_FLAG;
-    if (oFrame.nFlags & FRAME_FLAG_REMOTE)
-        oOut.can_id |= CAN_RTR_FLAG;
     const std::size_t nLength = oFrame.sData.size();
     const bool bFd = nLength > CAN_MAX_DLEN;
     if (bFd && !m_bFdFrames)
@@ -101,34 +100,88 @@ void CSocketCanLink::OnBusFrame(const SCanFrame& oFrame, const STimeStamp&)
         ++m_roCounters.nSendErrors;
         return;
     }
+    canfd_frame& oOut = m_aoPending[m_nPending];
+    oOut = canfd_frame{};
+    oOut.can_id = oFrame.nIdentifier & ((oFrame.nFlags & FRAME_FLAG_EXTENDED) ? CAN_EFF_MASK : CAN_SFF_MASK);
+    if (oFrame.nFlags & FRAME_FLAG_EXTENDED)
+        oOut.can_id |= CAN_EFF_FLAG;
+    if (oFrame.nFlags & FRAME_FLAG_REMOTE)
+        oOut.can_id |= CAN_RTR_FLAG;
     oOut.len = static_cast<unsigned char>(nLength);
     std::memcpy(oOut.data, oFrame.sData.data(), nLength);
-    const std::size_t nSize = bFd ? CANFD_MTU : CAN_MTU;
-    if (send(m_nSocket, &oOut, nSize, MSG_DONTWAIT) != static_cast<ssize_t>(nSize))
+    m_anPendingSize[m_nPending++] = bFd ? CANFD_MTU : CAN_MTU;
+    if (!CCanBus::WritesHeld() || m_nPending == BATCH)
+        WritePending();
+}
+
+void CSocketCanLink::OnBusFlush()
+{
+    WritePending();
+}
+
+void CSocketCanLink::WritePending()
+{
+    iovec aoData[BATCH];
+    mmsghdr aoMessages[BATCH];
+    for (unsigned int i = 0; i < m_nPending; ++i)
+    {
+        aoData[i] = iovec{&m_aoPending[i], m_anPendingSize[i]};
+        aoMessages[i] = mmsghdr{};
+        aoMessages[i].msg_hdr.msg_iov = &aoData[i];
+        aoMessages[i].msg_hdr.msg_iovlen = 1;
+    }
+    // Never blocks: a frame the full transmit queue refuses is dropped and
+    // counted, and the next one is tried.
+    for (unsigned int nDone = 0; nDone < m_nPending;)
+    {
+        const int nSent = sendmmsg(m_nSocket, aoMessages + nDone, m_nPending - nDone, MSG_DONTWAIT);
+        if (nSent > 0)
+        {
+            nDone += static_cast<unsigned int>(nSent);
+            continue;
+        }
         ++m_roCounters.nSendErrors;
+        ++nDone;
+    }
+    m_nPending = 0;
 }
 
 void CSocketCanLink::ReadLoop()
 {
+    canfd_frame aoIn[BATCH];
+    iovec aoData[BATCH];
+    mmsghdr aoMessages[BATCH];
     while (!m_bStop.load())
     {
         pollfd oPoll{m_nSocket, POLLIN, 0};
         if (poll(&oPoll, 1, 100) <= 0)
             continue;
-        canfd_frame oIn{};
-        const ssize_t nRead = read(m_nSocket, &oIn, sizeof(oIn));
-        if (nRead != static_cast<ssize_t>(CAN_MTU) && nRead != static_cast<ssize_t>(CANFD_MTU))
-            continue;
-        if (oIn.can_id & CAN_ERR_FLAG)
-            continue; // error frames are not traffic
-        SCanFrame oFrame;
-        const bool bExtended = (oIn.can_id & CAN_EFF_FLAG) != 0;
-        oFrame.nIdentifier = oIn.can_id & (bExtended ? CAN_EFF_MASK : CAN_SFF_MASK);
-        oFrame.nFlags = static_cast<unsigned char>((bExtended ? FRAME_FLAG_EXTENDED : 0) |
-                                                   ((oIn.can_id & CAN_RTR_FLAG) ? FRAME_FLAG_REMOTE : 0));
-        const std::size_t nMax = nRead == static_cast<ssize_t>(CAN_MTU) ? CAN_MAX_DLEN : CANFD_MAX_DLEN;
-        oFrame.sData.assign(reinterpret_cast<const char*>(oIn.data), oIn.len < nMax ? oIn.len : nMax);
-        m_roBus.Transmit(oFrame, m_roPort.Now(), this);
+        // Every frame queued now, in one call; none is waited for.
+        for (unsigned int i = 0; i < BATCH; ++i)
+        {
+            aoData[i] = iovec{&aoIn[i], sizeof(aoIn[i])};
+            aoMessages[i] = mmsghdr{};
+            aoMessages[i].msg_hdr.msg_iov = &aoData[i];
+            aoMessages[i].msg_hdr.msg_iovlen = 1;
+        }
+        const int nRead = recvmmsg(m_nSocket, aoMessages, BATCH, MSG_DONTWAIT, nullptr);
+        for (int i = 0; i < nRead; ++i)
+        {
+            const canfd_frame& oIn = aoIn[i];
+            const unsigned int nSize = aoMessages[i].msg_len;
+            if (nSize != CAN_MTU && nSize != CANFD_MTU)
+                continue;
+            if (oIn.can_id & CAN_ERR_FLAG)
+                continue; // error frames are not traffic
+            SCanFrame oFrame;
+            const bool bExtended = (oIn.can_id & CAN_EFF_FLAG) != 0;
+            oFrame.nIdentifier = oIn.can_id & (bExtended ? CAN_EFF_MASK : CAN_SFF_MASK);
+            oFrame.nFlags = static_cast<unsigned char>((bExtended ? FRAME_FLAG_EXTENDED : 0) |
+                                                       ((oIn.can_id & CAN_RTR_FLAG) ? FRAME_FLAG_REMOTE : 0));
+            const std::size_t nMax = nSize == CAN_MTU ? CAN_MAX_DLEN : CANFD_MAX_DLEN;
+            oFrame.sData.assign(reinterpret_cast<const char*>(oIn.data), oIn.len < nMax ? oIn.len : nMax);
+            m_roBus.Transmit(oFrame, m_roPort.Now(), this);
+        }
     }
 }
 

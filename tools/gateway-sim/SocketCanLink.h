@@ -2,6 +2,10 @@
 // clients write go out on the interface, and frames read from the interface
 // are put on the bus for the clients. Uses a raw CAN socket (with CAN FD
 // frames where the interface allows them, for data above 8 bytes).
+//
+// Both ways go in batches of what is already there: every frame queued on
+// the socket is read in one call, and the frames of one client read (held
+// on the bus, see CCanBus::HoldWrites) leave in one call.
 #ifndef GATEWAY_SIM_SOCKETCAN_LINK_H
 #define GATEWAY_SIM_SOCKETCAN_LINK_H
 
@@ -9,6 +13,8 @@
 #include "GatewayClock.h"
 #include "SimCounters.h"
 #include "libKelThread.h"
+
+#include <linux/can.h>
 
 #include <atomic>
 #include <string>
@@ -35,6 +41,7 @@ public:
     // A client's frame: out on the interface (never blocks; a full
     // transmit queue drops the frame and counts a send error).
     void OnBusFrame(const SCanFrame& oFrame, const STimeStamp& oTime) override;
+    void OnBusFlush() override;
 
 private:
     class CReadThread : public CKelThread
@@ -51,6 +58,10 @@ private:
     };
 
     void ReadLoop();
+    // Writes the frames kept back, in order (with the bus locked).
+    void WritePending();
+
+    static constexpr unsigned int BATCH = 64;
 
     CCanBus& m_roBus;
     const CCanPortModel& m_roPort;
@@ -59,6 +70,11 @@ private:
     bool m_bFdFrames = false;
     bool m_bOnBus = false;
     std::atomic<bool> m_bStop{false};
+    // Frames kept back while their writer holds its writes; guarded by the
+    // bus's lock, under which every OnBusFrame and OnBusFlush runs.
+    canfd_frame m_aoPending[BATCH];
+    unsigned int m_anPendingSize[BATCH];
+    unsigned int m_nPending = 0;
     CReadThread m_oThread;
 };
 
