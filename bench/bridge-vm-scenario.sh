@@ -1,9 +1,11 @@
 # Runs inside the SocketCAN test VM (started by bench/bridge-vm.sh): frame
-# rate, loss and latency of raw vcan, then through orvane-bridge on vcan0 and
-# orvane-gateway-sim with its bus on vcan1, in both directions. After each
-# run through the bridge: the CPU time its main thread, its other threads
-# (reader, alive) and the simulator used. With strace on PATH, a last section
-# counts the bridge's system calls per frame in each direction.
+# rate, loss and latency of raw vcan, then vcan0 <-> vcan1 through
+# orvane-bridge + orvane-gateway-sim, through cannelloni over TCP and through
+# cannelloni over UDP (1 ms batching), each way, all in this one boot. After
+# each run: CPU seconds per 100,000 frames sent of every process on the
+# path (the bridge split into its main thread and its other threads). With
+# strace on PATH, a last section counts the bridge's system calls per frame
+# in each direction.
 set -u
 work=$(mktemp -d)
 rates="1000 3000 9000 0"
@@ -12,6 +14,16 @@ rates="1000 3000 9000 0"
 wait_for() {
     tries=0
     until grep -q -- "$2" "$1" 2>/dev/null; do
+        tries=$((tries + 1))
+        [ $tries -le 300 ] || return 1
+        sleep 0.1
+    done
+}
+# wait_port PROTO HEXPORT STATE: polls /proc/net/PROTO for a socket on the
+# local port (hex) in STATE (01 TCP established, 07 UDP bound), at most 30 s.
+wait_port() {
+    tries=0
+    until awk -v p=":$2" -v s="$3" '$2 ~ p"$" && $4 == s { found = 1 } END { exit !found }' /proc/net/$1 2>/dev/null; do
         tries=$((tries + 1))
         [ $tries -le 300 ] || return 1
         sleep 0.1
@@ -34,13 +46,41 @@ ticks() {
     done | awk '{ sum += $14 + $15 } END { print sum + 0 }'
 }
 hz=100
-seconds() { awk -v t="$1" -v hz=$hz 'BEGIN { printf "%.2f", t / hz }'; }
+# measure LABEL TX RX "NAME=PID[:main|:others] ..." RATE...: one can_latency
+# row per rate, each followed by the CPU seconds per 100,000 frames sent of
+# every named process.
+measure() {
+    label=$1 tx=$2 rx=$3 procs=$4
+    shift 4
+    for rate in "$@"; do
+        before=""
+        for p in $procs; do
+            pid=${p#*=}
+            before="$before $(ticks ${pid%%:*} ${p##*:})"
+        done
+        row=$(can_latency "$label" $tx $rx $rate) || exit 1
+        echo "$row"
+        sent=$(echo "$row" | awk '{ print $3 }')
+        line="    CPU s per 100k frames:"
+        set -- $before
+        for p in $procs; do
+            pid=${p#*=}
+            now=$(ticks ${pid%%:*} ${p##*:})
+            line="$line ${p%%=*} $(awk -v t=$((now - $1)) -v n=$sent -v hz=$hz 'BEGIN { printf "%.2f", (n > 0 ? t / hz * 100000 / n : 0) }')"
+            shift
+        done
+        echo "$line"
+    done
+}
 
 echo "clock source: $(cat /sys/devices/system/clocksource/clocksource0/current_clocksource)," \
     "CPUs: $(grep -c ^processor /proc/cpuinfo)"
-echo "=== raw vcan baseline (no bridge running)"
+echo "=== raw vcan baseline (nothing else running)"
 header
 can_latency "raw vcan0>vcan0" vcan0 vcan0 $rates || exit 1
+export CAN_LATENCY_FRAMES=5 # at 1 frame/s
+can_latency "raw vcan0>vcan0" vcan0 vcan0 1 || exit 1
+unset CAN_LATENCY_FRAMES
 
 orvane-gateway-sim --socketcan vcan1 --bind 127.0.0.1 >"$work/sim" 2>&1 &
 sim=$!
@@ -49,29 +89,29 @@ orvane-bridge vcan0 -i 127.0.0.1 >"$work/bridge" 2>&1 &
 bridge=$!
 wait_for "$work/bridge" "connection to Orvane CAN established" || { cat "$work/bridge"; exit 1; }
 
-echo "=== through orvane-bridge (vcan0) and orvane-gateway-sim (bus vcan1)"
+echo "=== orvane-bridge (vcan0) + orvane-gateway-sim (bus vcan1)"
 header
-for path in "vcan0>bridge>gw vcan0 vcan1" "gw>bridge>vcan0 vcan1 vcan0"; do
-    for rate in $rates; do
-        main0=$(ticks $bridge main) others0=$(ticks $bridge others) sim0=$(ticks $sim)
-        can_latency $path $rate || exit 1
-        echo "    CPU seconds in this run: bridge main thread $(seconds $(($(ticks $bridge main) - main0)))," \
-            "bridge other threads $(seconds $(($(ticks $bridge others) - others0)))," \
-            "simulator $(seconds $(($(ticks $sim) - sim0)))"
-    done
-done
+procs="bridge-main=$bridge:main bridge-others=$bridge:others sim=$sim:all"
+measure "vcan0>bridge>gw" vcan0 vcan1 "$procs" $rates
+measure "gw>bridge>vcan0" vcan1 vcan0 "$procs" $rates
+export CAN_LATENCY_FRAMES=5
+measure "vcan0>bridge>gw" vcan0 vcan1 "$procs" 1
+measure "gw>bridge>vcan0" vcan1 vcan0 "$procs" 1
+unset CAN_LATENCY_FRAMES
 
 if command -v strace >/dev/null; then
     for path in "vcan0>bridge>gw vcan0 vcan1" "gw>bridge>vcan0 vcan1 vcan0"; do
-        strace -c -f -p $bridge -o "$work/strace" 2>/dev/null &
-        tracer=$!
-        sleep 1 # strace attaches to every thread; nothing is measured before the frames
-        set -- $path
-        echo "=== system calls of orvane-bridge while 2000 frames go $1 (1000 frames/s, under strace)"
-        can_latency "$@" 1000 >/dev/null
-        kill -INT $tracer
-        wait $tracer
-        cat "$work/strace"
+        for rate in 1000 9000; do
+            strace -c -f -p $bridge -o "$work/strace" 2>/dev/null &
+            tracer=$!
+            sleep 1 # strace attaches to every thread; nothing is measured before the frames
+            set -- $path
+            echo "=== system calls of orvane-bridge while $((rate * 2)) frames go $1 ($rate frames/s, under strace)"
+            can_latency "$@" $rate
+            kill -INT $tracer
+            wait $tracer
+            cat "$work/strace"
+        done
     done
 fi
 
@@ -82,3 +122,33 @@ sed 's/^/  /' "$work/bridge"
 kill -TERM $sim
 wait $sim
 tail -1 "$work/sim"
+
+if command -v cannelloni >/dev/null; then
+    # TCP: the server on the bus side, as the simulator; the client on vcan0, as the bridge.
+    cannelloni -I vcan1 -C s -l 20000 -L 127.0.0.1 >"$work/cs" 2>&1 &
+    cs=$!
+    wait_port tcp 4E20 0A || { cat "$work/cs"; exit 1; }
+    cannelloni -I vcan0 -C c -R 127.0.0.1 -r 20000 >"$work/cc" 2>&1 &
+    cc=$!
+    wait_port tcp 4E20 01 || { cat "$work/cc"; exit 1; }
+    echo "=== cannelloni TCP (client vcan0, server vcan1)"
+    header
+    procs="cannelloni-vcan0=$cc:all cannelloni-vcan1=$cs:all"
+    measure "vcan0>cnl-tcp>1" vcan0 vcan1 "$procs" $rates
+    measure "vcan1>cnl-tcp>0" vcan1 vcan0 "$procs" $rates
+    kill -TERM $cc $cs
+    wait $cc $cs 2>/dev/null
+
+    cannelloni -I vcan1 -L 127.0.0.1 -l 20001 -R 127.0.0.1 -r 20000 -t 1000 >"$work/u1" 2>&1 &
+    u1=$!
+    cannelloni -I vcan0 -L 127.0.0.1 -l 20000 -R 127.0.0.1 -r 20001 -t 1000 >"$work/u0" 2>&1 &
+    u0=$!
+    wait_port udp 4E21 07 && wait_port udp 4E20 07 || { cat "$work/u0" "$work/u1"; exit 1; }
+    echo "=== cannelloni UDP, 1 ms batching (vcan0 and vcan1)"
+    header
+    procs="cannelloni-vcan0=$u0:all cannelloni-vcan1=$u1:all"
+    measure "vcan0>cnl-udp>1" vcan0 vcan1 "$procs" $rates
+    measure "vcan1>cnl-udp>0" vcan1 vcan0 "$procs" $rates
+    kill -TERM $u0 $u1
+    wait $u0 $u1 2>/dev/null
+fi
