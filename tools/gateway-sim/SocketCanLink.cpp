@@ -153,10 +153,8 @@ void CSocketCanLink::ReadLoop()
     mmsghdr aoMessages[BATCH];
     while (!m_bStop.load())
     {
-        pollfd oPoll{m_nSocket, POLLIN, 0};
-        if (poll(&oPoll, 1, 100) <= 0)
-            continue;
-        // Every frame queued now, in one call; none is waited for.
+        // Every frame queued now, in one call; only an empty socket is
+        // waited on (a tenth of a second at a time, for the stop flag).
         for (unsigned int i = 0; i < BATCH; ++i)
         {
             aoData[i] = iovec{&aoIn[i], sizeof(aoIn[i])};
@@ -165,6 +163,12 @@ void CSocketCanLink::ReadLoop()
             aoMessages[i].msg_hdr.msg_iovlen = 1;
         }
         const int nRead = recvmmsg(m_nSocket, aoMessages, BATCH, MSG_DONTWAIT, nullptr);
+        if (nRead <= 0)
+        {
+            pollfd oPoll{m_nSocket, POLLIN, 0};
+            poll(&oPoll, 1, 100);
+            continue;
+        }
         for (int i = 0; i < nRead; ++i)
         {
             const canfd_frame& oIn = aoIn[i];
