@@ -1,9 +1,9 @@
 """OrvaneBus: one CAN port of an Orvane CAN gateway as a python-can bus,
 reached directly over TCP through liborvanecan.so."""
 import atexit
+import collections
 import ctypes
 import logging
-import queue
 import threading
 import time
 
@@ -30,8 +30,6 @@ DEFAULT_RECEIVE_QUEUE = 100000
 # calls into each one's callback, so neither may go away before the handle
 # is closed, at the latest when the interpreter ends.
 _open_buses = set()
-# Put into the queue by shutdown to end a waiting recv.
-_WAKE = object()
 
 
 @atexit.register
@@ -87,7 +85,13 @@ class OrvaneBus(can.BusABC):
             self._lib = _library.load(library)
         except OSError as error:
             raise can.CanInterfaceNotImplementedError(f"cannot load liborvanecan: {error}") from None
-        self._queue = queue.Queue(int(receive_queue))
+        # Frames from the library's receive thread to recv: a deque (appending
+        # and taking need no lock of their own), and a condition that recv
+        # waits on only when the deque is empty.
+        self._frames = collections.deque()
+        self._receive_queue = int(receive_queue)
+        self._arrived = threading.Condition(threading.Lock())
+        self._waiting = False
         self.dropped = 0
         self._lock = threading.Lock()
         self._handle = CAN_NO_HANDLE
@@ -193,18 +197,22 @@ class OrvaneBus(can.BusABC):
             self._lost(handle, "cannot send", code)
 
     def _on_frame(self, identifier, data, length, flags, handle, seconds, microseconds):
-        """On the library's receive thread: queue the frame, nothing more."""
-        try:
-            self._queue.put_nowait((identifier, ctypes.string_at(data, length) if length > 0 else b"", length,
-                                    flags, seconds, microseconds, time.time()))
-        except queue.Full:
+        """On the library's receive thread: queue the frame, wake recv if it
+        waits."""
+        if len(self._frames) >= self._receive_queue:
             self.dropped += 1
+            return
+        self._frames.append((identifier, ctypes.string_at(data, length) if length > 0 else b"", length, flags,
+                             seconds, microseconds, time.time()))
+        if self._waiting:
+            with self._arrived:
+                self._arrived.notify()
 
     def _recv_internal(self, timeout):
         handle = self._current_handle()
         try:
-            item = self._queue.get_nowait()
-        except queue.Empty:
+            item = self._frames.popleft()
+        except IndexError:
             item = self._wait(handle, timeout)
             if item is None:
                 return None, False
@@ -216,7 +224,7 @@ class OrvaneBus(can.BusABC):
                            channel=self.channel), False
 
     def _wait(self, handle, timeout):
-        """Waits on the queue; None when the time is up or the bus was shut
+        """Waits for a frame; None when the time is up or the bus was shut
         down meanwhile."""
         deadline = None if timeout is None else time.monotonic() + timeout
         while True:
@@ -226,14 +234,19 @@ class OrvaneBus(can.BusABC):
                 wait = min(wait, deadline - time.monotonic())
                 if wait <= 0:
                     return None
-            try:
-                item = self._queue.get(timeout=wait)
-            except queue.Empty:
-                continue
-            if item is not _WAKE:
-                return item
+            with self._arrived:
+                # Set before looking, so that a frame appended after the look
+                # finds it set and notifies.
+                self._waiting = True
+                try:
+                    if not self._frames and not self._closed:
+                        self._arrived.wait(wait)
+                finally:
+                    self._waiting = False
             if self._closed:
                 return None
+            if self._frames:
+                return self._frames.popleft()
 
     def shutdown(self):
         """Closes the gateway port; a recv still waiting returns None."""
@@ -245,8 +258,6 @@ class OrvaneBus(can.BusABC):
             if handle != CAN_NO_HANDLE:
                 self._lib.CANCloseDevice(handle)
         _open_buses.discard(self)
-        try:
-            self._queue.put_nowait(_WAKE)
-        except queue.Full:
-            pass
+        with self._arrived:
+            self._arrived.notify_all()
         super().shutdown()
