@@ -194,7 +194,9 @@ class OrvaneBus(can.BusABC):
         handle = self._current_handle()
         code = self._lib.CANWrite(handle, msg.arbitration_id, data, length, flags)
         if code != CAN_OK:
-            self._lost(handle, "cannot send", code)
+            if self._lib.CANDeviceConnectState(handle) != CAN_STATE_CONNECTED:
+                self._lost(handle, "cannot send", code)
+            raise self._error(can.CanOperationError, "cannot send", code)
 
     def _on_frame(self, identifier, data, length, flags, handle, seconds, microseconds):
         """On the library's receive thread: queue the frame, wake recv if it
