@@ -241,7 +241,7 @@ def test_logger_records_the_load_and_player_replays_it(tmp_path):
     try:
         log = tmp_path / "frames.log"
         watcher = Peer(simulator.port)
-        logger = subprocess.Popen([sys.executable, "-m", "can.logger", "-i", "orvane", "-c", HOST,
+        logger = subprocess.Popen([sys.executable, "-u", "-B", "-m", "can.logger", "-i", "orvane", "-c", HOST,
                                    f"--port={simulator.port}", "-f", str(log)], stdout=subprocess.PIPE, text=True)
         try:
             for line in logger.stdout:
@@ -271,7 +271,7 @@ def test_logger_records_the_load_and_player_replays_it(tmp_path):
     target = Simulator()
     try:
         peer = Peer(target.port)
-        subprocess.run([sys.executable, "-m", "can.player", "-i", "orvane", "-c", HOST, f"--port={target.port}",
+        subprocess.run([sys.executable, "-B", "-m", "can.player", "-i", "orvane", "-c", HOST, f"--port={target.port}",
                         "--ignore-timestamps", str(log)], check=True, stdout=subprocess.DEVNULL, timeout=60)
         for msg in frames:
             assert peer.next() == (0x1ABCDE, bytes(msg.data), 1)
