@@ -42,9 +42,10 @@ SONAME = "liborvanecan.so.0"
 _c_int_p = ctypes.POINTER(ctypes.c_int)
 
 # Frame callback with the gateway's time stamp: identifier, data, length,
-# flags, handle, seconds, microseconds.
-CANCallbackEx = ctypes.CFUNCTYPE(None, ctypes.c_uint, ctypes.POINTER(ctypes.c_char), ctypes.c_int, ctypes.c_int,
-                                 ctypes.c_int, ctypes.c_int, ctypes.c_int)
+# flags, handle, seconds, microseconds. The data comes as a plain address
+# (read it with ctypes.string_at), the cheapest argument to convert.
+CANCallbackEx = ctypes.CFUNCTYPE(None, ctypes.c_uint, ctypes.c_void_p, ctypes.c_int, ctypes.c_int, ctypes.c_int,
+                                 ctypes.c_int, ctypes.c_int)
 
 _PROTOTYPES = {
     "CANOpenDevice": [_c_int_p, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_char_p, ctypes.c_int],

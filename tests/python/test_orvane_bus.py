@@ -69,7 +69,7 @@ class Peer:
         assert self.lib.CANSetCallbackEx(self.handle, self.callback) == 0
 
     def _on_frame(self, identifier, data, length, flags, handle, seconds, microseconds):
-        self.frames.put((identifier, ctypes.string_at(data, length), flags))
+        self.frames.put((identifier, ctypes.string_at(data, length) if length else b"", flags))
 
     def write(self, identifier, data, flags):
         assert self.lib.CANWrite(self.handle, identifier, data, len(data), flags) == 0
