@@ -30,11 +30,9 @@ const char* const VERSION = "0.2.0";
 const char* const BUILD_DATE = "Jan  9 2015";
 const char* const DEFAULT_IP_ADDRESS = "192.168.1.254";
 
-constexpr int NO_DEVICE = -1;
 constexpr int CAN_CHANNEL = -1;       // the adapter's only channel
 constexpr int OPEN_TIMEOUT_MS = 5000; // TCP connect and connection message
 constexpr unsigned int ALIVE_SECONDS = 5;
-constexpr int STATE_CONNECTED = 3; // CANDeviceConnectState
 constexpr int ERROR_TEXT_SIZE = 200;
 
 using CClock = std::chrono::steady_clock;
@@ -44,9 +42,6 @@ constexpr auto RETRY_PERIOD = std::chrono::seconds(1);
 // The service manager hears from the loop this often (watchdog and status).
 constexpr auto NOTIFY_PERIOD = std::chrono::milliseconds(500);
 
-// CANWriteEx / callback flag bits.
-constexpr int FLAG_EXTENDED = 0x01;
-constexpr int FLAG_REMOTE = 0x02;
 
 // What the command line sets, with the defaults of a run without options.
 struct SBridgeSettings
@@ -130,8 +125,8 @@ static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBuff
 {
     _can_msg_t oMsg = {};
     oMsg.id = nIdentifier;
-    oMsg.rtr = (nFlags & FLAG_REMOTE) != 0 ? 1 : 0;
-    oMsg.ext = (nFlags & FLAG_EXTENDED) != 0 ? 1 : 0;
+    oMsg.rtr = (nFlags & CAN_FLAG_REMOTE) != 0 ? 1 : 0;
+    oMsg.ext = (nFlags & CAN_FLAG_EXTENDED) != 0 ? 1 : 0;
     // A length above 8 stays in the record, so that can_transmit refuses the
     // frame; the copy itself never leaves the data field.
     oMsg.len = static_cast<uint8_t>(nBufferLen);
@@ -304,7 +299,7 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConne
     std::fprintf(stderr, "Orvane Error:%s\n", acText);
     std::fprintf(stderr, "+++ error: could not establish connection to Orvane CAN\n");
     CANCloseDevice(nHandle);
-    nHandle = NO_DEVICE;
+    nHandle = CAN_NO_HANDLE;
 }
 
 // Forwards one frame from the socket, if one comes within a second, to the
@@ -321,7 +316,7 @@ void ForwardOneFrame(int nHandle)
     if (nResult == 0)
     {
         s_bReadErrorReported = false;
-        const int nFlags = (oMsg.rtr != 0 ? FLAG_REMOTE : 0) | (oMsg.ext != 0 ? FLAG_EXTENDED : 0);
+        const int nFlags = (oMsg.rtr != 0 ? CAN_FLAG_REMOTE : 0) | (oMsg.ext != 0 ? CAN_FLAG_EXTENDED : 0);
         // Neither the result nor the write's time stamp is used: a frame that
         // finds no open device is dropped, and a lost link is noticed by the
         // connect state on the next pass.
@@ -345,7 +340,7 @@ void ForwardOneFrame(int nHandle)
 // status show them.
 std::string FormatCounters(int nHandle, bool bInterfaceLost)
 {
-    const bool bConnected = nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) == STATE_CONNECTED;
+    const bool bConnected = nHandle != CAN_NO_HANDLE && CANDeviceConnectState(nHandle) == CAN_STATE_CONNECTED;
     char acLine[256];
     std::snprintf(acLine, sizeof(acLine), "to_gateway=%llu from_gateway=%llu dropped=%llu reconnects=%llu state=%s%s",
                   g_oCounters.m_nToGateway.load(), g_oCounters.m_nFromGateway.load(), g_oCounters.m_nDropped.load(),
@@ -385,7 +380,7 @@ public:
             LookAfterGateway(oNow);
             if (oNow >= m_oNextNotify)
                 TellServiceManager(oNow, "WATCHDOG=1\n");
-            if (m_nHandle == NO_DEVICE && !m_bInterfaceLost)
+            if (m_nHandle == CAN_NO_HANDLE && !m_bInterfaceLost)
                 DiscardUntilNextAttempt();
             else
                 ForwardOneFrame(m_nHandle);
@@ -436,21 +431,21 @@ private:
 
     void LookAfterGateway(CClock::time_point oNow)
     {
-        if (m_nHandle != NO_DEVICE && CANDeviceConnectState(m_nHandle) != STATE_CONNECTED)
+        if (m_nHandle != CAN_NO_HANDLE && CANDeviceConnectState(m_nHandle) != CAN_STATE_CONNECTED)
         {
             std::fprintf(stderr, "+++ error: connection to Orvane CAN lost, reconnecting\n");
             CANCloseDevice(m_nHandle);
-            m_nHandle = NO_DEVICE;
+            m_nHandle = CAN_NO_HANDLE;
             m_bLinkReportedLost = true;
             ReportLinkOnBus(CAN_ERR_BUSOFF);
             TellServiceManager(oNow);
             m_oNextAttempt = oNow; // the first attempt at once, as before
         }
-        if (m_nHandle != NO_DEVICE || oNow < m_oNextAttempt)
+        if (m_nHandle != CAN_NO_HANDLE || oNow < m_oNextAttempt)
             return;
         m_oNextAttempt = oNow + RETRY_PERIOD;
         ConnectGateway(m_nHandle, m_oSettings, m_bConnectedBefore);
-        if (m_nHandle == NO_DEVICE)
+        if (m_nHandle == CAN_NO_HANDLE)
             return;
         if (m_bLinkReportedLost)
             ReportLinkOnBus(CAN_ERR_RESTARTED);
@@ -490,7 +485,7 @@ private:
 
     const SBridgeSettings& m_oSettings;
     CServiceNotifier m_oNotifier;
-    int m_nHandle = NO_DEVICE;
+    int m_nHandle = CAN_NO_HANDLE;
     bool m_bConnectedBefore = false;
     bool m_bLinkReportedLost = false;
     bool m_bInterfaceLost = false;
@@ -523,7 +518,7 @@ int main(int argc, char** argv)
         return nResult;
 
     const int nHandle = CBridgeLoop(oSettings).Run();
-    if (nHandle != NO_DEVICE)
+    if (nHandle != CAN_NO_HANDLE)
         CANCloseDevice(nHandle);
     can_exit();
     return 0;
