@@ -26,7 +26,8 @@
 namespace
 {
 
-const char* const VERSION = "0.2.0";
+// The project's version, from project(VERSION) in CMakeLists.txt.
+const char* const VERSION = ORVANE_VERSION;
 const char* const BUILD_DATE = "Jan  9 2015";
 const char* const DEFAULT_IP_ADDRESS = "192.168.1.254";
 
@@ -317,9 +318,9 @@ void ForwardOneFrame(int nHandle)
     {
         s_bReadErrorReported = false;
         const int nFlags = (oMsg.rtr != 0 ? CAN_FLAG_REMOTE : 0) | (oMsg.ext != 0 ? CAN_FLAG_EXTENDED : 0);
-        // Neither the result nor the write's time stamp is used: a frame that
-        // finds no open device is dropped, and a lost link is noticed by the
-        // connect state on the next pass.
+        // A frame that finds no open device or a failing link is counted as
+        // dropped; the link itself is looked after by the connect-state check
+        // of the next pass. The write's time stamp is not used.
         int nSeconds = 0;
         int nMicroseconds = 0;
         if (CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
