@@ -135,15 +135,21 @@ static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBuff
         std::memcpy(oMsg.data, pcBuffer, std::min<size_t>(static_cast<size_t>(nBufferLen), sizeof(oMsg.data)));
     oMsg.timestamp.tv_sec = nSeconds;
     oMsg.timestamp.tv_usec = nMicroseconds;
+    // A failing interface (down, or a full transmit queue) fails every write
+    // for a while: one message until a write succeeds again, none while the
+    // interface is gone (the main loop says so once).
+    static std::atomic<bool> s_bWriteErrorReported{false};
     const int nResult = can_transmit(&oMsg);
-    // While the interface is gone every write fails; the main loop says so once.
-    if (nResult != 0 && !can_interface_lost())
+    if (nResult == 0)
+    {
+        ++g_oCounters.m_nFromGateway;
+        s_bWriteErrorReported = false;
+    }
+    else if (!can_interface_lost() && !s_bWriteErrorReported.exchange(true))
     {
         std::printf("Error CAN transmit socket:");
         can_error(nResult);
     }
-    else
-        ++g_oCounters.m_nFromGateway;
 }
 
 namespace
