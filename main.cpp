@@ -4,37 +4,45 @@
 // is closed and opened again, about once a second, until a signal stops the
 // program.
 #include "OrvaneDllCan.h"
+#include "service_notify.h"
 #include "socket_can.h"
 
 #include <getopt.h>
+#include <linux/can/error.h>
 #include <sys/socket.h>
+#include <time.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace
 {
 
-const char* const VERSION = "0.2.0";
+// The project's version, from project(VERSION) in CMakeLists.txt.
+const char* const VERSION = ORVANE_VERSION;
 const char* const BUILD_DATE = "Jan  9 2015";
 const char* const DEFAULT_IP_ADDRESS = "192.168.1.254";
 
-constexpr int NO_DEVICE = -1;
 constexpr int CAN_CHANNEL = -1;       // the adapter's only channel
 constexpr int OPEN_TIMEOUT_MS = 5000; // TCP connect and connection message
 constexpr unsigned int ALIVE_SECONDS = 5;
-constexpr int STATE_CONNECTED = 3; // CANDeviceConnectState
 constexpr int ERROR_TEXT_SIZE = 200;
 
-// CANWriteEx / callback flag bits.
-constexpr int FLAG_EXTENDED = 0x01;
-constexpr int FLAG_REMOTE = 0x02;
+using CClock = std::chrono::steady_clock;
+// Connection attempts and re-opens of a lost interface are made at most this
+// often, however many frames end the receive wait meanwhile.
+constexpr auto RETRY_PERIOD = std::chrono::seconds(1);
+// The service manager hears from the loop this often (watchdog and status).
+constexpr auto NOTIFY_PERIOD = std::chrono::milliseconds(500);
+
 
 // What the command line sets, with the defaults of a run without options.
 struct SBridgeSettings
@@ -118,8 +126,8 @@ static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBuff
 {
     _can_msg_t oMsg = {};
     oMsg.id = nIdentifier;
-    oMsg.rtr = (nFlags & FLAG_REMOTE) != 0 ? 1 : 0;
-    oMsg.ext = (nFlags & FLAG_EXTENDED) != 0 ? 1 : 0;
+    oMsg.rtr = (nFlags & CAN_FLAG_REMOTE) != 0 ? 1 : 0;
+    oMsg.ext = (nFlags & CAN_FLAG_EXTENDED) != 0 ? 1 : 0;
     // A length above 8 stays in the record, so that can_transmit refuses the
     // frame; the copy itself never leaves the data field.
     oMsg.len = static_cast<uint8_t>(nBufferLen);
@@ -127,14 +135,21 @@ static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBuff
         std::memcpy(oMsg.data, pcBuffer, std::min<size_t>(static_cast<size_t>(nBufferLen), sizeof(oMsg.data)));
     oMsg.timestamp.tv_sec = nSeconds;
     oMsg.timestamp.tv_usec = nMicroseconds;
+    // A failing interface (down, or a full transmit queue) fails every write
+    // for a while: one message until a write succeeds again, none while the
+    // interface is gone (the main loop says so once).
+    static std::atomic<bool> s_bWriteErrorReported{false};
     const int nResult = can_transmit(&oMsg);
-    if (nResult != 0)
+    if (nResult == 0)
+    {
+        ++g_oCounters.m_nFromGateway;
+        s_bWriteErrorReported = false;
+    }
+    else if (!can_interface_lost() && !s_bWriteErrorReported.exchange(true))
     {
         std::printf("Error CAN transmit socket:");
         can_error(nResult);
     }
-    else
-        ++g_oCounters.m_nFromGateway;
 }
 
 namespace
@@ -291,7 +306,7 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConne
     std::fprintf(stderr, "Orvane Error:%s\n", acText);
     std::fprintf(stderr, "+++ error: could not establish connection to Orvane CAN\n");
     CANCloseDevice(nHandle);
-    nHandle = NO_DEVICE;
+    nHandle = CAN_NO_HANDLE;
 }
 
 // Forwards one frame from the socket, if one comes within a second, to the
@@ -299,14 +314,19 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConne
 // is dropped without a message.
 void ForwardOneFrame(int nHandle)
 {
+    // An interface that goes down or away reports it on a read or two (down,
+    // then gone; a socket bound anew to an interface not yet up says down
+    // once more): one message until frames come again.
+    static bool s_bReadErrorReported = false;
     _can_msg_t oMsg = {};
     const int nResult = can_receive(&oMsg);
     if (nResult == 0)
     {
-        const int nFlags = (oMsg.rtr != 0 ? FLAG_REMOTE : 0) | (oMsg.ext != 0 ? FLAG_EXTENDED : 0);
-        // Neither the result nor the write's time stamp is used: a frame that
-        // finds no open device is dropped, and a lost link is noticed by the
-        // connect state on the next pass.
+        s_bReadErrorReported = false;
+        const int nFlags = (oMsg.rtr != 0 ? CAN_FLAG_REMOTE : 0) | (oMsg.ext != 0 ? CAN_FLAG_EXTENDED : 0);
+        // A frame that finds no open device or a failing link is counted as
+        // dropped; the link itself is looked after by the connect-state check
+        // of the next pass. The write's time stamp is not used.
         int nSeconds = 0;
         int nMicroseconds = 0;
         if (CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
@@ -315,47 +335,172 @@ void ForwardOneFrame(int nHandle)
         else
             ++g_oCounters.m_nDropped;
     }
-    else if (nResult != CAN_RC_RX_EMPTY)
+    else if (nResult != CAN_RC_RX_EMPTY && !can_interface_lost() && !s_bReadErrorReported)
     {
+        s_bReadErrorReported = true;
         std::fprintf(stderr, "Error CAN receive socket:");
         can_error(nResult);
     }
 }
 
-// The SIGUSR1 line, on standard error.
-void PrintCounters(int nHandle)
+// The counters and the link state, as the SIGUSR1 line and the service
+// status show them.
+std::string FormatCounters(int nHandle, bool bInterfaceLost)
 {
-    const bool bConnected = nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) == STATE_CONNECTED;
-    std::fprintf(stderr, "counters: to_gateway=%llu from_gateway=%llu dropped=%llu reconnects=%llu state=%s\n",
-                 g_oCounters.m_nToGateway.load(), g_oCounters.m_nFromGateway.load(), g_oCounters.m_nDropped.load(),
-                 g_oCounters.m_nReconnects.load(), bConnected ? "connected" : "disconnected");
+    const bool bConnected = nHandle != CAN_NO_HANDLE && CANDeviceConnectState(nHandle) == CAN_STATE_CONNECTED;
+    char acLine[256];
+    std::snprintf(acLine, sizeof(acLine), "to_gateway=%llu from_gateway=%llu dropped=%llu reconnects=%llu state=%s%s",
+                  g_oCounters.m_nToGateway.load(), g_oCounters.m_nFromGateway.load(), g_oCounters.m_nDropped.load(),
+                  g_oCounters.m_nReconnects.load(), bConnected ? "connected" : "disconnected",
+                  bInterfaceLost ? " interface=lost" : "");
+    return acLine;
 }
 
-// Runs until a signal clears `running`; returns the handle still open.
-int RunBridge(const SBridgeSettings& oSettings)
+// One pass of the loop after another: the gateway link, the SocketCAN
+// interface and the service manager, each looked after at its own pace.
+//
+// The loop departs from a pass-paced retry on purpose: every received frame
+// ends the receive wait, so retrying on every pass would make one connection
+// attempt (and two error lines) per frame while a gateway refuses. Attempts
+// are made at most once per RETRY_PERIOD instead; frames that arrive
+// meanwhile are read and counted as dropped at once.
+class CBridgeLoop
 {
-    int nHandle = NO_DEVICE;
-    bool bConnectedBefore = false;
-    for (;;)
+public:
+    explicit CBridgeLoop(const SBridgeSettings& oSettings) : m_oSettings(oSettings) {}
+
+    // Runs until a signal clears `running`; returns the handle still open.
+    int Run()
     {
-        if (running == 0)
-            return nHandle;
-        if (printCounters != 0)
+        m_oNotifier.Notify("READY=1\nSTATUS=" + FormatCounters(m_nHandle, false));
+        for (;;)
         {
-            printCounters = 0;
-            PrintCounters(nHandle);
+            if (running == 0)
+                break;
+            const CClock::time_point oNow = CClock::now();
+            if (printCounters != 0)
+            {
+                printCounters = 0;
+                std::fprintf(stderr, "counters: %s\n", FormatCounters(m_nHandle, m_bInterfaceLost).c_str());
+            }
+            LookAfterInterface(oNow);
+            LookAfterGateway(oNow);
+            if (oNow >= m_oNextNotify)
+                TellServiceManager(oNow, "WATCHDOG=1\n");
+            if (m_nHandle == CAN_NO_HANDLE && !m_bInterfaceLost)
+                DiscardUntilNextAttempt();
+            else
+                ForwardOneFrame(m_nHandle);
         }
-        if (nHandle != NO_DEVICE && CANDeviceConnectState(nHandle) != STATE_CONNECTED)
+        m_oNotifier.Notify("STOPPING=1");
+        return m_nHandle;
+    }
+
+private:
+    // Without a gateway every frame would be dropped: rather than wake for
+    // each one, sleep until the next attempt (or watchdog ping), then read
+    // and count what came meanwhile. A signal ends the sleep at once.
+    void DiscardUntilNextAttempt()
+    {
+        CClock::time_point oUntil = std::min(m_oNextAttempt, m_oNextIndexCheck);
+        if (m_oNotifier.IsActive())
+            oUntil = std::min(oUntil, m_oNextNotify);
+        const auto oWait = std::min<CClock::duration>(oUntil - CClock::now(), RETRY_PERIOD);
+        if (oWait > CClock::duration::zero())
+        {
+            const auto nNanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(oWait).count();
+            const timespec oSleep = {static_cast<time_t>(nNanoseconds / 1000000000),
+                                     static_cast<long>(nNanoseconds % 1000000000)};
+            nanosleep(&oSleep, nullptr);
+        }
+        const int nDiscarded = can_discard_pending();
+        if (nDiscarded > 0)
+            g_oCounters.m_nDropped += static_cast<unsigned long long>(nDiscarded);
+    }
+
+    void TellServiceManager(CClock::time_point oNow, const char* pcPrefix = "")
+    {
+        if (!m_oNotifier.IsActive())
+            return;
+        m_oNotifier.Notify(pcPrefix + std::string("STATUS=") + FormatCounters(m_nHandle, m_bInterfaceLost));
+        m_oNextNotify = oNow + NOTIFY_PERIOD;
+    }
+
+    // A link error frame tells the programs on the interface that asked for
+    // error frames what a controller would: bus-off when the gateway link is
+    // lost, restarted when it is back. Only on a virtual interface: a real
+    // controller's driver would put the frame on its bus as an ordinary one.
+    void ReportLinkOnBus(uint32_t nErrorClass)
+    {
+        if (can_interface_is_virtual())
+            can_transmit_error(nErrorClass);
+    }
+
+    void LookAfterGateway(CClock::time_point oNow)
+    {
+        if (m_nHandle != CAN_NO_HANDLE && CANDeviceConnectState(m_nHandle) != CAN_STATE_CONNECTED)
         {
             std::fprintf(stderr, "+++ error: connection to Orvane CAN lost, reconnecting\n");
-            CANCloseDevice(nHandle);
-            nHandle = NO_DEVICE;
+            CANCloseDevice(m_nHandle);
+            m_nHandle = CAN_NO_HANDLE;
+            m_bLinkReportedLost = true;
+            ReportLinkOnBus(CAN_ERR_BUSOFF);
+            TellServiceManager(oNow);
+            m_oNextAttempt = oNow; // the first attempt at once, as before
         }
-        if (nHandle == NO_DEVICE)
-            ConnectGateway(nHandle, oSettings, bConnectedBefore);
-        ForwardOneFrame(nHandle);
+        if (m_nHandle != CAN_NO_HANDLE || oNow < m_oNextAttempt)
+            return;
+        m_oNextAttempt = oNow + RETRY_PERIOD;
+        ConnectGateway(m_nHandle, m_oSettings, m_bConnectedBefore);
+        if (m_nHandle == CAN_NO_HANDLE)
+            return;
+        if (m_bLinkReportedLost)
+            ReportLinkOnBus(CAN_ERR_RESTARTED);
+        m_bLinkReportedLost = false;
+        TellServiceManager(oNow);
     }
-}
+
+    // A deleted interface does not come back to the bound socket by itself:
+    // say so once, then open it again by name about once a second.
+    void LookAfterInterface(CClock::time_point oNow)
+    {
+        if (!m_bInterfaceLost)
+        {
+            bool bLost = can_interface_lost();
+            if (!bLost && oNow >= m_oNextIndexCheck)
+            {
+                m_oNextIndexCheck = oNow + RETRY_PERIOD;
+                bLost = can_check_interface();
+            }
+            if (!bLost)
+                return;
+            std::fprintf(stderr, "+++ error: CAN interface %s lost, reopening\n", m_oSettings.m_sInterface);
+            m_bInterfaceLost = true;
+            m_oNextReopen = oNow;
+            TellServiceManager(oNow);
+        }
+        if (oNow < m_oNextReopen)
+            return;
+        m_oNextReopen = oNow + RETRY_PERIOD;
+        if (can_reopen() != 0)
+            return;
+        std::printf("+++ CAN interface %s is back\n", m_oSettings.m_sInterface);
+        m_bInterfaceLost = false;
+        m_oNextIndexCheck = oNow + RETRY_PERIOD;
+        TellServiceManager(oNow);
+    }
+
+    const SBridgeSettings& m_oSettings;
+    CServiceNotifier m_oNotifier;
+    int m_nHandle = CAN_NO_HANDLE;
+    bool m_bConnectedBefore = false;
+    bool m_bLinkReportedLost = false;
+    bool m_bInterfaceLost = false;
+    CClock::time_point m_oNextAttempt{};
+    CClock::time_point m_oNextReopen{};
+    CClock::time_point m_oNextIndexCheck{};
+    CClock::time_point m_oNextNotify{};
+};
 
 } // namespace
 
@@ -379,8 +524,8 @@ int main(int argc, char** argv)
     if (nResult != 0)
         return nResult;
 
-    const int nHandle = RunBridge(oSettings);
-    if (nHandle != NO_DEVICE)
+    const int nHandle = CBridgeLoop(oSettings).Run();
+    if (nHandle != CAN_NO_HANDLE)
         CANCloseDevice(nHandle);
     can_exit();
     return 0;

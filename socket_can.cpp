@@ -5,6 +5,7 @@
 // atomics so that both threads may update them.
 #include "socket_can.h"
 
+#include <linux/can/error.h>
 #include <linux/can/raw.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -13,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +26,19 @@ constexpr int kInitialFamily = 29;  // PF_CAN
 constexpr int kInitialType = 3;     // SOCK_RAW
 constexpr int kInitialProtocol = 1; // CAN_RAW
 
+namespace
+{
+
+// Closes a socket that could not be set up, keeping the errno of the call
+// that failed for the caller's perror.
+int closeKeepingErrno(int fd)
+{
+    const int reason = errno;
+    close(fd);
+    errno = reason;
+    return -1;
+}
+
 std::atomic<int> init{0};
 std::atomic<unsigned char> can_state{CAN_STATUS_NOT_STARTED};
 char ifname[kIfNameLength + 1] = "";
@@ -31,9 +46,62 @@ int family = kInitialFamily;
 int type = kInitialType;
 int protocol = kInitialProtocol;
 std::atomic<int> descriptor{-1};
+// The index the socket is bound to, and whether the interface behind it has
+// gone away (set by either thread, cleared by can_reopen on the main thread).
+std::atomic<int> boundIndex{0};
+std::atomic<bool> interfaceLost{false};
 
-namespace
+// Errors that mean the bound interface no longer exists: a read reports
+// ENODEV once, writes to the unbound socket then fail with ENXIO.
+void noteFailure(int reason)
 {
+    if (reason == ENODEV || reason == ENXIO)
+        interfaceLost = true;
+}
+
+// Opens a socket of the stored family, type and protocol bound to the
+// interface named ifname, with every error class delivered and receive
+// times on each frame. Returns the descriptor, or -1 with errno set (and
+// the message of a failing error filter printed).
+int openBound()
+{
+    const int fd = socket(family, type, protocol);
+    if (fd < 0)
+        return -1;
+
+    // The look-up's result is deliberately not checked: a missing interface
+    // leaves the index at -1, which names no interface, so bind fails with
+    // ENODEV (index 0 would instead bind to every CAN interface).
+    struct ifreq request;
+    memset(&request, 0, sizeof request);
+    memcpy(request.ifr_name, ifname, strnlen(ifname, sizeof request.ifr_name));
+    request.ifr_ifindex = -1;
+    ioctl(fd, SIOCGIFINDEX, &request);
+
+    struct sockaddr_can address;
+    memset(&address, 0, sizeof address);
+    address.can_family = static_cast<sa_family_t>(family);
+    address.can_ifindex = request.ifr_ifindex;
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) < 0)
+        return closeKeepingErrno(fd);
+
+    // Deliver every error class as an error frame; can_receive drops them.
+    const can_err_mask_t errorMask = CAN_ERR_MASK;
+    if (setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) < 0)
+    {
+        const int reason = errno;
+        printf("Error setsockopt: CAN_RAW_ERR_FILTER\n");
+        errno = reason;
+        return closeKeepingErrno(fd);
+    }
+
+    // Receive times come with each frame; without them can_receive falls
+    // back to asking the socket.
+    const int stampOn = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMP, &stampOn, sizeof stampOn);
+    boundIndex = request.ifr_ifindex;
+    return fd;
+}
 
 void setBits(unsigned char bits)
 {
@@ -48,16 +116,6 @@ bool started()
     return (can_state.load() & CAN_STATUS_NOT_STARTED) == 0;
 }
 
-// Closes a socket that could not be set up, keeping the errno of the call
-// that failed for the caller's perror.
-int failSetup(int fd)
-{
-    const int reason = errno;
-    close(fd);
-    descriptor = -1;
-    errno = reason;
-    return CAN_RC_SYSTEM;
-}
 
 // The socket's last receive time, as SIOCGSTAMP reports it: the stamp of the
 // frame read last, or none (-1) before the first. can_receive takes each
@@ -159,41 +217,11 @@ extern "C" int can_init(int channel, const can_socket_params_t* params, const st
     type = params->type;
     protocol = params->protocol;
 
-    const int fd = socket(family, type, protocol);
+    const int fd = openBound();
     if (fd < 0)
         return CAN_RC_SYSTEM;
     descriptor = fd;
-
-    // The look-up's result is deliberately not checked: a missing interface
-    // leaves the index at -1, which names no interface, so bind fails with
-    // ENODEV (index 0 would instead bind to every CAN interface).
-    struct ifreq request;
-    memset(&request, 0, sizeof request);
-    memcpy(request.ifr_name, ifname, strnlen(ifname, sizeof request.ifr_name));
-    request.ifr_ifindex = -1;
-    ioctl(fd, SIOCGIFINDEX, &request);
-
-    struct sockaddr_can address;
-    memset(&address, 0, sizeof address);
-    address.can_family = static_cast<sa_family_t>(family);
-    address.can_ifindex = request.ifr_ifindex;
-    if (bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) < 0)
-        return failSetup(fd);
-
-    // Deliver every error class as an error frame; can_receive drops them.
-    const can_err_mask_t errorMask = CAN_ERR_MASK;
-    if (setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) < 0)
-    {
-        const int reason = errno;
-        printf("Error setsockopt: CAN_RAW_ERR_FILTER\n");
-        errno = reason;
-        return failSetup(fd);
-    }
-
-    // Receive times come with each frame; without them can_receive falls
-    // back to asking the socket.
-    const int stampOn = 1;
-    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMP, &stampOn, sizeof stampOn);
+    interfaceLost = false;
     lastReceiveMicros = -1;
 
     can_state = CAN_STATUS_NOT_STARTED;
@@ -238,6 +266,7 @@ extern "C" int can_transmit(_can_msg_t* msg)
     const int fd = descriptor;
     if (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
     {
+        noteFailure(errno);
         setBits(CAN_STATUS_TX_FAILED);
         return CAN_RC_TX_BUSY;
     }
@@ -278,6 +307,8 @@ extern "C" int can_receive(_can_msg_t* msg)
     {
         if (count != static_cast<ssize_t>(sizeof frame))
         {
+            if (count < 0)
+                noteFailure(errno);
             setBits(CAN_STATUS_RX_READ_FAILED);
             return CAN_RC_MESSAGE_LOST;
         }
@@ -310,8 +341,135 @@ extern "C" int can_exit(void)
     family = kInitialFamily;
     type = kInitialType;
     protocol = kInitialProtocol;
+    boundIndex = 0;
+    interfaceLost = false;
     init = 0;
     return 0;
+}
+
+extern "C" bool can_interface_lost(void)
+{
+    return interfaceLost.load();
+}
+
+extern "C" bool can_check_interface(void)
+{
+    if (init && !interfaceLost)
+    {
+        const unsigned int index = if_nametoindex(ifname);
+        if (index == 0 || static_cast<int>(index) != boundIndex.load())
+            interfaceLost = true;
+    }
+    return interfaceLost.load();
+}
+
+extern "C" int can_reopen(void)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    const int fd = openBound();
+    if (fd < 0)
+        return CAN_RC_SYSTEM;
+    // dup2 replaces the old socket in one step: the callback thread writes
+    // either to the old socket or to the new one, never to a closed number
+    // that something else has taken meanwhile.
+    const int old = descriptor;
+    if (dup2(fd, old) < 0)
+    {
+        closeKeepingErrno(fd);
+        return CAN_RC_SYSTEM;
+    }
+    close(fd);
+    interfaceLost = false;
+    return 0;
+}
+
+extern "C" bool can_interface_is_virtual(void)
+{
+    // A real controller has a device behind its interface; vcan and vxcan do not.
+    char path[64];
+    snprintf(path, sizeof path, "/sys/class/net/%s/device", ifname);
+    return init && access(path, F_OK) != 0 && errno == ENOENT;
+}
+
+extern "C" int can_discard_pending(void)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    constexpr unsigned int kBatch = 64;
+    struct can_frame frames[kBatch];
+    struct iovec vectors[kBatch];
+    struct mmsghdr headers[kBatch];
+    memset(headers, 0, sizeof headers);
+    for (unsigned int i = 0; i < kBatch; ++i)
+    {
+        vectors[i] = {&frames[i], sizeof frames[i]};
+        headers[i].msg_hdr.msg_iov = &vectors[i];
+        headers[i].msg_hdr.msg_iovlen = 1;
+    }
+    int discarded = 0;
+    for (;;)
+    {
+        const int count = recvmmsg(descriptor, headers, kBatch, MSG_DONTWAIT, nullptr);
+        if (count <= 0)
+        {
+            if (count < 0)
+                noteFailure(errno);
+            return discarded;
+        }
+        for (int i = 0; i < count; ++i)
+            if (headers[i].msg_len == sizeof frames[i] && (frames[i].can_id & CAN_ERR_FLAG) == 0)
+                ++discarded;
+        if (static_cast<unsigned int>(count) < kBatch)
+            return discarded;
+    }
+}
+
+extern "C" int can_transmit_error(uint32_t error_class)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (!started())
+        return CAN_RC_NOT_STARTED;
+    struct can_frame frame;
+    memset(&frame, 0, sizeof frame);
+    frame.can_id = CAN_ERR_FLAG | (error_class & CAN_ERR_MASK);
+    frame.can_dlc = CAN_ERR_DLC;
+    if (write(descriptor, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
+    {
+        noteFailure(errno);
+        return CAN_RC_TX_BUSY;
+    }
+    return 0;
+}
+
+bool socket_can::Initialised()
+{
+    return init != 0;
+}
+unsigned char socket_can::Status()
+{
+    return can_state.load();
+}
+int socket_can::Descriptor()
+{
+    return descriptor.load();
+}
+const char* socket_can::InterfaceName()
+{
+    return ifname;
+}
+int socket_can::Family()
+{
+    return family;
+}
+int socket_can::Type()
+{
+    return type;
+}
+int socket_can::Protocol()
+{
+    return protocol;
 }
 
 extern "C" void can_error(int code)

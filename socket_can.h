@@ -17,7 +17,6 @@
 #include <sys/time.h>
 
 #ifdef __cplusplus
-#include <atomic>
 extern "C"
 {
 #endif
@@ -97,20 +96,48 @@ extern "C"
     /* Prints the text of a code, with a newline, to standard output (unknown codes print nothing). */
     void can_error(int code);
 
+    /*
+ * Interface loss. A raw socket bound to an interface that is deleted (a USB
+ * adapter unplugged, a vcan removed) stays open but receives nothing again,
+ * even when an interface of the same name comes back with a new index.
+ * can_interface_lost tells whether a read or write failed because the
+ * interface is gone, or can_check_interface found its name no longer
+ * naming the bound index. can_reopen opens a new socket bound by name and
+ * puts it in the old descriptor's place, so that a thread writing at the
+ * same moment never writes into an unrelated descriptor; 0 when the
+ * interface is back, -10000 (errno set) while it is not. An interface that
+ * is merely down is not lost.
+ */
+    bool can_interface_lost(void);
+    /* Marks the interface lost when its name names another index or none. Returns can_interface_lost(). */
+    bool can_check_interface(void);
+    int can_reopen(void);
+    /* True for an interface without a device behind it (vcan, vxcan): a
+     * frame written to it reaches only the programs on this host. */
+    bool can_interface_is_virtual(void);
+    /* Reads every frame already queued on the socket without waiting and
+     * throws it away. Returns how many data frames (not error frames) were
+     * thrown away, or a negative code. */
+    int can_discard_pending(void);
+    /* Writes an error frame of the given CAN_ERR_* classes (linux/can/error.h)
+     * with data bytes zero, the way a controller reports its state. Programs
+     * that did not ask for error frames never see it. */
+    int can_transmit_error(uint32_t error_class);
+
 #ifdef __cplusplus
 } /* extern "C" */
 
-/* The adapter's module state, readable for diagnostics and tests. */
+/* The adapter's module state, for diagnostics and tests: read only. */
 namespace socket_can
 {
 constexpr int kIfNameLength = 16;
-extern std::atomic<int> init;                /* 1 once the socket is bound */
-extern std::atomic<unsigned char> can_state; /* CAN_STATUS_* bits */
-extern char ifname[kIfNameLength + 1];
-extern int family;
-extern int type;
-extern int protocol;
-extern std::atomic<int> descriptor; /* the socket, -1 while closed */
+bool Initialised();          /* once the socket is bound */
+unsigned char Status();      /* CAN_STATUS_* bits */
+int Descriptor();            /* the socket, -1 while closed */
+const char* InterfaceName(); /* empty while uninitialised */
+int Family();
+int Type();
+int Protocol();
 } // namespace socket_can
 #endif
 

@@ -10,6 +10,9 @@
 #   lib/systemd/system/       orvane-bridge@.service
 #   share/man/man1/           the programs' man pages
 #   share/doc/orvane/         README and an example per-interface settings file
+#   lib/python3/dist-packages/ the python-can interface orvane_can with its
+#                             metadata (entry point "orvane"), where Debian's
+#                             python3 finds it
 include(CMakePackageConfigHelpers)
 
 set(ORVANE_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Orvane)
@@ -57,6 +60,29 @@ install(FILES ${CMAKE_CURRENT_LIST_DIR}/bridge-example.conf ${PROJECT_SOURCE_DIR
 install(FILES ${PROJECT_SOURCE_DIR}/doc/man/orvane-bridge.1 ${PROJECT_SOURCE_DIR}/doc/man/orvane-gateway-sim.1
               ${PROJECT_SOURCE_DIR}/doc/man/orvane-hex.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
+# The python-can interface. python-can finds interfaces through the
+# can.interface entry points of installed distributions, so the package goes
+# in with a dist-info folder of its own; the build tree gets the same folder
+# in <build>/python, for running it from the source tree (tests, benchmarks).
+set(ORVANE_PYTHON_DIR lib/python3/dist-packages)
+set(ORVANE_DIST_INFO ${PROJECT_BINARY_DIR}/python/orvane_can-${PROJECT_VERSION}.dist-info)
+file(CONFIGURE OUTPUT ${ORVANE_DIST_INFO}/METADATA CONTENT "Metadata-Version: 2.1
+Name: orvane-can
+Version: ${PROJECT_VERSION}
+Summary: python-can interface for the CAN ports of Orvane CAN gateways (through liborvanecan.so)
+Requires-Dist: python-can (>=4.0)
+")
+file(CONFIGURE OUTPUT ${ORVANE_DIST_INFO}/entry_points.txt CONTENT "[can.interface]
+orvane = orvane_can:OrvaneBus
+")
+file(CONFIGURE OUTPUT ${ORVANE_DIST_INFO}/top_level.txt CONTENT "orvane_can
+")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/orvane_can DESTINATION ${ORVANE_PYTHON_DIR}
+        FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+install(DIRECTORY ${ORVANE_DIST_INFO} DESTINATION ${ORVANE_PYTHON_DIR})
+# Tells the package where its library was installed.
+orvane_install_configured(${PROJECT_SOURCE_DIR}/python/orvane_can/_installed.py.in ${ORVANE_PYTHON_DIR}/orvane_can)
+
 # Debian package: cpack -G DEB in the build folder.
 set(CPACK_PACKAGE_NAME orvane)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
@@ -67,6 +93,7 @@ set(CPACK_PACKAGE_DESCRIPTION
     "orvane-bridge makes one CAN port of a networked Orvane CAN gateway appear as a local SocketCAN interface. The package also holds the Orvane client library (static C++ libraries, the C application interface liborvanecan.so and their headers), the gateway simulator orvane-gateway-sim, the firmware image tool orvane-hex, a systemd template unit and man pages.")
 set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON) # Depends from the programs' shared libraries (dpkg-shlibdeps)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-can") # for the python-can interface
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 include(CPack)

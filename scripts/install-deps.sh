@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(cmake make g++ clang-format git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
           qemu-system-x86 busybox-static can-utils cpio gzip python3
-          pkg-config dpkg-dev systemd man-db groff-base python3-can)
+          pkg-config dpkg-dev systemd man-db groff-base python3-can python3-pytest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

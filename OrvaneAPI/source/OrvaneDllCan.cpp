@@ -6,17 +6,38 @@
 #include "DeviceManager.h"
 #include "OrvaneClientCANDll.h"
 #include "OrvaneErrors.h"
+#include "OrvaneProtocol.h"
 
 #include <cstring>
 #include <memory>
 #include <string>
+
+// The header's plain C values are the library's own.
+static_assert(CAN_OK == ORVANE_OK && CAN_ERROR_TCP_SOCKET == ORVANE_ERR_TCP_SOCKET &&
+                  CAN_ERROR_TCP_NOT_CONNECTED == ORVANE_ERR_TCP_NOT_CONNECTED &&
+                  CAN_ERROR_TCP_TIMEOUT == ORVANE_ERR_TCP_TIMEOUT &&
+                  CAN_ERROR_TCP_INITIALIZING == ORVANE_ERR_TCP_INITIALIZING &&
+                  CAN_ERROR_TCP_NOT_INITIALIZED == ORVANE_ERR_TCP_NOT_INITIALIZED &&
+                  CAN_ERROR_INVALID_HANDLE == ORVANE_ERR_INVALID_HANDLE &&
+                  CAN_ERROR_INVALID_DEVICE_TYPE == ORVANE_ERR_INVALID_DEVICE_TYPE &&
+                  CAN_ERROR_INVALID_PARAMETER == ORVANE_ERR_INVALID_PARAMETER &&
+                  CAN_ERROR_FAILED == ORVANE_ERR_COMMAND_FAILED,
+              "return codes");
+static_assert(CAN_STATE_DISCONNECTED == CKelIPBase::eDisconnected && CAN_STATE_CONNECTING == CKelIPBase::eConnecting &&
+                  CAN_STATE_CONNECTED == CKelIPBase::eConnected &&
+                  CAN_STATE_DISCONNECTING == CKelIPBase::eDisconnecting &&
+                  CAN_STATE_WAITING == CKelIPBase::eWaitingForPeer,
+              "connection states");
+static_assert(CAN_FLAG_EXTENDED == OrvaneCan::FRAME_FLAG_EXTENDED && CAN_FLAG_REMOTE == OrvaneCan::FRAME_FLAG_REMOTE &&
+                  CAN_FLAG_TIMESTAMP == OrvaneCan::FRAME_FLAG_TIMESTAMP,
+              "frame flags");
 
 namespace
 {
 
 // Returned when a function failed with an exception (out of memory, thread
 // resources): the request did not complete.
-constexpr int RC_EXCEPTION = ORVANE_ERR_COMMAND_FAILED;
+constexpr int RC_EXCEPTION = CAN_ERROR_FAILED;
 constexpr int FILTER_WORDS = 16;
 constexpr int MAX_CAN_PORT = 99;
 
@@ -44,12 +65,12 @@ int WithClient(int nHandle, F fnCall) noexcept
     return Guarded([&] {
         const CDeviceManager::CDeviceRef poDevice = CDeviceManager::GetDevice(nHandle);
         if (!poDevice)
-            return ORVANE_ERR_INVALID_HANDLE;
+            return CAN_ERROR_INVALID_HANDLE;
         if (poDevice->GetClient() == nullptr)
-            return ORVANE_OK;
+            return CAN_OK;
         COrvaneClientCANDll* poClient = dynamic_cast<COrvaneClientCANDll*>(poDevice->GetClient());
         if (poClient == nullptr)
-            return ORVANE_ERR_INVALID_DEVICE_TYPE;
+            return CAN_ERROR_INVALID_DEVICE_TYPE;
         return static_cast<int>(fnCall(*poClient));
     });
 }
@@ -78,7 +99,7 @@ private:
 template <typename... TOuts>
 int StoreOnSuccess(int nRet, const TOuts&... aoOuts)
 {
-    if (nRet == ORVANE_OK)
+    if (nRet == CAN_OK)
         (aoOuts.Store(), ...);
     return nRet;
 }
@@ -94,7 +115,7 @@ void Put(T* pOut, V nValue)
 int Available(int* pnAvailable, int nResult)
 {
     Put(pnAvailable, nResult);
-    return ORVANE_OK;
+    return CAN_OK;
 }
 
 } // namespace
@@ -111,19 +132,19 @@ int CANOpenDeviceEx(int* pnHandle, int bSendDataConfirm, int bSendDataInd, int n
     return Guarded([&] {
         // A port outside 0..99 would otherwise be cut to a byte and name another port.
         if (nCANPort < 0 || nCANPort > MAX_CAN_PORT)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         int nRet = CDeviceManager::OpenDevice(pnHandle, pcIPAddress, nTimeout, eOrvaneCAN,
                                               static_cast<unsigned char>(nCANPort), nProtocol, true);
-        if (nRet != ORVANE_OK)
+        if (nRet != CAN_OK)
             return nRet;
         nRet = WithClient(*pnHandle, [&](COrvaneClientCANDll& oClient) {
             return oClient.Open(bSendDataConfirm != 0, bSendDataInd != 0);
         });
-        if (nRet != ORVANE_OK)
+        if (nRet != CAN_OK)
         {
             WithClient(*pnHandle, [](COrvaneClientCANDll& oClient) { return oClient.Close(); });
             CDeviceManager::CloseDevice(*pnHandle);
-            *pnHandle = -1;
+            *pnHandle = CAN_NO_HANDLE;
         }
         return nRet;
     });
@@ -134,7 +155,7 @@ int CANCloseDevice(int nHandle)
     return Guarded([&] {
         const CDeviceManager::CDeviceRef poDevice = CDeviceManager::GetDevice(nHandle);
         if (!poDevice)
-            return ORVANE_ERR_INVALID_HANDLE;
+            return CAN_ERROR_INVALID_HANDLE;
         // Inside a callback the disconnect would wait for the receive thread
         // that is running the callback; the client's destructor disconnects
         // instead, on a helper thread once the callback has returned.
@@ -147,10 +168,10 @@ int CANCloseDevice(int nHandle)
 int CANRestart(const char* pcIPAddress, int nTimeout)
 {
     return Guarded([&] {
-        int nHandle = -1;
+        int nHandle = CAN_NO_HANDLE;
         const int nRet =
             CDeviceManager::OpenDevice(&nHandle, pcIPAddress, nTimeout, eOrvaneCAN, 0, CKelIPBase::eTCP, false);
-        if (nRet != ORVANE_OK)
+        if (nRet != CAN_OK)
             return nRet;
         return WithClient(nHandle, [](COrvaneClientCANDll& oClient) { return oClient.Restart(); });
     });
@@ -203,7 +224,7 @@ int CANSetFilter(int nHandle, const int* pnFilter)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         if (pnFilter == nullptr)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         SConfigFilter oFilter;
         for (int i = 0; i < FILTER_WORDS; ++i)
             oFilter.m_anWords[i] = static_cast<unsigned int>(pnFilter[i]);
@@ -216,7 +237,7 @@ int CANGetFilter(int nHandle, int* pnFilter)
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         SConfigFilter oFilter = {};
         const int nRet = oClient.GetFilter(oFilter);
-        if (nRet == ORVANE_OK && pnFilter != nullptr)
+        if (nRet == CAN_OK && pnFilter != nullptr)
             for (int i = 0; i < FILTER_WORDS; ++i)
                 pnFilter[i] = static_cast<int>(oFilter.m_anWords[i]);
         return nRet;
@@ -240,7 +261,7 @@ int CANGetTime(int nHandle, int* pbValid, int* pnSeconds, int* pnMicroseconds)
         bool bValid = false;
         timeval oTime = {0, 0};
         const int nRet = oClient.GetTime(bValid, oTime);
-        if (nRet == ORVANE_OK)
+        if (nRet == CAN_OK)
         {
             Put(pbValid, bValid ? 1 : 0);
             Put(pnSeconds, oTime.tv_sec);
@@ -266,7 +287,7 @@ int CANGetPowerStatus(int nHandle, unsigned char nMaxValues, unsigned char* pnVa
         const int nRet = oClient.GetPowerStatus(
             nMaxValues, *oValues, nMaxFlagsA, *oFlagsA, nMaxFlagsB, *oFlagsB, *oValue1, *oValue2, *oValue3, *oFlag,
             pValues, pFlagsA != nullptr ? abFlagsA.get() : nullptr, pFlagsB != nullptr ? abFlagsB.get() : nullptr);
-        if (nRet == ORVANE_OK)
+        if (nRet == CAN_OK)
         {
             for (unsigned int i = 0; pFlagsA != nullptr && i < nMaxFlagsA; ++i)
                 pFlagsA[i] = abFlagsA[i] ? 1 : 0;
@@ -299,7 +320,7 @@ int CANWriteEx(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLe
         // A length that does not fit the telegram's byte would be cut to
         // another length; a null buffer has no bytes to send.
         if (nBufferLen < 0 || nBufferLen > 0xFF || (pcBuffer == nullptr && nBufferLen > 0))
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         return oClient.Write(nIdentifier, pcBuffer, static_cast<unsigned char>(nBufferLen),
                              static_cast<unsigned char>(nFlags), pnSeconds, pnMicroseconds);
     });
@@ -328,7 +349,7 @@ int CANSetCallback(int nHandle, CANCallback pCallback)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         oClient.SetCallback(pCallback);
-        return ORVANE_OK;
+        return CAN_OK;
     });
 }
 
@@ -336,7 +357,7 @@ int CANSetCallbackEx(int nHandle, CANCallbackEx pCallback)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         oClient.SetCallbackEx(pCallback);
-        return ORVANE_OK;
+        return CAN_OK;
     });
 }
 
@@ -344,7 +365,7 @@ int CANSetMaxSizePerQueue(int nHandle, unsigned int nMaxSize)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         oClient.SetMaxSizePerQueue(nMaxSize);
-        return ORVANE_OK;
+        return CAN_OK;
     });
 }
 
@@ -387,7 +408,7 @@ int CANWriteAnalog(int nHandle, unsigned int* pnValues, unsigned short nCount)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         if (pnValues == nullptr && nCount > 0)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         return oClient.WriteAnalog(pnValues, nCount);
     });
 }
@@ -397,7 +418,7 @@ int CANopenSetCallback(int nHandle, CANopenPDOCallback pPDO, CANopenSYNCCallback
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         oClient.CANopenSetCallback(pPDO, pSYNC, pEMCY, pGUARD, pUndefined);
-        return ORVANE_OK;
+        return CAN_OK;
     });
 }
 
@@ -479,7 +500,7 @@ int CANopenSendPDO(int nHandle, unsigned char nNodeID, unsigned char nPDOType, u
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         if (pcData == nullptr && nLen > 0)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         return oClient.CANopenSendPDO(nNodeID, nPDOType, nLen, pcData);
     });
 }
@@ -514,7 +535,7 @@ int CANopenSendSDOReadBlock(int nHandle, unsigned char nNodeID, unsigned short n
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         if (pData == nullptr && nBufferLen > 0)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         COut<unsigned char> oResult(pnResult);
         COut<unsigned short> oLen(pnLen);
         return StoreOnSuccess(
@@ -529,7 +550,7 @@ int CANopenSendSDOWriteBlock(int nHandle, unsigned char nNodeID, unsigned short 
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         if (pData == nullptr && nLen > 0)
-            return ORVANE_ERR_INVALID_PARAMETER;
+            return CAN_ERROR_INVALID_PARAMETER;
         COut<unsigned char> oResult(pnResult);
         COut<unsigned int> oAbort(pnAbort);
         return StoreOnSuccess(

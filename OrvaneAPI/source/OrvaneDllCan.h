@@ -2,10 +2,11 @@
  * functions over integer device handles, usable from C, C++ and any
  * language that can call a C function in a shared library.
  *
- * Every function returns a return code (0 = success; the texts come from
- * CANErrorMessage), except CANDeviceConnectState, which returns the state of
- * the device's connection (3 = connected). A handle that is not open gives
- * 0x900000. No function lets an exception escape.
+ * Every function returns a return code (CAN_OK = 0 = success; the texts come
+ * from CANErrorMessage), except CANDeviceConnectState, which returns the
+ * state of the device's connection (CAN_STATE_CONNECTED = 3 = connected). A
+ * handle that is not open gives CAN_ERROR_INVALID_HANDLE (0x900000). No
+ * function lets an exception escape.
  *
  * Callbacks are called on the device's receive thread and must return soon.
  * A callback may call any function, CANCloseDevice of its own handle
@@ -13,17 +14,47 @@
  * destroyed on a helper thread after the callback has returned.
  *
  * A handle closed while other threads still call functions on it stays
- * valid for those calls; later calls get 0x900000. */
+ * valid for those calls; later calls get CAN_ERROR_INVALID_HANDLE. */
 #ifndef ORVANE_DLL_CAN_H
 #define ORVANE_DLL_CAN_H
+
+/* Return codes made by the interface and the transport under it. Other
+ * codes are the device's own, its code ORed with the device type (2 for CAN)
+ * shifted left by 8. */
+#define CAN_OK 0
+#define CAN_ERROR_TCP_SOCKET 0x20000          /* socket could not be created or used */
+#define CAN_ERROR_TCP_NOT_CONNECTED 0x30000   /* the gateway link is down */
+#define CAN_ERROR_TCP_TIMEOUT 0x40000         /* no answer in time */
+#define CAN_ERROR_TCP_INITIALIZING 0x50000    /* connection still being set up */
+#define CAN_ERROR_TCP_NOT_INITIALIZED 0x60000 /* connection never set up */
+#define CAN_ERROR_INVALID_HANDLE 0x900000     /* handle not open (or closed) */
+#define CAN_ERROR_INVALID_DEVICE_TYPE 0x910000
+#define CAN_ERROR_INVALID_PARAMETER 0x920000 /* e.g. CAN port above 99, length above 255 */
+#define CAN_ERROR_FAILED 0xFF                /* the call could not complete (out of memory, threads) */
+
+/* A handle variable that holds no open device. */
+#define CAN_NO_HANDLE (-1)
+
+/* Values of CANDeviceConnectState (besides the return codes above). */
+#define CAN_STATE_DISCONNECTED 1
+#define CAN_STATE_CONNECTING 2
+#define CAN_STATE_CONNECTED 3
+#define CAN_STATE_DISCONNECTING 4
+#define CAN_STATE_WAITING 5
+
+/* Bits of the flags of CANWrite, CANWriteEx, CANGetMessage and the CAN
+ * callbacks. */
+#define CAN_FLAG_EXTENDED 0x01  /* 29-bit identifier */
+#define CAN_FLAG_REMOTE 0x02    /* remote frame */
+#define CAN_FLAG_TIMESTAMP 0x04 /* the frame carries the gateway's time stamp */
 
 #ifdef __cplusplus
 extern "C"
 {
 #endif
 
-    /* A CAN frame from the gateway: identifier, data, length, flags (bit 0
- * 29-bit identifier, bit 1 remote frame, bit 2 time stamp), device handle. */
+    /* A CAN frame from the gateway: identifier, data, length, flags
+ * (CAN_FLAG_...), device handle. */
     typedef void (*CANCallback)(unsigned int nIdentifier, const char* pcData, int nLength, int nFlags, int nHandle);
     /* The same with the gateway's time stamp of the frame. */
     typedef void (*CANCallbackEx)(unsigned int nIdentifier, const char* pcData, int nLength, int nFlags, int nHandle,

@@ -390,7 +390,7 @@ protected:
 TEST_F(DllCanTest, OpenConfigureAndReadBack)
 {
     const int nHandle = Open();
-    EXPECT_EQ(CANDeviceConnectState(nHandle), 3);
+    EXPECT_EQ(CANDeviceConnectState(nHandle), CAN_STATE_CONNECTED);
     EXPECT_EQ(CANSetGlobals(nHandle, 250000, 'N', 1, 0, 1), 0);
     unsigned int nBaudrate = 0;
     unsigned char nMode = 0;

@@ -19,12 +19,9 @@ namespace
 {
 
 constexpr int TIMEOUT_MS = 5000;
-constexpr int INVALID_HANDLE = 0x900000;
-constexpr int INVALID_DEVICE_TYPE = 0x910000;
-constexpr int INVALID_PARAMETER = 0x920000;
 // Transport failures: the connection's results 2 to 6, shifted left by 16.
-constexpr int TRANSPORT_FIRST = 0x20000;
-constexpr int TRANSPORT_LAST = 0x60000;
+constexpr int TRANSPORT_FIRST = CAN_ERROR_TCP_SOCKET;
+constexpr int TRANSPORT_LAST = CAN_ERROR_TCP_NOT_INITIALIZED;
 
 int Open(int nCanPort, int* pnHandle, int nTimeout = TIMEOUT_MS)
 {
@@ -44,13 +41,14 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
     EXPECT_EQ(nHandle, 1) << "the first handle is 1, consumed by the failed open";
     nHandle = 0;
     for (int nBadPort : {100, -1, 256})
-        EXPECT_EQ(Open(nBadPort, &nHandle), INVALID_PARAMETER) << nBadPort;
-    EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, eOrvaneCAN, 100, 1, true), INVALID_PARAMETER);
+        EXPECT_EQ(Open(nBadPort, &nHandle), CAN_ERROR_INVALID_PARAMETER) << nBadPort;
+    EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, eOrvaneCAN, 100, 1, true), CAN_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(nHandle, 0) << "no handle for a bad port";
     const unsigned char anRefusedTypes[] = {0, 4, 8, 10, 15};
     for (unsigned char nType : anRefusedTypes)
     {
-        EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, nType, 0, 1, true), INVALID_DEVICE_TYPE) << +nType;
+        EXPECT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, 1000, nType, 0, 1, true), CAN_ERROR_INVALID_DEVICE_TYPE)
+            << +nType;
         EXPECT_FALSE(CDeviceManager::GetDevice(nHandle));
     }
     EXPECT_EQ(nHandle, 6) << "each refused type consumed one";
@@ -63,8 +61,8 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
     EXPECT_EQ(poDevice->GetHost(), HOST);
     EXPECT_EQ(poDevice->GetDeviceType(), eOrvaneCAN);
     EXPECT_EQ(CANCloseDevice(7), 0);
-    EXPECT_EQ(CANWrite(7, 1, "a", 1, 0), INVALID_HANDLE);
-    EXPECT_EQ(CANCloseDevice(7), INVALID_HANDLE);
+    EXPECT_EQ(CANWrite(7, 1, "a", 1, 0), CAN_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(CANCloseDevice(7), CAN_ERROR_INVALID_HANDLE);
 
     ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
     EXPECT_EQ(nHandle, 8) << "closed handles are not reused";
@@ -72,8 +70,8 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
     ASSERT_EQ(Open(oSim.CanPort(), &nSecond), 0);
     EXPECT_EQ(nSecond, 9);
     CDeviceManager::CloseAllDevices();
-    EXPECT_EQ(CANDeviceConnectState(8), INVALID_HANDLE);
-    EXPECT_EQ(CANDeviceConnectState(9), INVALID_HANDLE);
+    EXPECT_EQ(CANDeviceConnectState(8), CAN_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(CANDeviceConnectState(9), CAN_ERROR_INVALID_HANDLE);
     EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 0; }));
     ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
     EXPECT_EQ(nHandle, 10);
@@ -88,9 +86,9 @@ TEST(DeviceManager, FailedConfigurationLeavesNoHandle)
     ASSERT_TRUE(oSim.Started()) << oSim.Error();
     int nHandle = 0;
     EXPECT_EQ(Open(oSim.CanPort(), &nHandle), 0x224);
-    EXPECT_EQ(nHandle, -1);
+    EXPECT_EQ(nHandle, CAN_NO_HANDLE);
     int nNext = 0;
-    EXPECT_EQ(CDeviceManager::OpenDevice(&nNext, HOST, 1000, 4, 0, 1, true), INVALID_DEVICE_TYPE);
+    EXPECT_EQ(CDeviceManager::OpenDevice(&nNext, HOST, 1000, 4, 0, 1, true), CAN_ERROR_INVALID_DEVICE_TYPE);
     EXPECT_FALSE(CDeviceManager::GetDevice(nNext - 1)) << "the failed open's handle is gone";
     EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 0; })) << "and its connection closed";
 }
@@ -109,7 +107,7 @@ TEST(DeviceManager, CloseWhileAnotherThreadWrites)
         for (;;)
         {
             const int nRet = CANWrite(nHandle, 0x10, "abcdefgh", 8, 0);
-            if (nRet == INVALID_HANDLE)
+            if (nRet == CAN_ERROR_INVALID_HANDLE)
                 return;
             if (nRet != 0 && (nRet & 0xFFFF) != 0)
                 ++nUnexpected;
@@ -182,8 +180,8 @@ TEST(DeviceManager, CallbackClosesItsOwnHandle)
     ASSERT_EQ(CANWrite(nWriter, 0x55, "x", 1, 0), 0);
     ASSERT_TRUE(WaitUntil([] { return g_nWriteAfter.load() != -1; }));
     EXPECT_EQ(g_nSelfClose.load(), 0);
-    EXPECT_EQ(g_nWriteAfter.load(), INVALID_HANDLE);
-    EXPECT_EQ(CANDeviceConnectState(nReader), INVALID_HANDLE);
+    EXPECT_EQ(g_nWriteAfter.load(), CAN_ERROR_INVALID_HANDLE);
+    EXPECT_EQ(CANDeviceConnectState(nReader), CAN_ERROR_INVALID_HANDLE);
     CDeviceManager::WaitForReleasedDevices();
     EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 1; }));
     EXPECT_EQ(CANCloseDevice(nWriter), 0);

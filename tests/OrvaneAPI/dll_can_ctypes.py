@@ -12,6 +12,10 @@ import sys
 import threading
 import time
 
+# The header's named values, as the python-can interface package carries them.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "python"))
+from orvane_can.library import CAN_ERROR_INVALID_HANDLE  # noqa: E402
+
 HOST = b"127.0.0.1"
 TIMEOUT_S = 5.0
 
@@ -55,7 +59,7 @@ def main():
     lib.CANErrorMessage.argtypes = [ctypes.c_int, ctypes.c_char_p, ctypes.c_int]
 
     text = ctypes.create_string_buffer(64)
-    assert lib.CANErrorMessage(0x900000, text, 64) == 25, text.value
+    assert lib.CANErrorMessage(CAN_ERROR_INVALID_HANDLE, text, 64) == 25, text.value
     assert text.value == b"Device handle is invalid", text.value
 
     sim, can_port = start_simulator(sys.argv[2])
@@ -95,7 +99,7 @@ def main():
 
         for handle in (writer, reader, listener):
             assert lib.CANCloseDevice(handle) == 0
-        assert lib.CANWrite(writer, 0x123, b"", 0, 0) == 0x900000
+        assert lib.CANWrite(writer, 0x123, b"", 0, 0) == CAN_ERROR_INVALID_HANDLE
     finally:
         sim.terminate()
         sim.wait(timeout=TIMEOUT_S)

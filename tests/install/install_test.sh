@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a temporary prefix and uses it as a user would:
-# a C program built through find_package(Orvane) and through pkg-config runs
-# against the installed simulator on 127.0.0.1; the systemd unit passes
+# a C program built through find_package(Orvane) and through pkg-config, and
+# python-can through the installed interface, run against the installed
+# simulator on 127.0.0.1; the systemd unit passes
 # systemd-analyze verify; the man pages render without warnings.
 #   install_test.sh <build dir> <source dir>
 set -euo pipefail
@@ -57,6 +58,20 @@ export LD_LIBRARY_PATH=$prefix/lib
 "$work/cmake-consumer/consumer" "$port" || fail "find_package consumer"
 "$work/pc-consumer" "$port" || fail "pkg-config consumer"
 ldd "$work/pc-consumer" | grep -q "$prefix/lib/liborvanecan.so.0" || fail "consumer not linked to the installed library"
+
+# The python-can interface from the prefix: python-can finds "orvane" through
+# the installed entry point, and the package loads the library installed
+# beside it.
+PYTHONPATH=$prefix/lib/python3/dist-packages ORVANE_CAN_LIBRARY= /usr/bin/python3 -B - "$port" "$prefix" <<'EOF' \
+  || fail "python-can interface from the prefix"
+import sys
+import can
+port, prefix = int(sys.argv[1]), sys.argv[2]
+with can.Bus(interface="orvane", channel="127.0.0.1", port=port, bitrate=500000) as bus:
+    assert bus._lib._name == prefix + "/lib/liborvanecan.so.0", bus._lib._name
+    assert bus.state == can.BusState.ACTIVE
+    bus.send(can.Message(arbitration_id=0x123, is_extended_id=False, data=b"\x01"))
+EOF
 
 # The unit, with its ExecStart in this prefix.
 # Its Documentation= names the man page, which must be found too.

@@ -143,7 +143,7 @@ TEST_F(StartedAdapterTest, EmptyBusTimesOutAfterOneSecond)
         aboutOneSecond = waited < std::chrono::milliseconds(1500);
     }
     EXPECT_TRUE(aboutOneSecond) << "every empty receive took 1.5 s or more";
-    EXPECT_EQ(CAN_STATUS_RX_EMPTY, socket_can::can_state.load());
+    EXPECT_EQ(CAN_STATUS_RX_EMPTY, socket_can::Status());
 }
 
 TEST_F(StartedAdapterTest, ErrorFrameIsDroppedAndReportedAsEmpty)
@@ -182,7 +182,7 @@ TEST(SocketCanAdapter, StateMachineFromFailedInitThroughStartToExit)
     EXPECT_EQ(0, can_exit());
     EXPECT_EQ(-95, can_transmit(&msg));
     EXPECT_EQ(-95, can_receive(&msg));
-    EXPECT_EQ(-1, socket_can::descriptor.load());
+    EXPECT_EQ(-1, socket_can::Descriptor());
 
     // After exit the adapter can be brought up again.
     EXPECT_EQ(0, can_init(-1, &kVcan0, nullptr, 0, false, false));
