@@ -49,6 +49,11 @@ std::atomic<int> descriptor{-1};
 // The index the socket is bound to, and whether the interface behind it has
 // gone away (set by either thread, cleared by can_reopen on the main thread).
 std::atomic<int> boundIndex{0};
+// The kernel's drop count: SO_RXQ_OVFL reports it per socket, so what
+// replaced sockets had dropped is kept apart from the current one's.
+std::atomic<unsigned long long> droppedBefore{0};
+std::atomic<unsigned int> droppedNow{0};
+constexpr int kReceiveBufferBytes = 8 << 20; // the kernel doubles it
 std::atomic<bool> interfaceLost{false};
 
 // Errors that mean the bound interface no longer exists: a read reports
@@ -96,9 +101,17 @@ int openBound()
     }
 
     // Receive times come with each frame; without them can_receive falls
-    // back to asking the socket.
-    const int stampOn = 1;
-    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMP, &stampOn, sizeof stampOn);
+    // back to asking the socket. The kernel's drop count comes along too.
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMP, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
+
+    // Room for a second of a full bus (about 9,000 frames of some 1 KiB of
+    // kernel memory each) while the main thread is held up; a process that
+    // may not go past the system's limit gets what that limit allows.
+    const int receiveBuffer = kReceiveBufferBytes;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) < 0)
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     boundIndex = request.ifr_ifindex;
     return fd;
 }
@@ -161,6 +174,38 @@ ssize_t readFrame(int fd, struct can_frame* frame, int flags)
         return count; // no time known: the last one stays
     lastReceiveMicros.store(static_cast<long long>(stamp.tv_sec) * 1000000 + stamp.tv_usec, std::memory_order_relaxed);
     return count;
+}
+
+// Header of one message of a batch read: the frame and room for its
+// receive time and the drop count.
+struct BatchSlot
+{
+    struct can_frame frame;
+    struct iovec vector;
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct timeval)) + CMSG_SPACE(sizeof(uint32_t))];
+};
+
+// Takes a batch message's receive time and the socket's drop count.
+void noteControl(struct msghdr& header)
+{
+    for (struct cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr; item = CMSG_NXTHDR(&header, item))
+    {
+        if (item->cmsg_level != SOL_SOCKET)
+            continue;
+        if (item->cmsg_type == SCM_TIMESTAMP)
+        {
+            struct timeval stamp;
+            memcpy(&stamp, CMSG_DATA(item), sizeof stamp);
+            lastReceiveMicros.store(static_cast<long long>(stamp.tv_sec) * 1000000 + stamp.tv_usec,
+                                    std::memory_order_relaxed);
+        }
+        else if (item->cmsg_type == SO_RXQ_OVFL)
+        {
+            uint32_t dropped;
+            memcpy(&dropped, CMSG_DATA(item), sizeof dropped);
+            droppedNow.store(dropped, std::memory_order_relaxed);
+        }
+    }
 }
 
 struct ErrorText
@@ -329,6 +374,139 @@ extern "C" int can_receive(_can_msg_t* msg)
     return CAN_RC_RX_EMPTY;
 }
 
+extern "C" int can_receive_batch(_can_msg_t* msgs, int max, int* count)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (!started())
+        return CAN_RC_NOT_STARTED;
+    if (msgs == nullptr || count == nullptr)
+        return CAN_RC_NULL_POINTER;
+    *count = 0;
+    if (max < 1)
+        return CAN_RC_ILLEGAL_PARAMETER;
+
+    constexpr int kBatch = 64;
+    const unsigned int slots = static_cast<unsigned int>(max < kBatch ? max : kBatch);
+    BatchSlot slot[kBatch];
+    struct mmsghdr headers[kBatch];
+    memset(headers, 0, sizeof headers);
+    for (unsigned int i = 0; i < slots; ++i)
+    {
+        slot[i].vector = {&slot[i].frame, sizeof slot[i].frame};
+        headers[i].msg_hdr.msg_iov = &slot[i].vector;
+        headers[i].msg_hdr.msg_iovlen = 1;
+        headers[i].msg_hdr.msg_control = slot[i].control;
+        headers[i].msg_hdr.msg_controllen = sizeof slot[i].control;
+    }
+
+    // What is queued is read at once; only an empty socket is waited on, for
+    // at most one second, and then whatever has come by the wake-up is read.
+    const int fd = descriptor;
+    int read = recvmmsg(fd, headers, slots, MSG_DONTWAIT, nullptr);
+    if (read < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    {
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(fd, &readable);
+        struct timeval limit = {1, 0};
+        if (select(fd + 1, &readable, nullptr, nullptr, &limit) <= 0 || !FD_ISSET(fd, &readable))
+        {
+            setBits(CAN_STATUS_RX_EMPTY);
+            return CAN_RC_RX_EMPTY;
+        }
+        read = recvmmsg(fd, headers, slots, MSG_DONTWAIT, nullptr);
+    }
+    if (read <= 0)
+    {
+        if (read < 0)
+            noteFailure(errno);
+        setBits(CAN_STATUS_RX_READ_FAILED);
+        return CAN_RC_MESSAGE_LOST;
+    }
+    int frames = 0;
+    for (int i = 0; i < read; ++i)
+    {
+        if (headers[i].msg_len != sizeof(struct can_frame))
+            continue;
+        noteControl(headers[i].msg_hdr);
+        const struct can_frame& frame = slot[i].frame;
+        if (frame.can_id & CAN_ERR_FLAG)
+            continue; // an error frame is never handed on
+        _can_msg_t& msg = msgs[frames++];
+        msg.id = frame.can_id & CAN_EFF_MASK;
+        msg.rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
+        msg.ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
+        msg.len = frame.can_dlc;
+        memcpy(msg.data, frame.data, sizeof msg.data);
+        stampFromLastReceive(&msg);
+    }
+    *count = frames;
+    if (frames == 0)
+    {
+        setBits(CAN_STATUS_RX_EMPTY);
+        return CAN_RC_RX_EMPTY;
+    }
+    clearBits(CAN_STATUS_RX_READ_FAILED | CAN_STATUS_RX_EMPTY);
+    return 0;
+}
+
+extern "C" int can_transmit_batch(const _can_msg_t* msgs, int count, int* sent)
+{
+    if (!init)
+        return CAN_RC_NOT_INIT;
+    if (!started())
+        return CAN_RC_NOT_STARTED;
+    if ((msgs == nullptr && count > 0) || sent == nullptr)
+        return CAN_RC_NULL_POINTER;
+    *sent = 0;
+    constexpr int kBatch = 64;
+    struct can_frame frames[kBatch];
+    struct iovec vectors[kBatch];
+    struct mmsghdr headers[kBatch];
+    while (*sent < count)
+    {
+        // Up to the next frame that cannot be written, at most kBatch at a time.
+        int ready = 0;
+        for (; ready < kBatch && *sent + ready < count; ++ready)
+        {
+            const _can_msg_t& msg = msgs[*sent + ready];
+            if (msg.len > CAN_MAX_DLEN)
+                break;
+            struct can_frame& frame = frames[ready];
+            memset(&frame, 0, sizeof frame);
+            frame.can_id = msg.id; // unmasked; only the flag bits are added
+            if (msg.ext)
+                frame.can_id |= CAN_EFF_FLAG;
+            if (msg.rtr)
+                frame.can_id |= CAN_RTR_FLAG;
+            frame.can_dlc = msg.len;
+            memcpy(frame.data, msg.data, msg.len);
+            vectors[ready] = {&frame, sizeof frame};
+            memset(&headers[ready], 0, sizeof headers[ready]);
+            headers[ready].msg_hdr.msg_iov = &vectors[ready];
+            headers[ready].msg_hdr.msg_iovlen = 1;
+        }
+        if (ready == 0)
+            return CAN_RC_ILLEGAL_PARAMETER;
+        const int written = sendmmsg(descriptor, headers, static_cast<unsigned int>(ready), 0);
+        if (written <= 0)
+        {
+            noteFailure(errno);
+            setBits(CAN_STATUS_TX_FAILED);
+            return CAN_RC_TX_BUSY;
+        }
+        *sent += written;
+        clearBits(CAN_STATUS_TX_FAILED);
+    }
+    return 0;
+}
+
+extern "C" unsigned long long can_kernel_dropped(void)
+{
+    return droppedBefore.load() + droppedNow.load();
+}
+
 extern "C" int can_exit(void)
 {
     if (init)
@@ -343,6 +521,8 @@ extern "C" int can_exit(void)
     protocol = kInitialProtocol;
     boundIndex = 0;
     interfaceLost = false;
+    droppedBefore = 0;
+    droppedNow = 0;
     init = 0;
     return 0;
 }
@@ -380,6 +560,7 @@ extern "C" int can_reopen(void)
         return CAN_RC_SYSTEM;
     }
     close(fd);
+    droppedBefore += droppedNow.exchange(0);
     interfaceLost = false;
     return 0;
 }

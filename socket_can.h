@@ -91,6 +91,23 @@ extern "C"
     int can_transmit(_can_msg_t* msg);
     /* Waits at most one second for a frame; error frames are dropped (-30). */
     int can_receive(_can_msg_t* msg);
+    /*
+ * Batches: every frame already queued is read in one call, and many frames
+ * are written in one, in order (recvmmsg, sendmmsg). can_receive_batch
+ * waits at most one second, and only while nothing is queued; it reads up
+ * to max frames into msgs, each with its own receive time, and sets *count
+ * to the data frames among them (error frames are dropped). 0 with
+ * *count > 0; -30 when nothing came or only error frames; otherwise the
+ * codes of can_receive. can_transmit_batch writes the count frames from
+ * msgs; *sent takes how many were written. 0 when all were; -93 (a length
+ * above 8) or -20 (the socket refused one) for the frame msgs[*sent], which
+ * is not written, nor anything after it.
+ */
+    int can_receive_batch(_can_msg_t* msgs, int max, int* count);
+    int can_transmit_batch(const _can_msg_t* msgs, int count, int* sent);
+    /* Frames the kernel dropped since can_init because the socket's receive
+     * queue was full (SO_RXQ_OVFL), as the frames read so far report it. */
+    unsigned long long can_kernel_dropped(void);
     /* Closes the socket and restores the initial state. Always 0. */
     int can_exit(void);
     /* Prints the text of a code, with a newline, to standard output (unknown codes print nothing). */
