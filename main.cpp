@@ -35,6 +35,8 @@ constexpr int CAN_CHANNEL = -1;       // the adapter's only channel
 constexpr int OPEN_TIMEOUT_MS = 5000; // TCP connect and connection message
 constexpr unsigned int ALIVE_SECONDS = 5;
 constexpr int ERROR_TEXT_SIZE = 200;
+// Frames moved in one system call at the most, each way.
+constexpr int CAN_BATCH = 64;
 
 using CClock = std::chrono::steady_clock;
 // Connection attempts and re-opens of a lost interface are made at most this
@@ -119,37 +121,64 @@ static void sigusr1(int)
     printCounters = 1;
 }
 
-// Called on the gateway library's receive thread for every frame the gateway
-// indicates. Only this thread writes to the socket; the main thread only reads.
+// Frames from the gateway on their way to the socket: MyCallback collects
+// the frames of one TCP read, and MyReadEnd, called once that read's frames
+// are all handed over, writes them with as few system calls as the kernel
+// allows. Both run on the gateway library's receive thread, the only thread
+// that writes to the socket; the main thread only reads.
+static _can_msg_t g_aoToSocket[CAN_BATCH];
+static int g_nToSocket = 0;
+
+static void WriteCollectedFrames()
+{
+    // A failing interface (down, or a full transmit queue) fails every write
+    // for a while: one message until a write succeeds again, none while the
+    // interface is gone (the main loop says so once).
+    static bool s_bWriteErrorReported = false;
+    for (int nDone = 0; nDone < g_nToSocket;)
+    {
+        int nSent = 0;
+        const int nResult = can_transmit_batch(g_aoToSocket + nDone, g_nToSocket - nDone, &nSent);
+        g_oCounters.m_nFromGateway += static_cast<unsigned long long>(nSent);
+        nDone += nSent;
+        if (nSent > 0)
+            s_bWriteErrorReported = false;
+        if (nResult == 0)
+            break;
+        // The frame that failed is left out and the rest tried.
+        if (!can_interface_lost() && !s_bWriteErrorReported)
+        {
+            s_bWriteErrorReported = true;
+            std::printf("Error CAN transmit socket:");
+            can_error(nResult);
+        }
+        ++nDone;
+    }
+    g_nToSocket = 0;
+}
+
 static void MyCallback(unsigned int nIdentifier, const char* pcBuffer, int nBufferLen, int nFlags, int /*nHandle*/,
                        int nSeconds, int nMicroseconds)
 {
-    _can_msg_t oMsg = {};
+    _can_msg_t& oMsg = g_aoToSocket[g_nToSocket++];
+    oMsg = _can_msg_t{};
     oMsg.id = nIdentifier;
     oMsg.rtr = (nFlags & CAN_FLAG_REMOTE) != 0 ? 1 : 0;
     oMsg.ext = (nFlags & CAN_FLAG_EXTENDED) != 0 ? 1 : 0;
-    // A length above 8 stays in the record, so that can_transmit refuses the
+    // A length above 8 stays in the record, so that the write refuses the
     // frame; the copy itself never leaves the data field.
     oMsg.len = static_cast<uint8_t>(nBufferLen);
     if (pcBuffer != nullptr && nBufferLen > 0)
         std::memcpy(oMsg.data, pcBuffer, std::min<size_t>(static_cast<size_t>(nBufferLen), sizeof(oMsg.data)));
     oMsg.timestamp.tv_sec = nSeconds;
     oMsg.timestamp.tv_usec = nMicroseconds;
-    // A failing interface (down, or a full transmit queue) fails every write
-    // for a while: one message until a write succeeds again, none while the
-    // interface is gone (the main loop says so once).
-    static std::atomic<bool> s_bWriteErrorReported{false};
-    const int nResult = can_transmit(&oMsg);
-    if (nResult == 0)
-    {
-        ++g_oCounters.m_nFromGateway;
-        s_bWriteErrorReported = false;
-    }
-    else if (!can_interface_lost() && !s_bWriteErrorReported.exchange(true))
-    {
-        std::printf("Error CAN transmit socket:");
-        can_error(nResult);
-    }
+    if (g_nToSocket == CAN_BATCH)
+        WriteCollectedFrames();
+}
+
+static void MyReadEnd(int /*nHandle*/)
+{
+    WriteCollectedFrames();
 }
 
 namespace
@@ -289,6 +318,9 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConne
     if (nResult == 0)
         nResult = CANSetGlobals(nHandle, static_cast<unsigned int>(oSettings.m_nBaudrate), 0, oSettings.m_bTermination,
                                 oSettings.m_bHighSpeed, oSettings.m_bTimeStamp);
+    // The read end first: no frame may wait for a read end that is not called.
+    if (nResult == 0)
+        nResult = CANSetReadEndCallback(nHandle, MyReadEnd);
     if (nResult == 0)
         nResult = CANSetCallbackEx(nHandle, MyCallback);
     if (nResult == 0)
@@ -309,31 +341,39 @@ void ConnectGateway(int& nHandle, const SBridgeSettings& oSettings, bool& bConne
     nHandle = CAN_NO_HANDLE;
 }
 
-// Forwards one frame from the socket, if one comes within a second, to the
-// gateway. Without an open device the write fails on the handle and the frame
-// is dropped without a message.
-void ForwardOneFrame(int nHandle)
+// Forwards the frames queued on the socket, or the first that comes within a
+// second, to the gateway: all of them, in order, in one write. Without an
+// open device the write fails on the handle and the frames are dropped
+// without a message.
+void ForwardFrames(int nHandle)
 {
     // An interface that goes down or away reports it on a read or two (down,
     // then gone; a socket bound anew to an interface not yet up says down
     // once more): one message until frames come again.
     static bool s_bReadErrorReported = false;
-    _can_msg_t oMsg = {};
-    const int nResult = can_receive(&oMsg);
+    _can_msg_t aoMsgs[CAN_BATCH];
+    int nCount = 0;
+    const int nResult = can_receive_batch(aoMsgs, CAN_BATCH, &nCount);
     if (nResult == 0)
     {
         s_bReadErrorReported = false;
-        const int nFlags = (oMsg.rtr != 0 ? CAN_FLAG_REMOTE : 0) | (oMsg.ext != 0 ? CAN_FLAG_EXTENDED : 0);
-        // A frame that finds no open device or a failing link is counted as
+        SCANFrame aoFrames[CAN_BATCH];
+        for (int i = 0; i < nCount; ++i)
+        {
+            const _can_msg_t& oMsg = aoMsgs[i];
+            aoFrames[i].m_nIdentifier = oMsg.id;
+            aoFrames[i].m_nFlags = static_cast<unsigned char>((oMsg.rtr != 0 ? CAN_FLAG_REMOTE : 0) |
+                                                              (oMsg.ext != 0 ? CAN_FLAG_EXTENDED : 0));
+            aoFrames[i].m_nLength = oMsg.len;
+            std::memcpy(aoFrames[i].m_acData, oMsg.data, sizeof(oMsg.data));
+        }
+        // Frames that find no open device or a failing link are counted as
         // dropped; the link itself is looked after by the connect-state check
-        // of the next pass. The write's time stamp is not used.
-        int nSeconds = 0;
-        int nMicroseconds = 0;
-        if (CANWriteEx(nHandle, static_cast<int>(oMsg.id), reinterpret_cast<const char*>(oMsg.data), oMsg.len, nFlags,
-                       &nSeconds, &nMicroseconds) == 0)
-            ++g_oCounters.m_nToGateway;
-        else
-            ++g_oCounters.m_nDropped;
+        // of the next pass.
+        int nWritten = 0;
+        CANWriteBatch(nHandle, aoFrames, nCount, &nWritten);
+        g_oCounters.m_nToGateway += static_cast<unsigned long long>(nWritten);
+        g_oCounters.m_nDropped += static_cast<unsigned long long>(nCount - nWritten);
     }
     else if (nResult != CAN_RC_RX_EMPTY && !can_interface_lost() && !s_bReadErrorReported)
     {
@@ -349,9 +389,10 @@ std::string FormatCounters(int nHandle, bool bInterfaceLost)
 {
     const bool bConnected = nHandle != CAN_NO_HANDLE && CANDeviceConnectState(nHandle) == CAN_STATE_CONNECTED;
     char acLine[256];
-    std::snprintf(acLine, sizeof(acLine), "to_gateway=%llu from_gateway=%llu dropped=%llu reconnects=%llu state=%s%s",
+    std::snprintf(acLine, sizeof(acLine),
+                  "to_gateway=%llu from_gateway=%llu dropped=%llu kernel_dropped=%llu reconnects=%llu state=%s%s",
                   g_oCounters.m_nToGateway.load(), g_oCounters.m_nFromGateway.load(), g_oCounters.m_nDropped.load(),
-                  g_oCounters.m_nReconnects.load(), bConnected ? "connected" : "disconnected",
+                  can_kernel_dropped(), g_oCounters.m_nReconnects.load(), bConnected ? "connected" : "disconnected",
                   bInterfaceLost ? " interface=lost" : "");
     return acLine;
 }
@@ -364,6 +405,14 @@ std::string FormatCounters(int nHandle, bool bInterfaceLost)
 // attempt (and two error lines) per frame while a gateway refuses. Attempts
 // are made at most once per RETRY_PERIOD instead; frames that arrive
 // meanwhile are read and counted as dropped at once.
+//
+// A pass also moves several frames, not one, on purpose: every frame already
+// queued on the socket is read in one call and written to the gateway in one
+// TCP send, in order, and the frames of one read from the gateway go to the
+// socket in one call (MyReadEnd). Nothing waits for a batch to fill: a batch
+// is what is there when the pass comes, and an empty socket is waited on for
+// at most one second as before. One system call and one wake-up per frame
+// cost more than a small CPU has to spare at a full bus.
 class CBridgeLoop
 {
 public:
@@ -390,7 +439,7 @@ public:
             if (m_nHandle == CAN_NO_HANDLE && !m_bInterfaceLost)
                 DiscardUntilNextAttempt();
             else
-                ForwardOneFrame(m_nHandle);
+                ForwardFrames(m_nHandle);
         }
         m_oNotifier.Notify("STOPPING=1");
         return m_nHandle;
