@@ -18,5 +18,5 @@ wait_for /tmp/bridge.log "connection to Orvane CAN established"
 export PYTHONHOME=/host/usr PYTHONPATH=/host/usr/lib/python3/dist-packages
 LD_LIBRARY_PATH=/host/usr/lib/x86_64-linux-gnu /host/usr/bin/python3 /opt/vm/files/python_can_check.py
 kill -USR1 $bridge
-wait_for /tmp/bridge.log "counters: to_gateway=6 from_gateway=6 dropped=0 reconnects=0 state=connected"
+wait_for /tmp/bridge.log "counters: to_gateway=6 from_gateway=6 dropped=0 kernel_dropped=0 reconnects=0 state=connected"
 kill $bridge
