@@ -58,7 +58,7 @@ bool CSocketCanLink::Open(const std::string& sInterface, std::string& sError)
     }
     // A second of a full bus and more may wait while the reader is off the
     // CPU; beyond what the process may force, the system's limit applies.
-    const int nBuffer = 1 << 20;
+    const int nBuffer = 8 << 20;
     if (setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUFFORCE, &nBuffer, sizeof(nBuffer)) != 0)
         setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &nBuffer, sizeof(nBuffer));
     const int nOn = 1;
