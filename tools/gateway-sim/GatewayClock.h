@@ -22,6 +22,14 @@ public:
 
     static long long HostMicroseconds();
 
+    // A thread that handles the frames of one read at once reads the host's
+    // clock once for all of them: from Hold until Release its clock stands
+    // still. A clock read may cost a system call (and on some machines a
+    // slow timer read); frames that arrived together share their time.
+    static void Hold();
+    static void Release();
+    static bool IsHeld();
+
 private:
     std::atomic<long long> m_nOffsetUs{0};
     std::atomic<bool> m_bSet{false};

@@ -58,6 +58,9 @@ void CSimSession::OnTelegram(const char* pData, unsigned short nLength)
     }
     ++m_roCounters.nTelegrams;
     ++m_nTelegrams;
+    // The telegrams of one read share one reading of the clock.
+    if (!CGatewayClock::IsHeld())
+        CGatewayClock::Hold();
 
     COrvaneMsg oRequest;
     if (nLength < COrvaneMsg::MIN_TELEGRAM_SIZE || !oRequest.SetMessage(pData, nLength))
@@ -123,6 +126,7 @@ void CSimSession::OnTelegram(const char* pData, unsigned short nLength)
 
 void CSimSession::OnReadEnd()
 {
+    CGatewayClock::Release();
     if (CCanBus::WritesHeld())
         m_roBus.Flush();
 }

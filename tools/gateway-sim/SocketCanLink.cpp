@@ -169,6 +169,7 @@ void CSocketCanLink::ReadLoop()
             poll(&oPoll, 1, 100);
             continue;
         }
+        CGatewayClock::Hold();
         for (int i = 0; i < nRead; ++i)
         {
             const canfd_frame& oIn = aoIn[i];
@@ -186,6 +187,7 @@ void CSocketCanLink::ReadLoop()
             oFrame.sData.assign(reinterpret_cast<const char*>(oIn.data), oIn.len < nMax ? oIn.len : nMax);
             m_roBus.Transmit(oFrame, m_roPort.Now(), this);
         }
+        CGatewayClock::Release();
     }
 }
 
