@@ -1,5 +1,6 @@
 // The command model of one CAN port, driven with request telegrams.
 #include "CanPortModel.h"
+#include "IndicationEncoder.h"
 #include "support/Bytes.h"
 
 #include <gtest/gtest.h>
@@ -161,3 +162,31 @@ TEST_F(CanPortModelTest, CANopenServicesNeedCANopenMode)
 }
 
 } // namespace
+
+// The last node and PDO number of each service, and the identifiers just past
+// them, in CANopen mode (the loopback test sends the first ones).
+TEST(IndicationEncoder, ServiceRangesEndWhereTheirLastNodeDoes)
+{
+    const struct
+    {
+        unsigned int nIdentifier;
+        unsigned short nCode;
+        std::string sPayload;
+    } aoCases[] = {
+        {0x0FF, eIndEMCY, "7F AA 00 00 00 00 00 00 00"},
+        {0x380, eIndUndefined, "80 03 00 00 00 AA"},
+        {0x4FF, eIndPDO, "7F 04 01 AA"},
+        {0x500, eIndUndefined, "00 05 00 00 00 AA"},
+        {0x77F, eIndGUARD, "7F AA"},
+        {0x700, eIndUndefined, "00 07 00 00 00 AA"},
+    };
+    for (const auto& oCase : aoCases)
+    {
+        SCanFrame oFrame;
+        oFrame.nIdentifier = oCase.nIdentifier;
+        oFrame.sData = "\xAA";
+        const COrvaneMsg oMsg = EncodeIndication(oFrame, STimeStamp(), false, true);
+        EXPECT_EQ(oMsg.GetCmdCode(), oCase.nCode) << std::hex << oCase.nIdentifier;
+        EXPECT_EQ(ToHex(oMsg.GetData()), oCase.sPayload) << std::hex << oCase.nIdentifier;
+    }
+}
