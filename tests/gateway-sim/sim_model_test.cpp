@@ -1,6 +1,7 @@
 // The command model of one CAN port, driven with request telegrams.
 #include "CanPortModel.h"
 #include "IndicationEncoder.h"
+#include "KelByteOrder.h"
 #include "support/Bytes.h"
 
 #include <gtest/gtest.h>
@@ -46,7 +47,7 @@ TEST_F(CanPortModelTest, SetCommandsStoreWhatGetCommandsReturn)
 {
     std::string sFilter;
     for (unsigned int i = 0; i < 16; ++i)
-        sFilter += ToHex(COrvaneMsg::ToChar(0x01010101u * i + 0x80000000u)) + " ";
+        sFilter += ToHex(KelToLE(0x01010101u * i + 0x80000000u)) + " ";
     const struct
     {
         unsigned short nSet;
@@ -101,7 +102,7 @@ TEST_F(CanPortModelTest, WritesGoToTheBusAndAreConfirmedOnlyWhenAsked)
 TEST_F(CanPortModelTest, TimeAndCommonCommands)
 {
     EXPECT_EQ(Answer(eCmdGetTime, 1).substr(0, 5), "00 00") << "time not valid before SET_TIME";
-    Run(eCmdSetTime, 2, COrvaneMsg::ToChar(1000) + COrvaneMsg::ToChar(500000));
+    Run(eCmdSetTime, 2, KelToLE(1000) + KelToLE(500000));
     const std::string sTime = FromHex(Answer(eCmdGetTime, 3));
     ASSERT_EQ(sTime.size(), 10u);
     EXPECT_EQ(sTime[1], 1);

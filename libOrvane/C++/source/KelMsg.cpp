@@ -133,29 +133,3 @@ unsigned int CKelMsg::GetU32(const char* bytes)
 {
     return KelGetLE<unsigned int>(bytes);
 }
-
-std::string CKelMsg::ToChar(short value)
-{
-    return KelToLE(value);
-}
-std::string CKelMsg::ToChar(int value)
-{
-    return KelToLE(value);
-}
-std::string CKelMsg::ToChar(long long value)
-{
-    return KelToLE(value);
-}
-
-void CKelMsg::FromChar(short& value, const char* bytes)
-{
-    value = KelGetLE<short>(bytes);
-}
-void CKelMsg::FromChar(int& value, const char* bytes)
-{
-    value = KelGetLE<int>(bytes);
-}
-void CKelMsg::FromChar(long long& value, const char* bytes)
-{
-    value = KelGetLE<long long>(bytes);
-}

@@ -82,14 +82,8 @@ public:
     // after it, and a matching CRC.
     static bool IsIntact(const char* bytes, unsigned short count);
 
-    // Little-endian byte-order helpers.
-    static std::string ToChar(short value);     // 2 bytes
-    static std::string ToChar(int value);       // 4 bytes
-    static std::string ToChar(long long value); // 8 bytes
-    static void FromChar(short& value, const char* bytes);
-    static void FromChar(int& value, const char* bytes);
-    static void FromChar(long long& value, const char* bytes);
-    // Allocation-free forms for the hot paths.
+    // The header's two integer widths, through KelByteOrder.h (the one
+    // byte-order API; new code uses it or KelPayload.h directly).
     static void PutU16(char* out, unsigned short value);
     static void PutU32(char* out, unsigned int value);
     static unsigned short GetU16(const char* bytes);
