@@ -95,7 +95,7 @@ public:
 
     void Release(CDevice* poDevice)
     {
-        if (!COrvaneClientCANDll::IsIndicationThread())
+        if (!COrvaneClient::IsIndicationThread())
         {
             delete poDevice;
             return;
@@ -270,7 +270,7 @@ void CDeviceManager::CloseAllDevices()
 void CDeviceManager::WaitForReleasedDevices()
 {
     // On a receive thread the wait could be for this very thread.
-    if (!COrvaneClientCANDll::IsIndicationThread())
+    if (!COrvaneClient::IsIndicationThread())
         CReleaser::Instance().WaitIdle();
 }
 

@@ -1,6 +1,7 @@
 #include "OrvaneClientCAN.h"
 
 #include "KelByteOrder.h"
+#include "KelLocalTime.h"
 #include "KelPayload.h"
 #include "OrvaneProtocol.h"
 

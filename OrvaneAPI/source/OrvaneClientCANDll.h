@@ -64,11 +64,6 @@ public:
     // telegram (returns false).
     bool DataIndRespond(COrvaneMsg* poMsg) override;
 
-    // True while the calling thread delivers an indication of some client,
-    // i.e. inside an application callback. The device manager uses it to keep
-    // a client's destruction off receive threads.
-    static bool IsIndicationThread();
-
 private:
     enum EQueue
     {

@@ -138,7 +138,7 @@ int CANCloseDevice(int nHandle)
         // Inside a callback the disconnect would wait for the receive thread
         // that is running the callback; the client's destructor disconnects
         // instead, on a helper thread once the callback has returned.
-        if (poDevice->GetClient() != nullptr && !COrvaneClientCANDll::IsIndicationThread())
+        if (poDevice->GetClient() != nullptr && !COrvaneClient::IsIndicationThread())
             poDevice->GetClient()->Close();
         return CDeviceManager::CloseDevice(nHandle);
     });
