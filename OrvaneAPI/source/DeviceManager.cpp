@@ -68,8 +68,9 @@ FCreateClient ClientFactory(unsigned char nDeviceType)
 
 void Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText)
 {
-    CTraceServer::SendTraceMessage(nLevel, COrvaneClient::TRACE_CATEGORY, 0xFFFFFFFFu, nLine, __FILE__, sText.c_str(),
-                                   0);
+    // Named like the other sources' traces: the path in the tree, no suffix.
+    CTraceServer::SendTraceMessage(nLevel, COrvaneClient::TRACE_CATEGORY, 0xFFFFFFFFu, nLine,
+                                   "OrvaneAPI/source/DeviceManager", sText.c_str(), 0);
 }
 
 std::string HandleText(int nHandle, const char* pcWhat)

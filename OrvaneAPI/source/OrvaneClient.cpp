@@ -341,11 +341,7 @@ std::string COrvaneClient::GetErrorMsg(int nCode)
 
 bool COrvaneClient::IsTraceActive(unsigned char nLevel)
 {
-    // The same tests as the trace server's own, without building anything.
-    return CTraceServer::m_nSocket.load(std::memory_order_relaxed) >= 0 &&
-        CTraceServer::m_nAddrLen.load(std::memory_order_relaxed) != 0 &&
-        (nLevel & CTraceServer::m_nActiveLevels.load(std::memory_order_relaxed)) != 0 &&
-        (CTraceServer::m_anCategoryFilters[TRACE_CATEGORY].load(std::memory_order_relaxed) & TRACE_FILTER_MASK) != 0;
+    return CTraceServer::IsActive(nLevel, TRACE_CATEGORY, TRACE_FILTER_MASK);
 }
 
 void COrvaneClient::Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText)

@@ -24,11 +24,10 @@ constexpr uint32_t kDumpBytesPerLine = 16;
 const char* const kBinaryRefused =
     "Data could not be saved in binary format because of StartAddress != 0 OR multiple blocks in hex data.\n\n";
 
-// Callers build a trace text only when its level is active, so a dormant
-// trace server costs one comparison.
+// Callers build a trace text only when a viewer would receive it.
 bool TraceActive(unsigned char nLevel)
 {
-    return (CTraceServer::m_nActiveLevels.load(std::memory_order_relaxed) & nLevel) != 0;
+    return CTraceServer::IsActive(nLevel, kTraceCategory, kTraceMask);
 }
 
 void Trace(unsigned char nLevel, unsigned short nLine, const char* pcText)

@@ -306,6 +306,13 @@ int CTraceServer::SetCategoryName(unsigned char category, unsigned char length, 
     return 0;
 }
 
+bool CTraceServer::IsActive(unsigned char level, unsigned char category, unsigned int filterMask)
+{
+    return m_nSocket.load(std::memory_order_relaxed) >= 0 && m_nAddrLen.load(std::memory_order_relaxed) != 0 &&
+        (level & m_nActiveLevels.load(std::memory_order_relaxed)) != 0 && category < kCategoryCount &&
+        (filterMask & m_anCategoryFilters[category].load(std::memory_order_relaxed)) != 0;
+}
+
 int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
                                    unsigned short line, const char* file, const char* text, unsigned char flags)
 {

@@ -55,6 +55,11 @@ public:
     static int SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
                                 unsigned short line, const char* file, const char* text, unsigned char flags);
 
+    // True when a message of this level, category and mask would be sent now
+    // (initialised, a viewer, level and mask active): lets a caller skip
+    // building a text nobody receives. Plain loads only.
+    static bool IsActive(unsigned char level, unsigned char category, unsigned int filterMask);
+
     // Status sources are not served by this server: both return -1.
     static int RegisterStatusSource(CStatusSource* source, unsigned char category, unsigned int filterMask);
     static int UnRegisterStatusSource(CStatusSource* source);
