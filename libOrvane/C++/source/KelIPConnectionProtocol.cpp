@@ -251,7 +251,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         DataInd(data, length);
         return;
     }
-    if (IsMuted() && IsConnectionCommand(command))
+    if (IsConnectionCommand(command) && !AnswersConnectionMessages())
         return;
 
     if (command == m_nAliveReqId)
