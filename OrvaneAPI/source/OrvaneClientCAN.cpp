@@ -499,11 +499,3 @@ int COrvaneClientCAN::CANopenSendSDOWriteBlock(unsigned char nNodeID, unsigned s
         ReadSdoValue(CKelPayloadReader(oCnf->GetData()), nResult, nAbort);
     return nRet;
 }
-
-bool COrvaneClientCAN::DataIndRespond(COrvaneMsg* poMsg)
-{
-    // Indications are the business of COrvaneClientCANDll.
-    if (poMsg != nullptr)
-        static_cast<void>(poMsg->GetCmdCode());
-    return false;
-}

@@ -10,13 +10,6 @@ using namespace OrvaneCan;
 namespace
 {
 
-template <typename T, typename V>
-void Put(T* pOut, V nValue)
-{
-    if (pOut != nullptr)
-        *pOut = static_cast<T>(nValue);
-}
-
 void PutBytes(void* pOut, const char* pcData, int nLength)
 {
     if (pOut != nullptr && nLength > 0)

@@ -18,6 +18,15 @@
 
 #include <atomic>
 
+// Stores nValue, converted, where the caller asked for an output (pOut not
+// null); the application interface's outputs are all optional.
+template <typename T, typename V>
+inline void Put(T* pOut, V nValue)
+{
+    if (pOut != nullptr)
+        *pOut = static_cast<T>(nValue);
+}
+
 class COrvaneClientCANDll : public COrvaneClientCAN
 {
 public:

@@ -83,13 +83,6 @@ int StoreOnSuccess(int nRet, const TOuts&... aoOuts)
     return nRet;
 }
 
-template <typename T, typename V>
-void Put(T* pOut, V nValue)
-{
-    if (pOut != nullptr)
-        *pOut = static_cast<T>(nValue);
-}
-
 // Pollers: the poller's result goes to *pnAvailable; the function returns 0.
 int Available(int* pnAvailable, int nResult)
 {
