@@ -102,14 +102,14 @@ public:
             return;
         }
         {
-            std::lock_guard<CLockable> oGuard(m_oLock);
+            std::lock_guard<SLockable> oGuard(m_oLock);
             ++m_nPending;
         }
         try
         {
             std::thread([this, poDevice] {
                 delete poDevice;
-                std::lock_guard<CLockable> oGuard(m_oLock);
+                std::lock_guard<SLockable> oGuard(m_oLock);
                 --m_nPending;
                 m_oDone.notify_all();
             }).detach();
@@ -118,19 +118,19 @@ public:
         {
             // No thread to be had: the device is left alive rather than
             // destroyed on its own receive thread.
-            std::lock_guard<CLockable> oGuard(m_oLock);
+            std::lock_guard<SLockable> oGuard(m_oLock);
             --m_nPending;
         }
     }
 
     void WaitIdle()
     {
-        std::unique_lock<CLockable> oGuard(m_oLock);
+        std::unique_lock<SLockable> oGuard(m_oLock);
         m_oDone.wait(oGuard, [this] { return m_nPending == 0; });
     }
 
 private:
-    struct CLockable
+    struct SLockable
     {
         CKelMutex& mutex;
         void lock() { mutex.Lock(KEL_INFINITE); }
@@ -138,7 +138,7 @@ private:
     };
 
     CKelMutex m_oMutex;
-    CLockable m_oLock{m_oMutex};
+    SLockable m_oLock{m_oMutex};
     std::condition_variable_any m_oDone;
     int m_nPending = 0;
 };
