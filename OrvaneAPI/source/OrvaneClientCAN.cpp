@@ -70,7 +70,7 @@ long long MilliSecondsSinceLocalEpoch()
         nZone = CKelLocalTime::GetCurrentTimezone();
         nZoneSecond = oNow.tv_sec;
     }
-    const long long nNowLocal = CKelUTCTime::kUnixEpochOffset / CKelTimeDiff::kUnitsPerMilliSecond +
+    const long long nNowLocal = CKelUTCTime::UNIX_EPOCH_OFFSET / CKelTimeDiff::UNITS_PER_MILLI_SECOND +
         static_cast<long long>(oNow.tv_sec) * 1000 + oNow.tv_usec / 1000 + static_cast<long long>(nZone) * 3600000;
     return nNowLocal - nEpochLocal;
 }

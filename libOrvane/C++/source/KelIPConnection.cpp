@@ -24,7 +24,7 @@
 namespace
 {
 // Messages up to this size are serialised on the stack.
-const unsigned int kStackMessageSize = 512;
+const unsigned int STACK_MESSAGE_SIZE = 512;
 
 bool SetBlocking(int socket, bool blocking)
 {
@@ -329,7 +329,7 @@ unsigned int CKelIPConnection::DataReq(const char* data, unsigned short length, 
 
 unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int timeoutMs)
 {
-    char stackBuffer[kStackMessageSize];
+    char stackBuffer[STACK_MESSAGE_SIZE];
     const unsigned int size = message.WriteTo(stackBuffer, sizeof(stackBuffer));
     if (size != 0)
         return DataReq(stackBuffer, static_cast<unsigned short>(size), timeoutMs);
