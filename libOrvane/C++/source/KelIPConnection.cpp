@@ -120,7 +120,7 @@ void CKelIPConnection::SetPeer(const sockaddr_storage& address, unsigned int len
     char text[INET6_ADDRSTRLEN];
     const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&address), text, sizeof(text));
     CKelLockGuard guard(m_oPeerGuard);
-    m_sPeerAddr = address;
+    m_oPeerAddr = address;
     m_nPeerAddrLen = length;
     m_sPeerAddress = numeric != nullptr ? numeric : "";
     m_sHost = host != nullptr ? host : m_sPeerAddress;
@@ -420,7 +420,7 @@ unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short len
     socklen_t peerLength;
     {
         CKelLockGuard guard(m_oPeerGuard);
-        peer = m_sPeerAddr;
+        peer = m_oPeerAddr;
         peerLength = m_nPeerAddrLen;
     }
     ssize_t result;

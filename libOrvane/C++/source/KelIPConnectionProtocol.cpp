@@ -240,7 +240,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         {
             CKelLockGuard guard(m_oPeerGuard);
             fromPeer =
-                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_sPeerAddr), m_nPeerAddrLen);
+                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_oPeerAddr), m_nPeerAddrLen);
         }
         if (!fromPeer && command != DATAGRAM_OPEN_COMMAND)
             return;

@@ -127,7 +127,7 @@ private:
         }
         {
             CKelLockGuard lock(m_oTelegramCounterMutex);
-            m_sSockAddr = sender;
+            m_oSockAddr = sender;
             m_nAddrLen.store(senderLen, std::memory_order_relaxed);
             char host[INET6_ADDRSTRLEN];
             const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&sender), host, sizeof(host));
@@ -174,7 +174,7 @@ CTraceServer::CReceiveThread* CTraceServer::m_poReceiveThread = nullptr;
 std::atomic<unsigned char> CTraceServer::m_nActiveLevels{0};
 std::atomic<unsigned int> CTraceServer::m_anCategoryFilters[CTraceServer::CATEGORY_COUNT] = {};
 std::string CTraceServer::m_asCategoryNames[CTraceServer::CATEGORY_COUNT];
-sockaddr_storage CTraceServer::m_sSockAddr = {};
+sockaddr_storage CTraceServer::m_oSockAddr = {};
 std::atomic<socklen_t> CTraceServer::m_nAddrLen{0};
 std::string CTraceServer::m_sClientHost;
 unsigned short CTraceServer::m_nClientUdpPort = 0;
@@ -371,7 +371,7 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         telegram.SetCounter(m_nTelegramCounter++);
     }
-    return SendTelegram(socket, telegram, m_sSockAddr, viewerLen);
+    return SendTelegram(socket, telegram, m_oSockAddr, viewerLen);
 }
 
 int CTraceServer::RegisterStatusSource(CStatusSource* /*source*/, unsigned char /*category*/,

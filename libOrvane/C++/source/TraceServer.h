@@ -73,7 +73,7 @@ public:
     static std::atomic<unsigned char> m_nActiveLevels; // bit set of active levels
     static std::atomic<unsigned int> m_anCategoryFilters[CATEGORY_COUNT];
     static std::string m_asCategoryNames[CATEGORY_COUNT]; // guarded by the mutex
-    static sockaddr_storage m_sSockAddr;                  // viewer address, guarded by the mutex
+    static sockaddr_storage m_oSockAddr;                  // viewer address, guarded by the mutex
     static std::atomic<socklen_t> m_nAddrLen;             // 0: no viewer
     static std::string m_sClientHost;                     // viewer's numeric host, guarded by the mutex
     static unsigned short m_nClientUdpPort;               // viewer's port, guarded by the mutex
