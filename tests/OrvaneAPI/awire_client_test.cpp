@@ -6,6 +6,7 @@
 #include "AWirePortModel.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
+#include "support/AWireFiles.h"
 #include "support/ClientSeams.h"
 #include "support/Wait.h"
 
@@ -16,11 +17,11 @@
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
-#include <random>
 #include <thread>
 #include <vector>
 
 using namespace GatewaySim;
+using namespace ApiTest;
 using ClientTest::Out;
 
 namespace
@@ -118,44 +119,6 @@ private:
     unsigned long long m_nRequests = 0;
     std::thread m_oPeer;
 };
-
-struct SImageBlock
-{
-    unsigned int nAddress;
-    std::vector<unsigned char> acData;
-};
-
-// Writes the blocks as an Intel hex file; returns its name.
-std::string WriteHexFile(const std::string& sName, std::vector<SImageBlock>& aoBlocks)
-{
-    std::mt19937 oRandom(static_cast<unsigned int>(aoBlocks.size() * 7919 + aoBlocks[0].acData.size()));
-    COrvaneHexfile oHex;
-    for (SImageBlock& oBlock : aoBlocks)
-    {
-        for (unsigned char& c : oBlock.acData)
-            c = static_cast<unsigned char>(oRandom());
-        oHex.AddMemoryBlock(oBlock.nAddress, oBlock.acData.data(), static_cast<uint32_t>(oBlock.acData.size()));
-    }
-    const std::string sPath = ::testing::TempDir() + sName;
-    EXPECT_EQ(oHex.SaveFile(sPath.c_str(), COrvaneHexfile::eIntel), 0);
-    return sPath;
-}
-
-// Polls the file status until the writer is gone; the last step seen and
-// every percentage on the way.
-FileStep::EFileStep PollToEnd(COrvaneClientAWire& oClient, std::vector<unsigned char>& anPercent)
-{
-    FileStep::EFileStep nStep = FileStep::ePrepared;
-    unsigned char nPercent = 0;
-    const bool bEnded = WaitUntil([&] {
-        if (oClient.GetWriteFileStatus(nStep, nPercent) != 0)
-            return true;
-        anPercent.push_back(nPercent);
-        return false;
-    });
-    EXPECT_TRUE(bEnded) << "the file writer did not end";
-    return nStep;
-}
 
 } // namespace
 
@@ -361,6 +324,12 @@ TEST(AWireCommands, ConfigReadVerify)
     unsigned short nReceived = 0;
     ASSERT_EQ(oClient.Read(0x1000, 8, acBuffer, nReceived), 0);
     EXPECT_EQ(Out(nReceived, std::string(acBuffer, 8)), "8 " + sData + "\xFF\xFF");
+    // A confirmation with more bytes than asked for fills only what was asked.
+    ClientTest::CScripted<COrvaneClientAWire> oLong;
+    oLong.ReplyWith("00 01 02 03");
+    char acTwo[3] = {'x', 'x', 'x'};
+    ASSERT_EQ(oLong.Read(0, 2, acTwo, nReceived), 0);
+    EXPECT_EQ(Out(nReceived, std::string(acTwo, 3)), "2 \x01\x02x");
 
     EXPECT_EQ(oClient.Verify(0x1000, 6, sData.data()), 0);
     EXPECT_EQ(oClient.Verify(0x1000, 7, (sData + "\x07").data()), 255);

@@ -48,6 +48,7 @@ public:
     void ConnectInd(bool bConnected) override;
     void DataInd(const char* pData, unsigned short nLength) override;
     bool IsConnectMsgAccepted(const std::string& sConnectData) override;
+    bool AnswersConnectionMessages() const override;
 
 private:
     SPortContext& m_roPort;
