@@ -2,7 +2,8 @@
 # Installs the build into a temporary prefix and uses it as a user would:
 # a C program built through find_package(Orvane) and through pkg-config runs
 # against the installed simulator on 127.0.0.1; the systemd unit passes
-# systemd-analyze verify; the man pages render without warnings.
+# systemd-analyze verify, keeps its sandbox (exposure 2.5 or lower) and is
+# enabled by its interface's device; the man pages render without warnings.
 #   install_test.sh <build dir> <source dir>
 set -euo pipefail
 build=$1
@@ -20,7 +21,8 @@ prefix=$work/usr
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in bin/orvane-bridge bin/orvane-gateway-sim bin/orvane-hex lib/liborvanecan.so.0 lib/liborvane_api.a \
          include/orvane/OrvaneDllCan.h lib/cmake/Orvane/OrvaneConfig.cmake lib/pkgconfig/orvanecan.pc \
-         lib/systemd/system/orvane-bridge@.service share/man/man1/orvane-bridge.1; do
+         lib/systemd/system/orvane-bridge@.service share/man/man1/orvane-bridge.1 \
+         share/doc/orvane/80-vcan0.netdev share/doc/orvane/80-vcan0.network; do
   [ -e "$prefix/$f" ] || fail "$f not installed"
 done
 "$prefix/bin/orvane-bridge" --version | grep -qx "Version:0.2.0" || fail "installed bridge --version"
@@ -64,6 +66,15 @@ verify=$(MANPATH=$prefix/share/man: systemd-analyze verify "$prefix/lib/systemd/
 [ -z "$verify" ] || fail "unit: $verify"
 grep -q "^ExecStart=$prefix/bin/orvane-bridge %i \$ORVANE_BRIDGE_OPTS\$" \
   "$prefix/lib/systemd/system/orvane-bridge@.service" || fail "unit ExecStart"
+# Its sandbox, scored offline (the threshold is the exposure times 10).
+unit=$prefix/lib/systemd/system/orvane-bridge@.service
+security=$(systemd-analyze security --offline=true --threshold=25 "$unit" 2>&1) ||
+  fail "unit exposure above 2.5: $(grep "Overall exposure" <<<"$security")"
+# Enabled in a root of its own (no service manager involved), it is wanted
+# by its interface's device, so that it starts whenever the interface appears.
+systemctl --root="$work" enable orvane-bridge@vcan0 >/dev/null 2>&1 || fail "systemctl enable"
+[ -L "$work/etc/systemd/system/sys-subsystem-net-devices-vcan0.device.wants/orvane-bridge@vcan0.service" ] ||
+  fail "enabled unit is not wanted by sys-subsystem-net-devices-vcan0.device"
 
 # Man pages: rendered with every warning on, and nothing on stderr.
 for page in "$prefix"/share/man/man1/*.1; do
