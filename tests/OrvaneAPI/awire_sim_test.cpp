@@ -119,7 +119,9 @@ TEST_F(AWireSim, WholeFileWithAGapWrittenOverTcpAndVerified)
 
 TEST_F(AWireSim, ClientClosedHalfwayEndsTheWriterCleanly)
 {
-    Start(SAWireSettings(), 20); // slow flash: the file is far from written when the client goes
+    // Slow flash: 40 blocks take 10 s, so the file is far from written when
+    // the client goes, however late this thread runs.
+    Start(SAWireSettings(), 250);
     ASSERT_EQ(m_poClient->WriteFile(HexFile("awire_sim_stop.hex", {{0, 40 * 32768}})), 0);
     ASSERT_TRUE(WaitUntil([&] { return m_poSim->AWireModel(0).WriteLengths().size() >= 2; }, WAIT_MS));
     m_poClient.reset();
