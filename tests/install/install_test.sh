@@ -25,7 +25,9 @@ for f in bin/orvane-bridge bin/orvane-gateway-sim bin/orvane-hex lib/liborvaneca
          share/doc/orvane/80-vcan0.netdev share/doc/orvane/80-vcan0.network; do
   [ -e "$prefix/$f" ] || fail "$f not installed"
 done
-"$prefix/bin/orvane-bridge" --version | grep -qx "Version:0.2.0" || fail "installed bridge --version"
+# Output is captured before grep reads it: under pipefail, grep -q ending a
+# pipe early would fail the writer with SIGPIPE whenever it was still writing.
+[ "$("$prefix/bin/orvane-bridge" --version)" = "Version:0.2.0" ] || fail "installed bridge --version"
 
 # Both ways of building a consumer.
 cmake -S "$source/tests/install/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
@@ -37,7 +39,8 @@ cc -o "$work/pc-consumer" "$source/tests/install/consumer/consumer.c" $(pkg-conf
 # shellcheck disable=SC2046
 c++ -std=c++17 -o "$work/pc-consumer-cpp" "$source/tests/install/consumer/consumer_cpp.cpp" \
   $(pkg-config --cflags --libs orvane) || fail "pkg-config C++ consumer did not build"
-"$work/pc-consumer-cpp" | grep -q "Device handle is invalid" || fail "C++ consumer"
+output=$("$work/pc-consumer-cpp") || fail "C++ consumer: status $?"
+grep -q "Device handle is invalid" <<<"$output" || fail "C++ consumer"
 
 # The simulator on a CAN port P (TCP 5001 + 100 * P; the interface takes P up
 # to 99) whose port is free.
@@ -58,7 +61,8 @@ done
 export LD_LIBRARY_PATH=$prefix/lib
 "$work/cmake-consumer/consumer" "$port" || fail "find_package consumer"
 "$work/pc-consumer" "$port" || fail "pkg-config consumer"
-ldd "$work/pc-consumer" | grep -q "$prefix/lib/liborvanecan.so.0" || fail "consumer not linked to the installed library"
+libraries=$(ldd "$work/pc-consumer") || fail "ldd"
+grep -q "$prefix/lib/liborvanecan.so.0" <<<"$libraries" || fail "consumer not linked to the installed library"
 
 # The unit, with its ExecStart in this prefix.
 # Its Documentation= names the man page, which must be found too.
