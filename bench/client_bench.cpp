@@ -18,6 +18,7 @@
 // On a shared machine the speed drifts within seconds; interleaving the
 // repetitions lets both sides of the ratio see the same conditions. The
 // ratios use the medians; process_cpu_ns counts the CPU time of every thread.
+#include "KelByteOrder.h"
 #include "OrvaneClientCAN.h"
 #include "OrvaneProtocol.h"
 #include "support/ApiSim.h"
@@ -136,8 +137,7 @@ struct CListener
 void Confirm(const char* pcRequest, char* pcConfirmation)
 {
     const unsigned short nCode = OrvaneCan::eCmdGetGlobals | COrvaneMsg::CONFIRMATION_FLAG;
-    short nId;
-    COrvaneMsg::FromChar(nId, pcRequest + 4);
+    const short nId = KelGetLE<short>(pcRequest + 4);
     const char acPayload[9] = {0, 0, 0x20, static_cast<char>(0xA1), 0x07, 0, 1, 0, 0};
     COrvaneMsg(nCode, nId, acPayload, sizeof(acPayload)).CopyMessageData(pcConfirmation, CONFIRMATION_SIZE);
 }

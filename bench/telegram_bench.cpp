@@ -1,6 +1,7 @@
 // Cost of the telegram layer on the frame path: a CAN write request of 13
 // bytes on the wire (code 0x0203, payload = 4-byte identifier, 1 flag byte,
 // 1 data byte) built, serialised, parsed back and checked.
+#include "KelByteOrder.h"
 #include "OrvaneMsg.h"
 
 #include <benchmark/benchmark.h>
@@ -14,7 +15,7 @@ const unsigned short kCanWriteCode = 0x0203;
 
 std::string CanWritePayload()
 {
-    std::string sPayload = COrvaneMsg::ToChar(0x123);
+    std::string sPayload = KelToLE(0x123);
     sPayload += '\0';   // flags: standard frame
     sPayload += '\x5A'; // one data byte
     return sPayload;
@@ -56,7 +57,7 @@ void BM_SerialiseAndParseCanWrite(benchmark::State& state)
     std::size_t nWireSize = 0;
     for (auto _ : state)
     {
-        std::string sPayload = COrvaneMsg::ToChar(0x123);
+        std::string sPayload = KelToLE(0x123);
         sPayload += '\0';
         sPayload += '\x5A';
         COrvaneMsg oRequest(kCanWriteCode, ++nMsgID, sPayload.data(), static_cast<unsigned short>(sPayload.size()));

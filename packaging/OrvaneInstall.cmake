@@ -9,7 +9,8 @@
 #   lib/pkgconfig/            orvanecan.pc (C interface), orvane.pc (C++ clients)
 #   lib/systemd/system/       orvane-bridge@.service
 #   share/man/man1/           the programs' man pages
-#   share/doc/orvane/         README and an example per-interface settings file
+#   share/doc/orvane/         README, an example per-interface settings file and
+#                             a systemd-networkd vcan0 (.netdev, .network)
 #   lib/python3/dist-packages/ the python-can interface orvane_can with its
 #                             metadata (entry point "orvane"), where Debian's
 #                             python3 finds it
@@ -54,7 +55,8 @@ endfunction()
 orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvanecan.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane.pc.in ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 orvane_install_configured(${CMAKE_CURRENT_LIST_DIR}/orvane-bridge@.service.in lib/systemd/system)
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/bridge-example.conf ${PROJECT_SOURCE_DIR}/README.md
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/bridge-example.conf ${CMAKE_CURRENT_LIST_DIR}/80-vcan0.netdev
+              ${CMAKE_CURRENT_LIST_DIR}/80-vcan0.network ${PROJECT_SOURCE_DIR}/README.md
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/orvane)
 
 install(FILES ${PROJECT_SOURCE_DIR}/doc/man/orvane-bridge.1 ${PROJECT_SOURCE_DIR}/doc/man/orvane-gateway-sim.1

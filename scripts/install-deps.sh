@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, if missing.
 set -euo pipefail
-packages=(cmake make g++ clang-format git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
+packages=(cmake make g++ clang-format clang-tidy git libgtest-dev libgmock-dev libbenchmark-dev libboost-dev
           qemu-system-x86 busybox-static can-utils cpio gzip python3
           pkg-config dpkg-dev systemd man-db groff-base python3-can python3-pytest)
 missing=()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks the layout of every tracked C++ file, then builds (warnings are
-# errors) and runs every test: a plain build (including the tests that boot
+# errors), checks the naming rules (clang-tidy) and runs every test: a plain build (including the tests that boot
 # the SocketCAN VM), then the whole suite under AddressSanitizer + UBSan, then
 # under ThreadSanitizer. Any failure fails the run.
 set -euo pipefail
@@ -13,12 +13,15 @@ git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror
 
 jobs=$(nproc)
 build() { # dir sanitizer
-  cmake -S . -B "$1" -DORVANE_SANITIZER="$2" -DORVANE_WERROR=ON >/dev/null
+  cmake -S . -B "$1" -DORVANE_SANITIZER="$2" -DORVANE_WERROR=ON -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
   cmake --build "$1" -j "$jobs"
 }
 
 echo "=== plain build ==="
 build build ""
+
+echo "=== naming (clang-tidy, .clang-tidy) ==="
+scripts/naming.sh build
 (cd build && ctest --output-on-failure -j "$jobs")
 
 echo "=== AddressSanitizer + UndefinedBehaviorSanitizer ==="

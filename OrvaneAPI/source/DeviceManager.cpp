@@ -68,8 +68,9 @@ FCreateClient ClientFactory(unsigned char nDeviceType)
 
 void Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText)
 {
-    CTraceServer::SendTraceMessage(nLevel, COrvaneClient::TRACE_CATEGORY, 0xFFFFFFFFu, nLine, __FILE__, sText.c_str(),
-                                   0);
+    // Named like the other sources' traces: the path in the tree, no suffix.
+    CTraceServer::SendTraceMessage(nLevel, COrvaneClient::TRACE_CATEGORY, 0xFFFFFFFFu, nLine,
+                                   "OrvaneAPI/source/DeviceManager", sText.c_str(), 0);
 }
 
 std::string HandleText(int nHandle, const char* pcWhat)
@@ -95,20 +96,20 @@ public:
 
     void Release(CDevice* poDevice)
     {
-        if (!COrvaneClientCANDll::IsIndicationThread())
+        if (!COrvaneClient::IsIndicationThread())
         {
             delete poDevice;
             return;
         }
         {
-            std::lock_guard<CLockable> oGuard(m_oLock);
+            std::lock_guard<SLockable> oGuard(m_oLock);
             ++m_nPending;
         }
         try
         {
             std::thread([this, poDevice] {
                 delete poDevice;
-                std::lock_guard<CLockable> oGuard(m_oLock);
+                std::lock_guard<SLockable> oGuard(m_oLock);
                 --m_nPending;
                 m_oDone.notify_all();
             }).detach();
@@ -117,19 +118,19 @@ public:
         {
             // No thread to be had: the device is left alive rather than
             // destroyed on its own receive thread.
-            std::lock_guard<CLockable> oGuard(m_oLock);
+            std::lock_guard<SLockable> oGuard(m_oLock);
             --m_nPending;
         }
     }
 
     void WaitIdle()
     {
-        std::unique_lock<CLockable> oGuard(m_oLock);
+        std::unique_lock<SLockable> oGuard(m_oLock);
         m_oDone.wait(oGuard, [this] { return m_nPending == 0; });
     }
 
 private:
-    struct CLockable
+    struct SLockable
     {
         CKelMutex& mutex;
         void lock() { mutex.Lock(KEL_INFINITE); }
@@ -137,7 +138,7 @@ private:
     };
 
     CKelMutex m_oMutex;
-    CLockable m_oLock{m_oMutex};
+    SLockable m_oLock{m_oMutex};
     std::condition_variable_any m_oDone;
     int m_nPending = 0;
 };
@@ -270,7 +271,7 @@ void CDeviceManager::CloseAllDevices()
 void CDeviceManager::WaitForReleasedDevices()
 {
     // On a receive thread the wait could be for this very thread.
-    if (!COrvaneClientCANDll::IsIndicationThread())
+    if (!COrvaneClient::IsIndicationThread())
         CReleaser::Instance().WaitIdle();
 }
 

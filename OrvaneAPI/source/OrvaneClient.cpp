@@ -46,6 +46,17 @@ std::string DumpOf(const std::string& sText, const COrvaneMsg& oMsg)
 
 // --- CConnection -----------------------------------------------------------
 
+namespace
+{
+// Depth of telegram delivery on this thread (see IsIndicationThread).
+thread_local int t_nIndicationDepth = 0;
+} // namespace
+
+bool COrvaneClient::IsIndicationThread()
+{
+    return t_nIndicationDepth > 0;
+}
+
 COrvaneClient::CConnection::CConnection() : m_poClient(nullptr) {}
 
 COrvaneClient::CConnection::~CConnection()
@@ -61,8 +72,14 @@ void COrvaneClient::CConnection::ConnectInd(bool bConnected)
 
 void COrvaneClient::CConnection::DataInd(const char* pcData, unsigned short nLength)
 {
-    if (m_poClient != nullptr)
-        m_poClient->DataInd(pcData, nLength);
+    if (m_poClient == nullptr)
+        return;
+    ++t_nIndicationDepth;
+    struct SLeave
+    {
+        ~SLeave() { --t_nIndicationDepth; }
+    } oLeave;
+    m_poClient->DataInd(pcData, nLength);
 }
 
 void COrvaneClient::CConnection::ReadEndInd()
@@ -74,17 +91,8 @@ void COrvaneClient::CConnection::ReadEndInd()
 // --- CMessageItem ----------------------------------------------------------
 
 COrvaneClient::CMessageItem::CMessageItem(COrvaneMsg* poMsg)
-    : m_poMsg(poMsg), m_oTime(std::chrono::system_clock::now()), m_oArrival(std::chrono::steady_clock::now())
+    : m_poMsg(poMsg), m_oArrival(std::chrono::steady_clock::now())
 {
-}
-
-CKelLocalTime COrvaneClient::CMessageItem::GetTime() const
-{
-    const long long nUtc = std::chrono::duration_cast<std::chrono::milliseconds>(m_oTime.time_since_epoch()).count();
-    const int nZone = CKelLocalTime::GetCurrentTimezone();
-    return CKelLocalTime(CKelUTCTime::kUnixEpochOffset / CKelTimeDiff::kUnitsPerMilliSecond + nUtc +
-                             static_cast<long long>(nZone) * 3600000,
-                         nZone);
 }
 
 COrvaneClient::CMessageItem::~CMessageItem()
@@ -346,11 +354,7 @@ std::string COrvaneClient::GetErrorMsg(int nCode)
 
 bool COrvaneClient::IsTraceActive(unsigned char nLevel)
 {
-    // The same tests as the trace server's own, without building anything.
-    return CTraceServer::m_nSocket.load(std::memory_order_relaxed) >= 0 &&
-        CTraceServer::m_nAddrLen.load(std::memory_order_relaxed) != 0 &&
-        (nLevel & CTraceServer::m_nActiveLevels.load(std::memory_order_relaxed)) != 0 &&
-        (CTraceServer::m_anCategoryFilters[TRACE_CATEGORY].load(std::memory_order_relaxed) & TRACE_FILTER_MASK) != 0;
+    return CTraceServer::IsActive(nLevel, TRACE_CATEGORY, TRACE_FILTER_MASK);
 }
 
 void COrvaneClient::Trace(unsigned char nLevel, unsigned short nLine, const std::string& sText)

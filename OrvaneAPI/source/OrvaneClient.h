@@ -22,7 +22,6 @@
 #define ORVANE_CLIENT_H
 
 #include "KelIPConnection.h"
-#include "KelLocalTime.h"
 #include "OrvaneErrors.h"
 #include "OrvaneMsg.h"
 #include "libKelMutex.h"
@@ -93,16 +92,11 @@ public:
         // Hands the telegram out; the item is empty afterwards.
         COrvaneMsg* PopMsg();
 
-        // Local time of arrival (in the system's current zone).
-        CKelLocalTime GetTime() const;
         // Arrival on the monotonic clock (used for ageing).
         std::chrono::steady_clock::time_point GetArrival() const { return m_oArrival; }
 
     private:
         COrvaneMsg* m_poMsg;
-        // Arrival on the wall clock, turned into local time only when asked:
-        // the zone look-up reads the zone file, too slow for every telegram.
-        std::chrono::system_clock::time_point m_oTime;
         std::chrono::steady_clock::time_point m_oArrival;
     };
 
@@ -157,6 +151,11 @@ public:
     COrvaneMsg* WaitForMsg(short nId, const unsigned int* pnTimeout);
     // Deletes stored confirmations older than ten time-outs (whole seconds).
     void RemoveOldMsgs();
+
+    // True while the calling thread delivers a received telegram of any
+    // client, i.e. inside an application callback: a client must not be
+    // destroyed there, as its destructor joins that very thread.
+    static bool IsIndicationThread();
 
     // One whole received telegram, length word included (read thread).
     virtual void DataInd(const char* pcData, unsigned short nLength);

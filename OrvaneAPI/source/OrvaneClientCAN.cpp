@@ -1,6 +1,7 @@
 #include "OrvaneClientCAN.h"
 
 #include "KelByteOrder.h"
+#include "KelLocalTime.h"
 #include "KelMsg.h"
 #include "KelPayload.h"
 #include "OrvaneProtocol.h"
@@ -71,7 +72,7 @@ long long MilliSecondsSinceLocalEpoch()
         nZone = CKelLocalTime::GetCurrentTimezone();
         nZoneSecond = oNow.tv_sec;
     }
-    const long long nNowLocal = CKelUTCTime::kUnixEpochOffset / CKelTimeDiff::kUnitsPerMilliSecond +
+    const long long nNowLocal = CKelUTCTime::UNIX_EPOCH_OFFSET / CKelTimeDiff::UNITS_PER_MILLI_SECOND +
         static_cast<long long>(oNow.tv_sec) * 1000 + oNow.tv_usec / 1000 + static_cast<long long>(nZone) * 3600000;
     return nNowLocal - nEpochLocal;
 }
@@ -566,12 +567,4 @@ int COrvaneClientCAN::CANopenSendSDOWriteBlock(unsigned char nNodeID, unsigned s
     if (nRet == ORVANE_OK)
         ReadSdoValue(CKelPayloadReader(oCnf->GetData()), nResult, nAbort);
     return nRet;
-}
-
-bool COrvaneClientCAN::DataIndRespond(COrvaneMsg* poMsg)
-{
-    // Indications are the business of COrvaneClientCANDll.
-    if (poMsg != nullptr)
-        static_cast<void>(poMsg->GetCmdCode());
-    return false;
 }

@@ -107,8 +107,6 @@ public:
                                  unsigned short nTimeout, unsigned short nLen, const unsigned char* pData,
                                  unsigned char& nResult, unsigned int& nAbort);
 
-    // Indications are not handled here: returns false.
-    bool DataIndRespond(COrvaneMsg* poMsg) override;
 
 private:
     std::atomic<bool> m_bConfirmData;

@@ -10,25 +10,6 @@ using namespace OrvaneCan;
 namespace
 {
 
-// Depth of indication delivery on this thread (see IsIndicationThread).
-thread_local int t_nIndicationDepth = 0;
-
-class CIndicationScope
-{
-public:
-    CIndicationScope() { ++t_nIndicationDepth; }
-    ~CIndicationScope() { --t_nIndicationDepth; }
-    CIndicationScope(const CIndicationScope&) = delete;
-    CIndicationScope& operator=(const CIndicationScope&) = delete;
-};
-
-template <typename T, typename V>
-void Put(T* pOut, V nValue)
-{
-    if (pOut != nullptr)
-        *pOut = static_cast<T>(nValue);
-}
-
 void PutBytes(void* pOut, const char* pcData, int nLength)
 {
     if (pOut != nullptr && nLength > 0)
@@ -42,11 +23,6 @@ COrvaneClientCANDll::COrvaneClientCANDll(int nHandle, int nTimeout) : COrvaneCli
 COrvaneClientCANDll::~COrvaneClientCANDll()
 {
     ShutdownConnection();
-}
-
-bool COrvaneClientCANDll::IsIndicationThread()
-{
-    return t_nIndicationDepth > 0;
 }
 
 void COrvaneClientCANDll::SetCallback(CANCallback pCallback)
@@ -90,7 +66,6 @@ bool COrvaneClientCANDll::DataIndRespond(COrvaneMsg* poMsg)
 {
     if (poMsg == nullptr)
         return false;
-    CIndicationScope oScope;
     switch (poMsg->GetCmdCode())
     {
     case eIndFrame:

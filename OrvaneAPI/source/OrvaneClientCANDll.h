@@ -18,6 +18,15 @@
 
 #include <atomic>
 
+// Stores nValue, converted, where the caller asked for an output (pOut not
+// null); the application interface's outputs are all optional.
+template <typename T, typename V>
+inline void Put(T* pOut, V nValue)
+{
+    if (pOut != nullptr)
+        *pOut = static_cast<T>(nValue);
+}
+
 class COrvaneClientCANDll : public COrvaneClientCAN
 {
 public:
@@ -67,11 +76,6 @@ public:
     bool DataIndRespond(COrvaneMsg* poMsg) override;
     // Calls the read-end callback, if one is set.
     void DataReadEnd() override;
-
-    // True while the calling thread delivers an indication of some client,
-    // i.e. inside an application callback. The device manager uses it to keep
-    // a client's destruction off receive threads.
-    static bool IsIndicationThread();
 
 private:
     enum EQueue

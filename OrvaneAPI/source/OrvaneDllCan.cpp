@@ -104,13 +104,6 @@ int StoreOnSuccess(int nRet, const TOuts&... aoOuts)
     return nRet;
 }
 
-template <typename T, typename V>
-void Put(T* pOut, V nValue)
-{
-    if (pOut != nullptr)
-        *pOut = static_cast<T>(nValue);
-}
-
 // Pollers: the poller's result goes to *pnAvailable; the function returns 0.
 int Available(int* pnAvailable, int nResult)
 {
@@ -159,7 +152,7 @@ int CANCloseDevice(int nHandle)
         // Inside a callback the disconnect would wait for the receive thread
         // that is running the callback; the client's destructor disconnects
         // instead, on a helper thread once the callback has returned.
-        if (poDevice->GetClient() != nullptr && !COrvaneClientCANDll::IsIndicationThread())
+        if (poDevice->GetClient() != nullptr && !COrvaneClient::IsIndicationThread())
             poDevice->GetClient()->Close();
         return CDeviceManager::CloseDevice(nHandle);
     });

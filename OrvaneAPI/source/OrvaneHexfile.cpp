@@ -12,28 +12,27 @@
 namespace
 {
 
-constexpr unsigned char kTraceCategory = 3;
-constexpr unsigned int kTraceMask = 0xFFFFFFFFu;
-constexpr const char* kTraceFile = "OrvaneAPI/source/OrvaneHexfile";
+constexpr unsigned char TRACE_CATEGORY = 3;
+constexpr unsigned int TRACE_MASK = 0xFFFFFFFFu;
+constexpr const char* TRACE_FILE = "OrvaneAPI/source/OrvaneHexfile";
 
-constexpr std::size_t kMaxLineLength = 1024;
-constexpr uint32_t kBytesPerRecord = 16;
-constexpr uint64_t kAddressSpace = 0x100000000ull;
-constexpr uint32_t kDumpBytesPerLine = 16;
+constexpr std::size_t MAX_LINE_LENGTH = 1024;
+constexpr uint32_t BYTES_PER_RECORD = 16;
+constexpr uint64_t ADDRESS_SPACE = 0x100000000ull;
+constexpr uint32_t DUMP_BYTES_PER_LINE = 16;
 
-const char* const kBinaryRefused =
+const char* const BINARY_REFUSED =
     "Data could not be saved in binary format because of StartAddress != 0 OR multiple blocks in hex data.\n\n";
 
-// Callers build a trace text only when its level is active, so a dormant
-// trace server costs one comparison.
+// Callers build a trace text only when a viewer would receive it.
 bool TraceActive(unsigned char nLevel)
 {
-    return (CTraceServer::m_nActiveLevels.load(std::memory_order_relaxed) & nLevel) != 0;
+    return CTraceServer::IsActive(nLevel, TRACE_CATEGORY, TRACE_MASK);
 }
 
 void Trace(unsigned char nLevel, unsigned short nLine, const char* pcText)
 {
-    CTraceServer::SendTraceMessage(nLevel, kTraceCategory, kTraceMask, nLine, kTraceFile, pcText, 0);
+    CTraceServer::SendTraceMessage(nLevel, TRACE_CATEGORY, TRACE_MASK, nLine, TRACE_FILE, pcText, 0);
 }
 
 // Hex digit in either case; any other character counts as 0.
@@ -61,7 +60,7 @@ bool IsBlank(const std::string& sLine)
     return std::all_of(sLine.begin(), sLine.end(), [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
 }
 
-// One line up to '\n' (not stored); characters past kMaxLineLength are
+// One line up to '\n' (not stored); characters past MAX_LINE_LENGTH are
 // dropped. False when the input had nothing left.
 bool ReadLine(std::istream& oInput, std::string& sLine)
 {
@@ -75,7 +74,7 @@ bool ReadLine(std::istream& oInput, std::string& sLine)
         bAny = true;
         if (nChar == '\n')
             return true;
-        if (sLine.size() < kMaxLineLength)
+        if (sLine.size() < MAX_LINE_LENGTH)
             sLine.push_back(static_cast<char>(nChar));
     }
     return bAny;
@@ -110,10 +109,10 @@ bool SMemoryBlock::operator==(const SMemoryBlock& oOther) const
 
 void CByteMap::SetByte(uint32_t nAddress, unsigned char nValue)
 {
-    const uint32_t nPage = nAddress & ~(kPageSize - 1);
+    const uint32_t nPage = nAddress & ~(PAGE_SIZE - 1);
     std::vector<std::pair<unsigned char, bool>>& aoPage = m_aoPages[nPage];
     if (aoPage.empty())
-        aoPage.resize(kPageSize);
+        aoPage.resize(PAGE_SIZE);
     aoPage[nAddress - nPage] = {nValue, true};
 }
 
@@ -134,7 +133,7 @@ void CByteMap::ToMemoryBlocks(std::vector<SMemoryBlock*>& aoBlocks) const
     };
     for (const auto& oPage : m_aoPages)
     {
-        for (uint32_t i = 0; i < kPageSize; ++i)
+        for (uint32_t i = 0; i < PAGE_SIZE; ++i)
         {
             if (!oPage.second[i].second)
             {
@@ -360,7 +359,7 @@ int COrvaneHexfile::LoadFileBinary(const char* pcName)
         m_sErrorMessage = "File <" + sName + ">: could not be opened.\n\n";
         return HEXFILE_FILE_ERROR;
     }
-    if (static_cast<uint64_t>(nLength) >= kAddressSpace)
+    if (static_cast<uint64_t>(nLength) >= ADDRESS_SPACE)
     {
         m_sErrorMessage = "File <" + sName + ">: larger than the 32-bit address space.\n\n";
         return HEXFILE_NOT_SUPPORTED;
@@ -387,7 +386,7 @@ int COrvaneHexfile::SaveFile(const char* pcName, EType nType)
     // Refused before opening, so an existing file is not truncated for nothing.
     if (nType != eIntel && nType != eMotorola && !CanSaveBinary())
     {
-        m_sErrorMessage = kBinaryRefused;
+        m_sErrorMessage = BINARY_REFUSED;
         return HEXFILE_NOT_SUPPORTED;
     }
     std::ofstream oFile(sName, std::ios::out | std::ios::trunc | std::ios::binary);
@@ -412,12 +411,12 @@ int COrvaneHexfile::SaveAsFileIntel(std::ostream& oOutput) const
     std::string sLine;
     for (const SMemoryBlock* poBlock : m_aoMemoryBlocks)
     {
-        for (uint32_t nOffset = 0; nOffset < poBlock->m_nSize; nOffset += kBytesPerRecord)
+        for (uint32_t nOffset = 0; nOffset < poBlock->m_nSize; nOffset += BYTES_PER_RECORD)
         {
             // Records follow the block's start, so one may run across a
             // 64 KiB boundary: readers add its offset to the base unwrapped.
             const uint32_t nAddress = poBlock->m_nStartAddress + nOffset;
-            const uint32_t nLength = std::min(kBytesPerRecord, poBlock->m_nSize - nOffset);
+            const uint32_t nLength = std::min(BYTES_PER_RECORD, poBlock->m_nSize - nOffset);
             if (nAddress >> 16 != nUpper)
             {
                 nUpper = nAddress >> 16;
@@ -450,10 +449,10 @@ int COrvaneHexfile::SaveAsFileMotorola(std::ostream& oOutput) const
     std::string sLine;
     for (const SMemoryBlock* poBlock : m_aoMemoryBlocks)
     {
-        for (uint32_t nOffset = 0; nOffset < poBlock->m_nSize; nOffset += kBytesPerRecord)
+        for (uint32_t nOffset = 0; nOffset < poBlock->m_nSize; nOffset += BYTES_PER_RECORD)
         {
             const uint32_t nAddress = poBlock->m_nStartAddress + nOffset;
-            const uint32_t nLength = std::min(kBytesPerRecord, poBlock->m_nSize - nOffset);
+            const uint32_t nLength = std::min(BYTES_PER_RECORD, poBlock->m_nSize - nOffset);
             const uint32_t nAddressBytes = nAddress <= 0xFFFF ? 2 : nAddress <= 0xFFFFFF ? 3 : 4;
             const uint32_t nCount = nLength + nAddressBytes + 1;
             sLine = nAddressBytes == 2 ? "S1" : nAddressBytes == 3 ? "S2" : "S3";
@@ -479,7 +478,7 @@ int COrvaneHexfile::SaveAsFileBinary(std::ostream& oOutput)
 {
     if (!CanSaveBinary())
     {
-        m_sErrorMessage = kBinaryRefused;
+        m_sErrorMessage = BINARY_REFUSED;
         return HEXFILE_NOT_SUPPORTED;
     }
     const SMemoryBlock* poBlock = m_aoMemoryBlocks.front();
@@ -508,7 +507,7 @@ int COrvaneHexfile::AddMemoryBlock(SMemoryBlock* poBlock)
         delete poBlock;
         return 0;
     }
-    if (BlockEnd(poBlock) > kAddressSpace)
+    if (BlockEnd(poBlock) > ADDRESS_SPACE)
     {
         char acText[128];
         std::snprintf(acText, sizeof acText, "Memory block at 0x%08X with %u byte runs past address 0xFFFFFFFF.",
@@ -627,10 +626,10 @@ std::string COrvaneHexfile::MemDumpLine(uint32_t nAddress) const
         sLine.push_back(kDigits[(nAddress >> nShift) & 0xF]);
     sLine.push_back(' ');
     std::string sChars;
-    for (uint32_t i = 0; i < kDumpBytesPerLine; ++i)
+    for (uint32_t i = 0; i < DUMP_BYTES_PER_LINE; ++i)
     {
         const uint64_t nByteAddress = static_cast<uint64_t>(nAddress) + i;
-        const int nByte = nByteAddress < kAddressSpace ? GetDataByte(static_cast<uint32_t>(nByteAddress)) : -1;
+        const int nByte = nByteAddress < ADDRESS_SPACE ? GetDataByte(static_cast<uint32_t>(nByteAddress)) : -1;
         if (nByte < 0)
         {
             sLine += "-- ";
@@ -643,7 +642,7 @@ std::string COrvaneHexfile::MemDumpLine(uint32_t nAddress) const
             sLine.push_back(' ');
             sChars.push_back(std::isprint(nByte) ? static_cast<char>(nByte) : '.');
         }
-        if (i == kDumpBytesPerLine / 2 - 1)
+        if (i == DUMP_BYTES_PER_LINE / 2 - 1)
             sLine.push_back(' ');
     }
     return sLine + sChars;
@@ -652,7 +651,7 @@ std::string COrvaneHexfile::MemDumpLine(uint32_t nAddress) const
 uint32_t COrvaneHexfile::GetNumberOfBytesNeedForLine()
 {
     // "0x", 8 digits, blank, 16 columns of 3, the middle blank, 16 characters, line end.
-    return 2 + 8 + 1 + 3 * kDumpBytesPerLine + 1 + kDumpBytesPerLine + 1;
+    return 2 + 8 + 1 + 3 * DUMP_BYTES_PER_LINE + 1 + DUMP_BYTES_PER_LINE + 1;
 }
 
 std::string COrvaneHexfile::MemDump(uint32_t nAddress, uint32_t nLength) const
@@ -664,12 +663,12 @@ std::string COrvaneHexfile::MemDump(uint32_t nAddress, uint32_t nLength) const
     {
         const uint64_t nFrom = std::max<uint64_t>(nAddress, poBlock->m_nStartAddress);
         const uint64_t nTo = std::min(nEnd, BlockEnd(poBlock));
-        for (uint64_t nLine = std::max(nFrom & ~uint64_t(kDumpBytesPerLine - 1), nNextLine); nLine < nTo;
-             nLine += kDumpBytesPerLine)
+        for (uint64_t nLine = std::max(nFrom & ~uint64_t(DUMP_BYTES_PER_LINE - 1), nNextLine); nLine < nTo;
+             nLine += DUMP_BYTES_PER_LINE)
         {
             sDump += MemDumpLine(static_cast<uint32_t>(nLine));
             sDump.push_back('\n');
-            nNextLine = nLine + kDumpBytesPerLine;
+            nNextLine = nLine + DUMP_BYTES_PER_LINE;
         }
     }
     return sDump;

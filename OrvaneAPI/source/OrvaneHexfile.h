@@ -42,12 +42,12 @@ struct SMemoryBlock
     std::vector<unsigned char> m_acData;
 };
 
-// The sparse byte map used while a file is read: pages of kPageSize
+// The sparse byte map used while a file is read: pages of PAGE_SIZE
 // (byte, present) pairs keyed by the page's first address.
 class CByteMap
 {
 public:
-    static constexpr uint32_t kPageSize = 256;
+    static constexpr uint32_t PAGE_SIZE = 256;
 
     // Stores one byte (a later value for the same address wins).
     void SetByte(uint32_t nAddress, unsigned char nValue);

@@ -62,9 +62,9 @@ bool COrvaneMsg::SetMessage(const void* pRaw, unsigned short nSize)
         return false;
     }
     const unsigned char* p = AsBytes(pRaw);
-    FromChar(m_nLength, p);
-    FromChar(m_nCmdCode, p + 2);
-    FromChar(m_nMsgID, p + 4);
+    m_nLength = KelGetLE<unsigned short>(p);
+    m_nCmdCode = KelGetLE<unsigned short>(p + 2);
+    m_nMsgID = KelGetLE<short>(p + 4);
     m_sData.assign(reinterpret_cast<const char*>(p + HEADER_SIZE), nSize - MIN_TELEGRAM_SIZE);
     m_nCRC = p[nSize - 1];
     return IsValid();
@@ -102,78 +102,4 @@ std::size_t COrvaneMsg::CopyMessageData(void* pBuffer, std::size_t nSize) const
         std::memcpy(p + HEADER_SIZE, m_sData.data(), m_sData.size());
     p[HEADER_SIZE + m_sData.size()] = static_cast<char>(m_nCRC);
     return nWire;
-}
-
-std::string COrvaneMsg::ToChar(short nValue)
-{
-    return KelToLE(nValue);
-}
-std::string COrvaneMsg::ToChar(unsigned short nValue)
-{
-    return KelToLE(nValue);
-}
-std::string COrvaneMsg::ToChar(int nValue)
-{
-    return KelToLE(nValue);
-}
-std::string COrvaneMsg::ToChar(unsigned int nValue)
-{
-    return KelToLE(nValue);
-}
-std::string COrvaneMsg::ToChar(long long nValue)
-{
-    return KelToLE(nValue);
-}
-std::string COrvaneMsg::ToChar(unsigned long long nValue)
-{
-    return KelToLE(nValue);
-}
-
-void COrvaneMsg::FromChar(short& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<short>(p);
-}
-void COrvaneMsg::FromChar(unsigned short& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<unsigned short>(p);
-}
-void COrvaneMsg::FromChar(int& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<int>(p);
-}
-void COrvaneMsg::FromChar(unsigned int& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<unsigned int>(p);
-}
-void COrvaneMsg::FromChar(long long& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<long long>(p);
-}
-void COrvaneMsg::FromChar(unsigned long long& nValue, const unsigned char* p)
-{
-    nValue = KelGetLE<unsigned long long>(p);
-}
-void COrvaneMsg::FromChar(short& nValue, const char* p)
-{
-    nValue = KelGetLE<short>(p);
-}
-void COrvaneMsg::FromChar(unsigned short& nValue, const char* p)
-{
-    nValue = KelGetLE<unsigned short>(p);
-}
-void COrvaneMsg::FromChar(int& nValue, const char* p)
-{
-    nValue = KelGetLE<int>(p);
-}
-void COrvaneMsg::FromChar(unsigned int& nValue, const char* p)
-{
-    nValue = KelGetLE<unsigned int>(p);
-}
-void COrvaneMsg::FromChar(long long& nValue, const char* p)
-{
-    nValue = KelGetLE<long long>(p);
-}
-void COrvaneMsg::FromChar(unsigned long long& nValue, const char* p)
-{
-    nValue = KelGetLE<unsigned long long>(p);
 }

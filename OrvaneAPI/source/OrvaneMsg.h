@@ -78,29 +78,6 @@ public:
         return static_cast<unsigned short>(((nDeviceType & 0x7F) << 8) | nCommand);
     }
 
-    // Little-endian bytes of a value, as used in every payload.
-    static std::string ToChar(short nValue);
-    static std::string ToChar(unsigned short nValue);
-    static std::string ToChar(int nValue);
-    static std::string ToChar(unsigned int nValue);
-    static std::string ToChar(long long nValue);
-    static std::string ToChar(unsigned long long nValue);
-
-    // Reads a little-endian value of the width of nValue from p.
-    // No bounds checks: the caller guarantees the bytes are there.
-    static void FromChar(short& nValue, const unsigned char* p);
-    static void FromChar(unsigned short& nValue, const unsigned char* p);
-    static void FromChar(int& nValue, const unsigned char* p);
-    static void FromChar(unsigned int& nValue, const unsigned char* p);
-    static void FromChar(long long& nValue, const unsigned char* p);
-    static void FromChar(unsigned long long& nValue, const unsigned char* p);
-    static void FromChar(short& nValue, const char* p);
-    static void FromChar(unsigned short& nValue, const char* p);
-    static void FromChar(int& nValue, const char* p);
-    static void FromChar(unsigned int& nValue, const char* p);
-    static void FromChar(long long& nValue, const char* p);
-    static void FromChar(unsigned long long& nValue, const char* p);
-
 private:
     void Clear();
 

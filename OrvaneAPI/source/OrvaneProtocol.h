@@ -283,7 +283,10 @@ enum ECommand : unsigned short
 
 // Progress of a block write, sent by the programmer on its own.
 // s16 message ID of the write request, u8 progress, u16 bytes written.
-constexpr unsigned short eIndWriteStatus = Code(0xE1);
+enum EIndication : unsigned short
+{
+    eIndWriteStatus = Code(0xE1)
+};
 constexpr unsigned int WRITE_STATUS_SIZE = 5;
 
 // Progress values of a write-status indication; any other value is the

@@ -6,21 +6,21 @@
 #include "AWirePortModel.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
+#include "support/AWireFiles.h"
 #include "support/ClientSeams.h"
 #include "support/Wait.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
-#include <random>
 #include <thread>
 #include <vector>
 
 using namespace GatewaySim;
+using namespace ApiTest;
 using ClientTest::Out;
 
 namespace
@@ -39,8 +39,10 @@ std::string Wire(const COrvaneMsg& oMsg)
 }
 
 // A client wired to a programmer model. The peer thread completes the
-// oldest pending write as soon as two are pending, or once the client has
-// sent nothing new for a while (the end of a file); Hold stops it.
+// oldest pending write as soon as two are pending, or at once when every
+// byte of the file the test announced (ExpectFile; none: single writes) has
+// been sent; Hold stops it. A client that never keeps two writes pending in
+// the middle of a file therefore stalls, and its test fails.
 class CPeerClient : public COrvaneClientAWire
 {
 public:
@@ -65,8 +67,7 @@ public:
     {
         const SAWireOutcome oOutcome = m_oModel.Handle(oRequest);
         {
-            std::lock_guard<std::mutex> oLock(m_oMutex);
-            ++m_nRequests;
+            std::lock_guard<std::mutex> oLock(m_oMutex); // orders the model's change before the peer's check
         }
         m_oWake.notify_all();
         if (oOutcome.bConfirm)
@@ -85,25 +86,40 @@ public:
         m_oWake.notify_all();
     }
 
+    // The data bytes of the file about to be written.
+    void ExpectFile(std::size_t nBytes)
+    {
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        m_nFileBytes = nBytes;
+    }
+
     CAWirePortModel m_oModel;
 
 private:
+    // Under m_oMutex: whether the oldest pending write is to be completed now.
+    bool Due() const
+    {
+        const std::size_t nPending = m_oModel.PendingWrites();
+        if (m_bHold || nPending == 0)
+            return false;
+        if (nPending >= 2)
+            return true;
+        std::size_t nSent = 0;
+        for (unsigned int nLength : m_oModel.WriteLengths())
+            nSent += nLength;
+        return nSent >= m_nFileBytes;
+    }
+
+    // Every change of the model's writes comes with a request (SendMsg), and
+    // every change of the settings with a notification.
     void PeerLoop()
     {
         std::unique_lock<std::mutex> oLock(m_oMutex);
-        while (!m_bStop)
+        for (;;)
         {
-            const unsigned long long nSeen = m_nRequests;
-            const std::size_t nPending = m_oModel.PendingWrites();
-            if (m_bHold || nPending == 0)
-            {
-                m_oWake.wait_for(oLock, std::chrono::milliseconds(5));
-                continue;
-            }
-            // With one write pending, give the client time to send its next.
-            if (nPending == 1 &&
-                m_oWake.wait_for(oLock, std::chrono::milliseconds(50), [&] { return m_bStop || m_nRequests != nSeen; }))
-                continue;
+            m_oWake.wait(oLock, [&] { return m_bStop || Due(); });
+            if (m_bStop)
+                return;
             oLock.unlock();
             for (const COrvaneMsg& oInd : m_oModel.CompleteOldest())
                 Feed(Wire(oInd));
@@ -115,46 +131,17 @@ private:
     std::condition_variable m_oWake;
     bool m_bStop = false;
     bool m_bHold = false;
-    unsigned long long m_nRequests = 0;
+    std::size_t m_nFileBytes = 0;
     std::thread m_oPeer;
 };
 
-struct SImageBlock
+// The data bytes of the blocks, as the file writer sends them.
+std::size_t FileBytes(const std::vector<SImageBlock>& aoBlocks)
 {
-    unsigned int nAddress;
-    std::vector<unsigned char> acData;
-};
-
-// Writes the blocks as an Intel hex file; returns its name.
-std::string WriteHexFile(const std::string& sName, std::vector<SImageBlock>& aoBlocks)
-{
-    std::mt19937 oRandom(static_cast<unsigned int>(aoBlocks.size() * 7919 + aoBlocks[0].acData.size()));
-    COrvaneHexfile oHex;
-    for (SImageBlock& oBlock : aoBlocks)
-    {
-        for (unsigned char& c : oBlock.acData)
-            c = static_cast<unsigned char>(oRandom());
-        oHex.AddMemoryBlock(oBlock.nAddress, oBlock.acData.data(), static_cast<uint32_t>(oBlock.acData.size()));
-    }
-    const std::string sPath = ::testing::TempDir() + sName;
-    EXPECT_EQ(oHex.SaveFile(sPath.c_str(), COrvaneHexfile::eIntel), 0);
-    return sPath;
-}
-
-// Polls the file status until the writer is gone; the last step seen and
-// every percentage on the way.
-FileStep::EFileStep PollToEnd(COrvaneClientAWire& oClient, std::vector<unsigned char>& anPercent)
-{
-    FileStep::EFileStep nStep = FileStep::ePrepared;
-    unsigned char nPercent = 0;
-    const bool bEnded = WaitUntil([&] {
-        if (oClient.GetWriteFileStatus(nStep, nPercent) != 0)
-            return true;
-        anPercent.push_back(nPercent);
-        return false;
-    });
-    EXPECT_TRUE(bEnded) << "the file writer did not end";
-    return nStep;
+    std::size_t nBytes = 0;
+    for (const SImageBlock& oBlock : aoBlocks)
+        nBytes += oBlock.acData.size();
+    return nBytes;
 }
 
 } // namespace
@@ -195,6 +182,7 @@ TEST_P(AWireFileWrite, WholeFileWrittenAndVerified)
     oSettings.nPageSize = oCase.nPageSize;
     CPeerClient oClient(oSettings);
     const std::string sFile = WriteHexFile("awire_whole_" + std::to_string(GetParam()) + ".hex", oCase.aoBlocks);
+    oClient.ExpectFile(FileBytes(oCase.aoBlocks));
 
     ASSERT_EQ(oClient.WriteFile(sFile), 0);
     EXPECT_EQ(oClient.GetPageSize(), oCase.nPageSize);
@@ -230,6 +218,7 @@ TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
     CPeerClient oClient(oSettings);
     std::vector<SImageBlock> aoBlocks = {{0, std::vector<unsigned char>(5 * 32768)}};
     const std::string sFile = WriteHexFile("awire_fail.hex", aoBlocks);
+    oClient.ExpectFile(FileBytes(aoBlocks));
 
     ASSERT_EQ(oClient.WriteFile(sFile), 0);
     FileStep::EFileStep nStep = FileStep::ePrepared;
@@ -269,6 +258,7 @@ TEST(AWireFileWriteFaults, RefusalAndStopHalfway)
     {
         std::unique_ptr<CPeerClient> oClient(new CPeerClient(SAWireSettings()));
         oClient->Hold(true);
+        oClient->ExpectFile(FileBytes(aoBlocks));
         ASSERT_EQ(oClient->WriteFile(sFile), 0);
         ASSERT_TRUE(WaitUntil([&] { return oClient->m_oModel.PendingWrites() == 2; }));
         short nId = 0;
@@ -361,6 +351,12 @@ TEST(AWireCommands, ConfigReadVerify)
     unsigned short nReceived = 0;
     ASSERT_EQ(oClient.Read(0x1000, 8, acBuffer, nReceived), 0);
     EXPECT_EQ(Out(nReceived, std::string(acBuffer, 8)), "8 " + sData + "\xFF\xFF");
+    // A confirmation with more bytes than asked for fills only what was asked.
+    ClientTest::CScripted<COrvaneClientAWire> oLong;
+    oLong.ReplyWith("00 01 02 03");
+    char acTwo[3] = {'x', 'x', 'x'};
+    ASSERT_EQ(oLong.Read(0, 2, acTwo, nReceived), 0);
+    EXPECT_EQ(Out(nReceived, std::string(acTwo, 3)), "2 \x01\x02x");
 
     EXPECT_EQ(oClient.Verify(0x1000, 6, sData.data()), 0);
     EXPECT_EQ(oClient.Verify(0x1000, 7, (sData + "\x07").data()), 255);

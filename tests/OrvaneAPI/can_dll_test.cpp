@@ -370,17 +370,6 @@ protected:
         m_anHandles.push_back(nHandle);
         return nHandle;
     }
-    // After this, every frame that nWriter wrote has been handled by
-    // nReader's receive thread: the simulator puts a written frame on the
-    // bus before it reads the writer's next request, and the reader's
-    // confirmation comes behind the indications on its stream.
-    static void Sync(int nWriter, int nReader)
-    {
-        unsigned char nMode = 0;
-        ASSERT_EQ(CANopenGetConfig(nWriter, &nMode), 0);
-        ASSERT_EQ(CANopenGetConfig(nReader, &nMode), 0);
-    }
-
     CApiSim m_oSim;
     std::vector<int> m_anHandles;
 };
@@ -420,8 +409,9 @@ TEST_F(DllCanTest, OpenConfigureAndReadBack)
     EXPECT_GE(nSeconds, 1000) << "the gateway's clock, set above";
 }
 
-// The simulator's encoders against the client's decoders, end to end.
-TEST_F(DllCanTest, FramesAndCANopenServicesReachTheOtherHandle)
+// The simulator's frame encoder against the client's decoder, end to end;
+// the CANopen services are pinned byte for byte on both sides.
+TEST_F(DllCanTest, FramesReachTheOtherHandle)
 {
     const int nReader = Open(), nWriter = Open();
     ASSERT_EQ(CANSetCallback(nReader, OnFrame), 0);
@@ -438,49 +428,6 @@ TEST_F(DllCanTest, FramesAndCANopenServicesReachTheOtherHandle)
     EXPECT_EQ(Calls()[1], "frame 28036591  1" + sR);
     EXPECT_EQ(Calls()[2].rfind("frameEx 293 stamped 4" + sR + " ", 0), 0u) << Calls()[2];
     EXPECT_NE(Calls()[2].substr(Calls()[2].size() - 4), " 0 0") << "stamped";
-
-    // SYNC, EMCY of node 5, transmit PDO 1 of node 5, heartbeat of node 5, and
-    // a frame of no service: through the callbacks, then the pollers.
-    ClearCalls();
-    ASSERT_EQ(CANSetGlobals(nReader, 500000, 0, 0, 0, 0), 0);
-    ASSERT_EQ(CANopenSetConfig(nReader, 1), 0);
-    const auto WriteServices = [&] {
-        ASSERT_EQ(CANWrite(nWriter, 0x080, "\x09", 1, 0), 0);
-        ASSERT_EQ(CANWrite(nWriter, 0x085, "\x30\x81\x11\x00\x00\x00\x00\x00", 8, 0), 0);
-        ASSERT_EQ(CANWrite(nWriter, 0x185, "pd", 2, 0), 0);
-        ASSERT_EQ(CANWrite(nWriter, 0x705, "\x7F", 1, 0), 0);
-        ASSERT_EQ(CANWrite(nWriter, 0x321, "u", 1, 0), 0);
-    };
-    ASSERT_EQ(CANopenSetCallback(nReader, OnPDO, OnSYNC, OnEMCY, OnGUARD, OnUndefined), 0);
-    WriteServices();
-    ASSERT_TRUE(WaitCalls(5));
-    EXPECT_EQ(Calls(),
-              (std::vector<std::string>{"sync 9" + sR + " 0 0", "emcy 5 33072 17 " + Bytes("\0\0\0\0\0", 5) + sR,
-                                        "pdo 5 1 pd" + sR + " 0 0", "guard 5 127" + sR,
-                                        "undefined 801 33 3 u" + sR + " 0 0"}));
-
-    ASSERT_EQ(CANopenSetCallback(nReader, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
-    ASSERT_EQ(CANSetMaxSizePerQueue(nReader, 10), 0);
-    WriteServices();
-    Sync(nWriter, nReader);
-    int nAvailable = 9, nId = 0;
-    unsigned char nNode = 0, nValue = 0, nLength = 0, anBytes[8] = {};
-    unsigned short nCode = 0;
-    char acData[72] = {};
-    int r = CANopenGetSYNC(nReader, &nAvailable, &nValue);
-    EXPECT_EQ(Out(r, nAvailable, nValue), "0 0 9");
-    r = CANopenGetEMCY(nReader, &nAvailable, &nNode, &nCode, &nValue, anBytes);
-    EXPECT_EQ(Out(r, nCode), "0 33072");
-    r = CANopenGetPDO(nReader, &nAvailable, &nNode, &nValue, &nLength, acData);
-    EXPECT_EQ(Out(r, Bytes(acData, nLength)), "0 pd");
-    r = CANopenGetGUARD(nReader, &nAvailable, &nNode, &nValue);
-    EXPECT_EQ(Out(r, nValue), "0 127");
-    r = CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr);
-    EXPECT_EQ(Out(r, nId), "0 801");
-    EXPECT_EQ(CANopenGetUndefined(nReader, &nAvailable, &nId, nullptr, nullptr, &nLength, acData, nullptr, nullptr), 0);
-    EXPECT_EQ(nAvailable, -1);
-    EXPECT_EQ(CANGetMessage(nReader, &nAvailable, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), 0);
-    EXPECT_EQ(nAvailable, -1) << "CANopen traffic does not reach the frame queue";
 }
 
 TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
@@ -489,63 +436,27 @@ TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
     ASSERT_EQ(CANCloseDevice(nHandle), 0);
     ASSERT_TRUE(WaitUntil([&] { return m_oSim.ConnectedClients() == 0; }));
 
-    // Each output starts at a value no function would write.
-    unsigned int nU = 0xDEAD, anU[4] = {0xDEAD};
-    int nI = 0xDEAD, anI[16] = {0xDEAD};
+    // A sample of every kind of function: closing, state, settings with
+    // outputs, writing, a poller, a CANopen service. Each output starts at a
+    // value no function would write.
+    unsigned int nU = 0xDEAD;
+    int nI = 0xDEAD;
     unsigned char nC = 0xAD, anC[8] = {0xAD};
-    unsigned short nS = 0xDEAD, anS[4] = {0xDEAD};
-    short nSigned = 0x1EAD;
+    unsigned short nS = 0xDEAD;
     char acData[72] = {'u'};
     const std::vector<std::pair<const char*, std::function<int(int)>>> aoCalls = {
         {"CANCloseDevice", [&](int h) { return CANCloseDevice(h); }},
         {"CANDeviceConnectState", [&](int h) { return CANDeviceConnectState(h); }},
-        {"CANStartAlive", [&](int h) { return CANStartAlive(h, 5); }},
-        {"CANSetGlobals", [&](int h) { return CANSetGlobals(h, 125000, 0, 1, 1, 1); }},
         {"CANGetGlobals", [&](int h) { return CANGetGlobals(h, &nU, &nC, &nI, &nI, &nI); }},
-        {"CANSetFilter", [&](int h) { return CANSetFilter(h, anI); }},
-        {"CANGetFilter", [&](int h) { return CANGetFilter(h, anI); }},
-        {"CANSetTime", [&](int h) { return CANSetTime(h, 1, 2); }},
-        {"CANGetTime", [&](int h) { return CANGetTime(h, &nI, &nI, &nI); }},
-        {"CANGetPowerStatus",
-         [&](int h) { return CANGetPowerStatus(h, 4, &nC, 4, &nC, 4, &nC, &nSigned, &nS, &nS, &nI, anS, anI, anI); }},
-        {"CANSetPowerRelais", [&](int h) { return CANSetPowerRelais(h, 1); }},
-        {"CANSetActivePowerSupplies", [&](int h) { return CANSetActivePowerSupplies(h, 3); }},
-        {"CANWrite", [&](int h) { return CANWrite(h, 1, "a", 1, 0); }},
         {"CANWriteEx", [&](int h) { return CANWriteEx(h, 1, "a", 1, 0, &nI, &nI); }},
-        {"CANSetCallback", [&](int h) { return CANSetCallback(h, OnFrame); }},
-        {"CANSetCallbackEx", [&](int h) { return CANSetCallbackEx(h, OnFrameEx); }},
-        {"CANSetMaxSizePerQueue", [&](int h) { return CANSetMaxSizePerQueue(h, 10); }},
         {"CANGetMessage", [&](int h) { return CANGetMessage(h, &nI, &nI, acData, &nC, &nI, &nI, &nI); }},
-        {"CANReadDigital", [&](int h) { return CANReadDigital(h, &nU, &nU); }},
-        {"CANWriteDigital", [&](int h) { return CANWriteDigital(h, 1); }},
-        {"CANReadAnalog", [&](int h) { return CANReadAnalog(h, anU, 4, &nS); }},
-        {"CANWriteAnalog", [&](int h) { return CANWriteAnalog(h, anU, 1); }},
-        {"CANopenSetCallback", [&](int h) { return CANopenSetCallback(h, OnPDO, OnSYNC, OnEMCY, OnGUARD, nullptr); }},
-        {"CANopenGetPDO", [&](int h) { return CANopenGetPDO(h, &nI, &nC, &nC, &nC, acData); }},
-        {"CANopenGetSYNC", [&](int h) { return CANopenGetSYNC(h, &nI, &nC); }},
-        {"CANopenGetEMCY", [&](int h) { return CANopenGetEMCY(h, &nI, &nC, &nS, &nC, anC); }},
-        {"CANopenGetGUARD", [&](int h) { return CANopenGetGUARD(h, &nI, &nC, &nC); }},
-        {"CANopenGetUndefined",
-         [&](int h) { return CANopenGetUndefined(h, &nI, &nI, &nC, &nC, &nC, acData, &nI, &nI); }},
-        {"CANopenSetConfig", [&](int h) { return CANopenSetConfig(h, 1); }},
-        {"CANopenGetConfig", [&](int h) { return CANopenGetConfig(h, &nC); }},
-        {"CANopenSetSYNCMode", [&](int h) { return CANopenSetSYNCMode(h, 100); }},
-        {"CANopenSendNMT", [&](int h) { return CANopenSendNMT(h, 1, 1); }},
-        {"CANopenSendSYNC", [&](int h) { return CANopenSendSYNC(h); }},
-        {"CANopenSendTIME", [&](int h) { return CANopenSendTIME(h, 1, 2); }},
-        {"CANopenSendPDO", [&](int h) { return CANopenSendPDO(h, 1, 1, 1, "a"); }},
-        {"CANopenSendSDORead", [&](int h) { return CANopenSendSDORead(h, 1, 0x1000, 0, 100, &nC, &nU); }},
-        {"CANopenSendSDOWrite", [&](int h) { return CANopenSendSDOWrite(h, 1, 0, 0x1000, 0, 100, 5, &nC, &nU); }},
         {"CANopenSendSDOReadBlock",
          [&](int h) { return CANopenSendSDOReadBlock(h, 1, 0x1000, 0, 100, 4, &nC, &nS, anC); }},
-        {"CANopenSendSDOWriteBlock",
-         [&](int h) { return CANopenSendSDOWriteBlock(h, 1, 0x1000, 0, 100, 1, anC, &nC, &nU); }},
     };
     for (int nBad : {nHandle, 0, -1, 1000000})
         for (const auto& oCall : aoCalls)
             EXPECT_EQ(oCall.second(nBad), ORVANE_ERR_INVALID_HANDLE) << oCall.first << " on handle " << nBad;
-    EXPECT_EQ(Out(nU, anU[0], nI, anI[0], nC, anC[0], nS, anS[0], nSigned, acData[0]),
-              "57005 57005 57005 57005 173 173 57005 57005 7853 117");
+    EXPECT_EQ(Out(nU, nI, nC, anC[0], nS, acData[0]), "57005 57005 173 173 57005 117");
 }
 
 // Batches against a raw peer on 127.0.0.1, through a handle of the C

@@ -215,6 +215,12 @@ TEST(OrvaneClientCommands, ReadingConfirmations)
     c.ReplyWith("FF");
     r = c.SetConfig(false, false);
     EXPECT_EQ(Out(r, c.GetConfirmData()), "767 1");
+    // GetTime: valid flag, s32 seconds from byte 2, s32 microseconds from byte 6.
+    bool bValid = false;
+    timeval oTime = {};
+    c.ReplyWith("00 01 04 03 02 01 3F 42 0F 00");
+    r = c.GetTime(bValid, oTime);
+    EXPECT_EQ(Out(r, bValid, oTime.tv_sec, oTime.tv_usec), "0 1 16909060 999999");
 
     // ZCard and SDO values: signed bytes added, so a byte of 0x80 or more
     // borrows from the one above.

@@ -35,10 +35,8 @@ TEST(OrvaneClientTrace, RequestTexts)
     oClient.ReplyWith("00");
     const std::string H = " requested to " + oClient.GetConnection().GetHost();
     unsigned char n8;
-    unsigned short n16;
     unsigned int n32;
     bool b1, b2, b3;
-    SOrvaneDeviceInfo oInfo;
     struct SCase
     {
         std::function<int()> fnCall;
@@ -46,7 +44,6 @@ TEST(OrvaneClientTrace, RequestTexts)
     };
     const SCase aoCases[] = {
         {[&] { return oClient.Write(0x1AB, "\x01", 1, 0, nullptr, nullptr); }, "WRITE" + H + ",nIdentifier=0x1AB"},
-        {[&] { return oClient.SetConfig(true, false); }, "SET_CONFIG" + H + ", ConfirmData=1, Monitor=0"},
         {[&] { return oClient.SetGlobals(125000, 'x', true, false, true); },
          "SET_GLOBALS" + H + ", Operating mode=x, Baudrate=125000, Termination=1, HighSpeed=0, TimestampOn=1"},
         {[&] { return oClient.GetGlobals(n32, n8, b1, b2, b3); }, "GET_GLOBALS" + H},
@@ -54,25 +51,10 @@ TEST(OrvaneClientTrace, RequestTexts)
              return oClient.SetTime(timeval{5, 6});
          },
          "SET_TIME" + H + ", oTime.tv_sec=5, oTime.tv_usec=6"},
-        {[&] { return oClient.SetActivePowerSupplies(11); }, "SET_POWERACTIVESUPPLIES" + H + ", nBitmask=11"},
-        {[&] { return oClient.SetPowerRelais(true); }, "SET_POWERRELAIS" + H},
-        {[&] { return oClient.SetZCardParameter(5, 256, 512); },
-         "SET_ZCARD_PI" + H + ", ZCardInterval=5, ZCardIDStart=256, ZCardIDEnd=512"},
-        {[&] { return oClient.CANopenSetConfig(1); }, "CANOPEN_SET_CONFIG" + H + ", CANOpenModus=1"},
-        {[&] { return oClient.CANopenSetSYNCMode(100); }, "CANOPEN_SYNC_MODE" + H + ", PeriodTime=100"},
-        {[&] { return oClient.CANopenSendNMT(5, 1); }, "CANOPEN_NMT" + H + ", NodeID=5, NMTTyp=1"},
-        {[&] { return oClient.CANopenSendTIME(3, 4); }, "CANOPEN_TIME" + H + ", Day=3, Ms=4"},
-        {[&] { return oClient.CANopenSendPDO(5, 1, 1, "\x01"); }, "CANOPEN_PDO" + H + ", NodeID=5, PDOTyp=1"},
-        {[&] { return oClient.CANopenSendSDORead(5, 0x1000, 1, 10, n8, n32); },
-         "CANOPEN_SDO_READ" + H + ", NodeID=5, Index=4096, Subindex=1, Timeout=10"},
         {[&] { return oClient.CANopenSendSDOWrite(5, 2, 0x1000, 1, 10, 7, n8, n32); },
          "CANOPEN_SDO_WRITE" + H + ", NodeID=5, SDOWriteTyp=2, Index=4096, Subindex=1, Timeout=10, Value=7"},
-        {[&] { return oClient.CANopenSendSDOReadBlock(5, 0x1000, 1, 10, 0, n8, n16, nullptr); },
-         "CANOPEN_SDO_READ_BLOCK" + H},
         {[&] { return oClient.Restart(); }, "CLOSE" + H},
-        {[&] { return oClient.Info(&oInfo); }, "INFO" + H},
         {[&] { return oClient.ReadDigital(n32, n32); }, "READ DIGITAL" + H},
-        {[&] { return oClient.WriteAnalog(&n32, 1); }, "WRITE ANALOG" + H},
     };
 
     // Request texts only (level 4).

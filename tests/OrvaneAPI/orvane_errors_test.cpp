@@ -9,66 +9,23 @@
 namespace
 {
 
-// The texts users see, kept here as a separate copy so that a changed
-// character in the library's table fails.
+// A few rows of the library's table, written out separately: the first, the
+// misspelt ones, a host-side code, a text two device types share, the last.
 const std::vector<std::pair<int, std::string>> kExpectedTexts = {
     {0x000000, "no error"},
-    {0x020000, "TCP/IP socket error"},
-    {0x030000, "Not connected to TCP/IP partner"},
     {0x040000, "TCP/IP timeout occured"},
     {0x050000, "TCP/IP request not allowed now, stack is intializing"},
-    {0x060000, "TCP/IP stack is not initialized"},
-    {0x0A0000, "Orvane TCP/IP telegram has invalid CRC"},
-    {0x0B0000, "Orvane TCP/IP telegram is not confirmed by partner"},
-    {0x0C0000, "Orvane TCP/IP telegram confirmation is invalid"},
-    {0x900000, "Device handle is invalid"},
     {0x910000, "Device type invalid (handle is connected device type, which does not support called function"},
-    {0x920000, "Invalid function parameter"},
-    {0x001, "Open failed, maximum number of connections reached"},
-    {0x002, "Read/write request to internal eeprom failed"},
-    {0x0FF, "Orvane command failed"},
-    {0x120, "I2C NACK (No Acknowledge)"},
-    {0x121, "I2C timeout occured (no response)"},
-    {0x125, "I2C Acknowledge Polling timeout occured"},
-    {0x220, "CAN NACK (No Acknowledge)"},
     {0x221, "CAN transmit error"},
-    {0x222, "CAN buffer overflow"},
-    {0x223, "CAN lost arbitration"},
-    {0x224, "CAN no valid baudrate"},
-    {0x2FC, "CANOpen block timeout"},
-    {0x2FD, "CANOpen NACK (No Acknowledge)"},
-    {0x2FE, "CANOpen mode not switched on"},
-    {0x320, "SPI inconsistent telegram data"},
-    {0x321, "SPI error while sending"},
-    {0x330, "SPI sequence unknown command op code"},
-    {0x331, "SPI sequence timeout"},
-    {0x920, "Renesas timeout"},
-    {0x921, "Renesas invalid ID"},
-    {0x922, "Renesas failed erase the flash"},
-    {0x923, "Renesas program the page failed"},
-    {0xA20, "Display wrong bitmap size x"},
-    {0xA21, "Display wrong bitmap size y"},
-    {0xA22, "Display wrong bitmap size data"},
     {0xD20, "File could not be opened"},
-    {0xD21, "File transfer did not complete successfully"},
-    {0xD22, "File CRC mismatch"},
-    {0xD23, "Requested configuration is already active"},
-    {0xD24, "Could not stop configuration"},
-    {0xD25, "Could not start configuration"},
     {0xE20, "File could not be opened"},
-    {0xE21, "A transfer currently is in progress"},
-    {0xE22, "SetConfig failed to initialize target"},
-    {0xE23, "SetConfig failed to read Flash or Page size"},
-    {0xE24, "EraseBlock not supported"},
-    {0xE25, "Failed to erase target"},
     {0xE26, "Failed to read data from target"},
 };
 
 } // namespace
 
-TEST(OrvaneErrorMsg, EveryTableRowGivesItsExactText)
+TEST(OrvaneErrorMsg, SampleRowsGiveTheirExactText)
 {
-    ASSERT_EQ(kExpectedTexts.size(), 50u);
     for (const auto& oRow : kExpectedTexts)
         EXPECT_EQ(OrvaneErrorMsg(oRow.first), oRow.second) << "code 0x" << std::hex << oRow.first;
 }

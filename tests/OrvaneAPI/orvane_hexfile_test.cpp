@@ -6,14 +6,13 @@
 #include "OrvaneHexfile.h"
 #include "TraceServer.h"
 
+#include "support/TempDir.h"
 #include "support/TraceViewer.h"
 
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 
@@ -51,25 +50,9 @@ std::string Bytes(int nFirst, int nCount)
 class Hexfile : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char acDir[] = "/tmp/orvane-hexfile-XXXXXX";
-        ASSERT_NE(mkdtemp(acDir), nullptr);
-        m_sDir = acDir;
-    }
-    void TearDown() override { std::filesystem::remove_all(m_sDir); }
-
-    std::string Write(const std::string& sName, const std::string& sText) const
-    {
-        std::ofstream(m_sDir + "/" + sName, std::ios::binary) << sText;
-        return m_sDir + "/" + sName;
-    }
-    std::string Read(const std::string& sPath) const
-    {
-        std::ostringstream oText;
-        oText << std::ifstream(sPath, std::ios::binary).rdbuf();
-        return oText.str();
-    }
+    void SetUp() override { ASSERT_FALSE(m_oDir.Path().empty()); }
+    std::string Write(const std::string& sName, const std::string& sText) const { return m_oDir.Write(sName, sText); }
+    static std::string Read(const std::string& sPath) { return OrvaneTest::ReadFile(sPath); }
     Image Add(COrvaneHexfile& oFile, const Image& oBlocks)
     {
         for (const auto& oBlock : oBlocks)
@@ -79,7 +62,7 @@ protected:
         return oBlocks;
     }
 
-    std::string m_sDir;
+    OrvaneTest::CTempDir m_oDir;
 };
 
 // First in this program, so normally no extended address record has been read yet.
@@ -211,10 +194,10 @@ TEST_F(Hexfile, FileAnalysisGoesOnAfterBadLinesAndReportsTheLast)
     EXPECT_EQ(Of(oFile.GetMemoryBlocks()), (Image{{0, ":0100000011EE\n"}}));
     EXPECT_EQ(oFile.LoadFile(sIntel.c_str(), static_cast<COrvaneHexfile::EType>(7)), HEXFILE_NOT_SUPPORTED);
     EXPECT_EQ(oFile.GetErrorMessage(), "Inputfile format is not supported (use Intel or Motorola).");
-    EXPECT_EQ(oFile.LoadFile((m_sDir + "/none").c_str()), HEXFILE_FILE_ERROR);
-    EXPECT_EQ(oFile.GetErrorMessage(), "File <" + m_sDir + "/none> could not be opened.");
-    EXPECT_EQ(oFile.LoadFileBinary((m_sDir + "/none").c_str()), HEXFILE_FILE_ERROR);
-    EXPECT_EQ(oFile.GetErrorMessage(), "File <" + m_sDir + "/none>: could not be opened.\n\n");
+    EXPECT_EQ(oFile.LoadFile((m_oDir.Path() + "/none").c_str()), HEXFILE_FILE_ERROR);
+    EXPECT_EQ(oFile.GetErrorMessage(), "File <" + m_oDir.Path() + "/none> could not be opened.");
+    EXPECT_EQ(oFile.LoadFileBinary((m_oDir.Path() + "/none").c_str()), HEXFILE_FILE_ERROR);
+    EXPECT_EQ(oFile.GetErrorMessage(), "File <" + m_oDir.Path() + "/none>: could not be opened.\n\n");
 }
 
 TEST_F(Hexfile, WritersFollowTheRecordRules)
@@ -253,7 +236,7 @@ TEST_F(Hexfile, ImagesRoundTripThroughEveryForm)
                                {0xFFFFFFF0, Bytes(200, 16)}});
     for (COrvaneHexfile::EType nType : {COrvaneHexfile::eIntel, COrvaneHexfile::eMotorola})
     {
-        const std::string sPath = m_sDir + "/image";
+        const std::string sPath = m_oDir.Path() + "/image";
         ASSERT_EQ(oImage.SaveFile(sPath.c_str(), nType), 0);
         COrvaneHexfile oLoaded;
         ASSERT_EQ(oLoaded.LoadFile(sPath.c_str()), 0) << oLoaded.GetErrorMessage();
@@ -265,7 +248,7 @@ TEST_F(Hexfile, ImagesRoundTripThroughEveryForm)
 
     COrvaneHexfile oSingle;
     const Image oAtZero = Add(oSingle, {{0, Bytes(0, 300)}});
-    const std::string sBinary = m_sDir + "/image.bin";
+    const std::string sBinary = m_oDir.Path() + "/image.bin";
     ASSERT_EQ(oSingle.SaveFile(sBinary.c_str(), COrvaneHexfile::eBinary), 0);
     COrvaneHexfile oLoaded;
     ASSERT_EQ(oLoaded.LoadFile(sBinary.c_str()), 0);
@@ -287,7 +270,7 @@ TEST_F(Hexfile, BinaryNeedsOneBlockAtZeroAndSaveFailuresAreReported)
         EXPECT_EQ(Read(sPath), "old");
     }
     COrvaneHexfile oFile;
-    const std::string sBad = m_sDir + "/no/dir.hex";
+    const std::string sBad = m_oDir.Path() + "/no/dir.hex";
     EXPECT_EQ(oFile.SaveFile(sBad.c_str(), COrvaneHexfile::eIntel), HEXFILE_FILE_ERROR);
     EXPECT_EQ(oFile.GetErrorMessage(), "File " + sBad + " could not be saved.\n\n");
 }

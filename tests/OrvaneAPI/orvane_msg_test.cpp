@@ -1,5 +1,4 @@
 #include "OrvaneMsg.h"
-#include "support/ClientSeams.h"
 
 #include <gtest/gtest.h>
 
@@ -114,31 +113,4 @@ TEST(OrvaneMsgParse, FieldsLengthsAndCrc)
     EXPECT_FALSE(oMsg.IsValid());
     EXPECT_EQ(Fields(oMsg), "0203 261 12 A7");
     EXPECT_EQ(oMsg.GetData().size(), 6u);
-}
-
-TEST(OrvaneMsgByteOrder, EveryWidthAndSignLittleEndian)
-{
-    EXPECT_EQ(COrvaneMsg::ToChar(static_cast<short>(-2)), std::string("\xFE\xFF", 2));
-    EXPECT_EQ(COrvaneMsg::ToChar(static_cast<unsigned short>(0x1234)), std::string("\x34\x12", 2));
-    EXPECT_EQ(COrvaneMsg::ToChar(-1), std::string(4, '\xFF'));
-    EXPECT_EQ(COrvaneMsg::ToChar(0x80000001u), std::string("\x01\x00\x00\x80", 4));
-    EXPECT_EQ(COrvaneMsg::ToChar(0x0102030405060708LL), std::string("\x08\x07\x06\x05\x04\x03\x02\x01", 8));
-    EXPECT_EQ(COrvaneMsg::ToChar(0xF000000000000000ULL), std::string("\0\0\0\0\0\0\0\xF0", 8));
-
-    const unsigned char acBytes[] = {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x80, 0x55};
-    short nShort = 0;
-    unsigned short nUShort = 0;
-    int nInt = 0;
-    unsigned int nUInt = 0;
-    long long nLong = 0;
-    unsigned long long nULong = 0;
-    COrvaneMsg::FromChar(nShort, acBytes);
-    COrvaneMsg::FromChar(nUShort, acBytes);
-    COrvaneMsg::FromChar(nInt, acBytes);
-    COrvaneMsg::FromChar(nUInt, acBytes + 1);
-    COrvaneMsg::FromChar(nLong, acBytes);
-    COrvaneMsg::FromChar(nULong, reinterpret_cast<const char*>(acBytes + 1));
-    // 0x80FFFFFFFFFFFFFE and 0x5580FFFFFFFFFFFF.
-    EXPECT_EQ(ClientTest::Out(nShort, nUShort, nInt, nUInt, nLong, nULong),
-              "-2 65534 -2 4294967295 -9151314442816847874 6161205765219549183");
 }

@@ -4,13 +4,10 @@
 #include "OrvaneClientTestSystem.h"
 #include "OrvaneProtocol.h"
 #include "support/ClientSeams.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -22,22 +19,6 @@ namespace
 using CCOM = CScripted<COrvaneClientTestSystemCOM>;
 using CIO = CScripted<COrvaneClientTestSystemIO>;
 using CPWR = CScripted<COrvaneClientTestSystemPWR>;
-
-// A file in the test's temporary directory, removed again.
-class CTempFile
-{
-public:
-    CTempFile(const std::string& sName, const std::string& sContent)
-        : m_sPath(testing::TempDir() + std::to_string(getpid()) + "_" + sName)
-    {
-        std::ofstream(m_sPath, std::ios::binary) << sContent;
-    }
-    ~CTempFile() { std::remove(m_sPath.c_str()); }
-    const std::string& Path() const { return m_sPath; }
-
-private:
-    std::string m_sPath;
-};
 
 // Bytes (i * 7 + 3) & 0xFF.
 std::string Pattern(std::size_t nCount)
@@ -63,11 +44,12 @@ void AskForPieces(CCOM& oClient, int nAsks)
 TEST(TestSystemCOM, UploadInPiecesWhileTheDeviceAsks)
 {
     const std::string sContent = Pattern(70000);
-    const CTempFile oFile("upload.cfg", sContent);
-    const std::string sName = COrvaneClientTestSystemCOM::GetFileName(oFile.Path());
+    const OrvaneTest::CTempDir oDir;
+    const std::string sPath = oDir.Write("upload.cfg", sContent);
+    const std::string sName = COrvaneClientTestSystemCOM::GetFileName(sPath);
     CCOM oClient;
     AskForPieces(oClient, 2);
-    EXPECT_EQ(oClient.SendFile(oFile.Path()), 0);
+    EXPECT_EQ(oClient.SendFile(sPath), 0);
     const std::vector<COrvaneMsg> aoSent = oClient.Sent();
     ASSERT_EQ(aoSent.size(), 3u);
     // CRC-32 0xe0290e8e (zlib.crc32 of the pattern), size 70000.
@@ -85,22 +67,23 @@ TEST(TestSystemCOM, UploadInPiecesWhileTheDeviceAsks)
     // its last answer is the result.
     CCOM oGreedy;
     AskForPieces(oGreedy, -1);
-    EXPECT_EQ(oGreedy.SendFile(oFile.Path()), 0xD21);
+    EXPECT_EQ(oGreedy.SendFile(sPath), 0xD21);
     EXPECT_EQ(oGreedy.SentCount(), 3u);
 }
 
 TEST(TestSystemCOM, EmptyMissingAndNamedFiles)
 {
-    const CTempFile oEmpty("empty.cfg", "");
+    const OrvaneTest::CTempDir oDir;
+    const std::string sEmpty = oDir.Write("empty.cfg", "");
     CCOM oClient;
     AskForPieces(oClient, -1);
-    EXPECT_EQ(oClient.SendFile(oEmpty.Path()), 0xD21);
+    EXPECT_EQ(oClient.SendFile(sEmpty), 0xD21);
     ASSERT_EQ(oClient.SentCount(), 1u) << "nothing to send after the announcement";
-    const std::string sName = COrvaneClientTestSystemCOM::GetFileName(oEmpty.Path());
+    const std::string sName = COrvaneClientTestSystemCOM::GetFileName(sEmpty);
     EXPECT_EQ(oClient.LastSent().GetData(), Hex("00 00 00 00 00 00 00 00") + static_cast<char>(sName.size()) + sName);
 
-    EXPECT_EQ(oClient.SendFile(testing::TempDir() + "no/such/file.cfg"), 0xD20);
-    EXPECT_EQ(oClient.InstallConfig(testing::TempDir() + "no/such/file.cfg", "x"), 0xD20);
+    EXPECT_EQ(oClient.SendFile(oDir.Path() + "/no/such/file.cfg"), 0xD20);
+    EXPECT_EQ(oClient.InstallConfig(oDir.Path() + "/no/such/file.cfg", "x"), 0xD20);
     EXPECT_EQ(oClient.SentCount(), 1u);
 
     EXPECT_EQ(COrvaneClientTestSystemCOM::GetFileName("C:\\cfg/sub\\setup.cfg"), "setup.cfg");
@@ -112,11 +95,11 @@ TEST(TestSystemCOM, EmptyMissingAndNamedFiles)
     std::istringstream oText("The quick brown fox jumps over the lazy dog");
     EXPECT_EQ(COrvaneClientTestSystemCOM::GetCRC32(oText), 0x414fa339u);
 
-    const CTempFile oFox("fox.cfg", "The quick brown fox jumps over the lazy dog");
+    const std::string sFoxPath = oDir.Write("fox.cfg", "The quick brown fox jumps over the lazy dog");
     oClient.ReplyWith("00");
-    EXPECT_EQ(oClient.InstallConfig(oFox.Path(), "night"), 0);
+    EXPECT_EQ(oClient.InstallConfig(sFoxPath, "night"), 0);
     EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0xDD5);
-    const std::string sFox = COrvaneClientTestSystemCOM::GetFileName(oFox.Path());
+    const std::string sFox = COrvaneClientTestSystemCOM::GetFileName(sFoxPath);
     EXPECT_EQ(oClient.LastSent().GetData(),
               Hex("39 a3 4f 41") + static_cast<char>(sFox.size()) + sFox + Hex("05") + "night");
 }

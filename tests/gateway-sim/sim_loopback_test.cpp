@@ -1,6 +1,7 @@
 // The simulator in-process on loopback, driven by raw TCP clients: handshake,
 // frames between clients, time stamps, fault modes and bad input.
 #include "GatewaySim.h"
+#include "KelByteOrder.h"
 #include "SimTypes.h"
 #include "support/RawPeer.h"
 
@@ -151,9 +152,9 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
     // Identifier 0x1F0, no flags, the 64-bit frame counter as data.
     EXPECT_EQ(ToHex(asFrames[0].substr(0, 11)), "12 00 03 02 00 00 F0 01 00 00 00");
     const unsigned int nCounter = CKelPayloadReader(asFrames[0]).U32(11);
-    EXPECT_EQ(asFrames[1],
-              BuildTelegram(eIndFrame, 0,
-                            asFrames[0].substr(6, 5) + COrvaneMsg::ToChar(nCounter + 1) + asFrames[0].substr(15, 4)));
+    EXPECT_EQ(
+        asFrames[1],
+        BuildTelegram(eIndFrame, 0, asFrames[0].substr(6, 5) + KelToLE(nCounter + 1) + asFrames[0].substr(15, 4)));
 }
 
 // ---- fault injection ----

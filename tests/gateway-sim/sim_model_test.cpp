@@ -1,5 +1,7 @@
 // The command model of one CAN port, driven with request telegrams.
 #include "CanPortModel.h"
+#include "IndicationEncoder.h"
+#include "KelByteOrder.h"
 #include "support/Bytes.h"
 
 #include <gtest/gtest.h>
@@ -45,7 +47,7 @@ TEST_F(CanPortModelTest, SetCommandsStoreWhatGetCommandsReturn)
 {
     std::string sFilter;
     for (unsigned int i = 0; i < 16; ++i)
-        sFilter += ToHex(COrvaneMsg::ToChar(0x01010101u * i + 0x80000000u)) + " ";
+        sFilter += ToHex(KelToLE(0x01010101u * i + 0x80000000u)) + " ";
     const struct
     {
         unsigned short nSet;
@@ -100,7 +102,7 @@ TEST_F(CanPortModelTest, WritesGoToTheBusAndAreConfirmedOnlyWhenAsked)
 TEST_F(CanPortModelTest, TimeAndCommonCommands)
 {
     EXPECT_EQ(Answer(eCmdGetTime, 1).substr(0, 5), "00 00") << "time not valid before SET_TIME";
-    Run(eCmdSetTime, 2, COrvaneMsg::ToChar(1000) + COrvaneMsg::ToChar(500000));
+    Run(eCmdSetTime, 2, KelToLE(1000) + KelToLE(500000));
     const std::string sTime = FromHex(Answer(eCmdGetTime, 3));
     ASSERT_EQ(sTime.size(), 10u);
     EXPECT_EQ(sTime[1], 1);
@@ -161,3 +163,31 @@ TEST_F(CanPortModelTest, CANopenServicesNeedCANopenMode)
 }
 
 } // namespace
+
+// The last node and PDO number of each service, and the identifiers just past
+// them, in CANopen mode (the loopback test sends the first ones).
+TEST(IndicationEncoder, ServiceRangesEndWhereTheirLastNodeDoes)
+{
+    const struct
+    {
+        unsigned int nIdentifier;
+        unsigned short nCode;
+        std::string sPayload;
+    } aoCases[] = {
+        {0x0FF, eIndEMCY, "7F AA 00 00 00 00 00 00 00"},
+        {0x380, eIndUndefined, "80 03 00 00 00 AA"},
+        {0x4FF, eIndPDO, "7F 04 01 AA"},
+        {0x500, eIndUndefined, "00 05 00 00 00 AA"},
+        {0x77F, eIndGUARD, "7F AA"},
+        {0x700, eIndUndefined, "00 07 00 00 00 AA"},
+    };
+    for (const auto& oCase : aoCases)
+    {
+        SCanFrame oFrame;
+        oFrame.nIdentifier = oCase.nIdentifier;
+        oFrame.sData = "\xAA";
+        const COrvaneMsg oMsg = EncodeIndication(oFrame, STimeStamp(), false, true);
+        EXPECT_EQ(oMsg.GetCmdCode(), oCase.nCode) << std::hex << oCase.nIdentifier;
+        EXPECT_EQ(ToHex(oMsg.GetData()), oCase.sPayload) << std::hex << oCase.nIdentifier;
+    }
+}

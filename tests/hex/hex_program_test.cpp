@@ -1,13 +1,12 @@
 // orvane-hex as a program: its command line, messages and exit statuses, and
 // conversions end to end. The image model has tests of its own.
+#include "support/TempDir.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -21,38 +20,21 @@ struct SRun
     std::string sErr;
 };
 
-std::string ReadFile(const std::string& sPath)
-{
-    std::ifstream oFile(sPath, std::ios::binary);
-    std::ostringstream oText;
-    oText << oFile.rdbuf();
-    return oText.str();
-}
-
 class HexProgram : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        char acDir[] = "/tmp/orvane-hex-XXXXXX";
-        ASSERT_NE(mkdtemp(acDir), nullptr);
-        m_sDir = acDir;
-    }
-    void TearDown() override { std::filesystem::remove_all(m_sDir); }
-
-    std::string File(const std::string& sName) const { return ReadFile(m_sDir + "/" + sName); }
-    void Write(const std::string& sName, const std::string& sText) const
-    {
-        std::ofstream(m_sDir + "/" + sName, std::ios::binary) << sText;
-    }
+    void SetUp() override { ASSERT_FALSE(m_oDir.Path().empty()); }
+    std::string File(const std::string& sName) const { return m_oDir.Read(sName); }
+    void Write(const std::string& sName, const std::string& sText) const { m_oDir.Write(sName, sText); }
     // Runs the program in the test's folder, its output in two files there.
     SRun Run(const std::string& sArgs) const
     {
-        const int nStatus = std::system(("cd " + m_sDir + " && " HEX_BINARY " " + sArgs + " >stdout 2>stderr").c_str());
+        const int nStatus =
+            std::system(("cd " + m_oDir.Path() + " && " HEX_BINARY " " + sArgs + " >stdout 2>stderr").c_str());
         return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, File("stdout"), File("stderr")};
     }
 
-    std::string m_sDir;
+    OrvaneTest::CTempDir m_oDir;
 };
 
 // 4 bytes at 0x0000, then an extended linear address record and 2 bytes at

@@ -16,7 +16,8 @@ for f in ./usr/bin/orvane-bridge ./usr/bin/orvane-gateway-sim ./usr/bin/orvane-h
          ./usr/lib/liborvane_api.a ./usr/include/orvane/OrvaneDllCan.h ./usr/lib/cmake/Orvane/OrvaneConfig.cmake \
          ./usr/lib/pkgconfig/orvanecan.pc ./usr/lib/systemd/system/orvane-bridge@.service \
          ./usr/share/man/man1/orvane-bridge.1 ./usr/share/man/man1/orvane-gateway-sim.1 ./usr/share/man/man1/orvane-hex.1 \
-         ./usr/share/doc/orvane/bridge-example.conf ./usr/lib/python3/dist-packages/orvane_can/bus.py \
+         ./usr/share/doc/orvane/bridge-example.conf ./usr/share/doc/orvane/80-vcan0.netdev \
+         ./usr/share/doc/orvane/80-vcan0.network ./usr/lib/python3/dist-packages/orvane_can/bus.py \
          ./usr/lib/python3/dist-packages/orvane_can/_installed.py \
          ./usr/lib/python3/dist-packages/orvane_can-0.2.0.dist-info/entry_points.txt; do
   grep -q " $f\( \|$\)" <<<"$contents" || fail "$f missing from the package"

@@ -8,8 +8,9 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
+#include <netinet/tcp.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <stdexcept>
@@ -22,6 +23,21 @@ namespace
 const unsigned char kId = 2; // CAN device type: connection commands 0x02xx
 const unsigned short kConnectReq = 0x0201, kConnectCnf = 0x8201, kDisconnectReq = 0x0202, kDisconnectCnf = 0x8202,
                      kAliveReq = 0x020D, kAliveCnf = 0x820D;
+// Alive period of the tests whose peer answers: ticks of 200 ms, so an
+// answer has two ticks (400 ms) to come back before the link is lost, and
+// the alive thread waits as long for its turn to send.
+const unsigned int kAlivePeriodMs = 800;
+
+// True once a listening socket's accept queue is full, so that the kernel
+// drops further connection requests (for a listener, TCP_INFO counts the
+// queue in tcpi_unacked and its limit in tcpi_sacked).
+bool AcceptQueueFull(int listener)
+{
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    return getsockopt(listener, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && info.tcpi_state == TCP_LISTEN &&
+        info.tcpi_unacked > info.tcpi_sacked;
+}
 
 // A connection and the raw peer it is connected to.
 struct CPeeredConnection
@@ -153,17 +169,12 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
     EXPECT_EQ(eKelIPError, connection.ConnectReq(LOOPBACK, unused, 2000, kId, CKelIPBase::eTCP, "", true));
     EXPECT_EQ(CKelIPBase::eDisconnected, connection.GetState());
 
-    // A listener that never accepts: fill its queue until a connect hangs.
+    // A listener that never accepts, its queue full (backlog 0: one waiting
+    // client fills it): the kernel drops the next connection request.
     CRawListener listener(0);
-    std::vector<CRawPeer> fillers;
-    for (bool answered = true; answered && fillers.size() < 64;)
-    {
-        fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        const sockaddr_in address = Loopback(listener.Port());
-        connect(fillers.back().Socket(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        pollfd entry{fillers.back().Socket(), POLLOUT, 0};
-        answered = poll(&entry, 1, 200) == 1;
-    }
+    CRawPeer filler;
+    ASSERT_TRUE(filler.Connect(listener.Port()));
+    ASSERT_TRUE(WaitUntil([&] { return AcceptQueueFull(listener.Socket()); }));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(eKelIPNotConnected,
               connection.ConnectReq(LOOPBACK, listener.Port(), 300, kId, CKelIPBase::eTCP, "", true));
@@ -264,24 +275,26 @@ TEST_F(MessageConnectionTest, PeerDisconnectRequestIsConfirmedAndEndsTheConnecti
 
 TEST_F(MessageConnectionTest, AnsweredAliveKeepsTheConnectionAndSilenceEndsItOnce)
 {
-    ASSERT_EQ(eKelIPSuccess, m_oConnection.SetAlive(200));
+    ASSERT_EQ(eKelIPSuccess, m_oConnection.SetAlive(kAlivePeriodMs));
     EXPECT_EQ(CKelIPConnection::eAliveActive, m_oConnection.GetAliveMode());
-    const std::string request = MakeMsg(kAliveReq, 0, U32(200));
-    for (int i = 0; i < 4; ++i)
+    const std::string request = MakeMsg(kAliveReq, 0, U32(kAlivePeriodMs));
+    // The request of SetAlive, then two of the alive thread, each answered.
+    for (int i = 0; i < 3; ++i)
     {
         ASSERT_EQ(request, m_oPeer.ReceiveMessage()) << "request " << i;
         ASSERT_TRUE(m_oPeer.Send(MakeMsg(kAliveCnf, 0, Byte(0))));
     }
     EXPECT_EQ(0, m_oConnection.ConnectIndCount(false));
 
-    // The peer falls silent: more requests for about one period, then the end.
+    // The peer falls silent: more requests for about one period, then the
+    // end, at least three ticks after the last answer.
     const auto start = std::chrono::steady_clock::now();
     std::string message;
     for (int i = 0; i < 50 && (message = m_oPeer.ReceiveMessage()) == request; ++i)
     {
     }
     EXPECT_EQ(MakeMsg(kDisconnectReq, 0), message);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3 * kAlivePeriodMs / 4));
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
     EXPECT_TRUE(m_oPeer.WaitClosed());
     EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetAliveMode() == CKelIPConnection::eAliveOff; }));
@@ -296,37 +309,41 @@ TEST(KelIPConnectionAlive, RequestsTakeTurnsWithMessagesSentInParts)
 {
     CPeeredConnection side(4096);
     ASSERT_EQ(eKelIPSuccess, side.Connect(true));
-    const int sendBuffer = 4096; // small buffers: every large message waits
+    const int sendBuffer = 4096; // small buffers: every large message goes out in parts
     setsockopt(side.m_oConnection.GetSocket(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
-    ASSERT_EQ(eKelIPSuccess, side.m_oConnection.SetAlive(800));
-    const std::string request = MakeMsg(kAliveReq, 0, U32(800));
+    ASSERT_EQ(eKelIPSuccess, side.m_oConnection.SetAlive(kAlivePeriodMs));
+    const std::string request = MakeMsg(kAliveReq, 0, U32(kAlivePeriodMs));
     ASSERT_EQ(request, side.m_oPeer.ReceiveMessage());
 
-    const std::string large = Frame(Pattern(65533, 6));
-    const int count = 50;
+    // Large messages back to back until the peer has found a request between
+    // two of them (the alive thread sends one once nothing was received for
+    // a while), then a small last one.
+    const std::string large = Frame(Pattern(65533, 6)), last = Frame("last");
+    std::atomic<bool> found{false};
     auto sender = std::async(std::launch::async, [&] {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(WAIT_MS);
         unsigned int result = eKelIPSuccess;
-        for (int i = 0; i < count && result == eKelIPSuccess; ++i)
+        while (!found && result == eKelIPSuccess && std::chrono::steady_clock::now() < limit)
             result = side.m_oConnection.DataReq(large.data(), static_cast<unsigned short>(large.size()), WAIT_MS);
-        return result;
+        return result == eKelIPSuccess
+            ? side.m_oConnection.DataReq(last.data(), static_cast<unsigned short>(last.size()), WAIT_MS)
+            : result;
     });
-    // The peer reads slowly and answers every alive request it finds.
-    int messages = 0, requests = 0;
-    while (messages < count)
+    // The peer reads all the time and answers every request at once.
+    int messages = 0;
+    for (std::string message; (message = side.m_oPeer.ReceiveMessage()) != last;)
     {
-        const std::string message = side.m_oPeer.ReceiveMessage();
         if (message == request)
         {
-            ++requests;
+            found = found || messages > 0;
             ASSERT_TRUE(side.m_oPeer.Send(MakeMsg(kAliveCnf, 0, Byte(0))));
             continue;
         }
         ASSERT_TRUE(message == large) << "message " << messages << " was cut into (" << message.size() << " bytes)";
         ++messages;
-        std::this_thread::sleep_for(std::chrono::milliseconds(30)); // slow reader; nothing waits on it
     }
     EXPECT_EQ(eKelIPSuccess, sender.get());
-    EXPECT_GE(requests, 1);
+    EXPECT_TRUE(found) << "no request between " << messages << " messages";
     EXPECT_EQ(0, side.m_oConnection.ConnectIndCount(false));
 }
 
@@ -354,15 +371,21 @@ TEST_F(MessageConnectionTest, PeerAliveRequestsSetThePassiveMode)
     EXPECT_EQ(CKelIPConnection::eAliveOff, m_oConnection.GetAliveMode());
 
     // Passive: no requests of its own, but silence still ends the connection.
-    // Stray confirmations are no data.
+    // Stray confirmations are no data. The mode is read when the data behind
+    // the request arrives, before silence can end it.
+    std::atomic<unsigned int> modeAtData{CKelIPConnection::eAliveOff}, periodAtData{0};
+    m_oConnection.m_fOnData = [&](CRecordingConnection& connection, const std::string&) {
+        modeAtData = connection.GetAliveMode();
+        periodAtData = connection.GetAlivePeriod();
+    };
     ASSERT_TRUE(m_oPeer.Send(MakeMsg(kAliveReq, 3, U32(300)) + MakeMsg(kAliveCnf, 0, Byte(0)) +
                              MakeMsg(kConnectCnf, 1, Byte(0)) + Frame("ab")));
     EXPECT_EQ(MakeMsg(kAliveCnf, 3, Byte(0)), m_oPeer.ReceiveMessage());
-    EXPECT_EQ(CKelIPConnection::eAlivePassive, m_oConnection.GetAliveMode());
-    EXPECT_EQ(300u, m_oConnection.GetAlivePeriod());
     EXPECT_EQ(MakeMsg(kDisconnectReq, 0), m_oPeer.ReceiveMessage());
     ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
     EXPECT_EQ(1, m_oConnection.ConnectIndCount(false));
     EXPECT_EQ(std::vector<std::string>{Frame("ab")}, m_oConnection.Messages());
+    EXPECT_EQ(CKelIPConnection::eAlivePassive, modeAtData.load());
+    EXPECT_EQ(300u, periodAtData.load());
 }
 } // namespace

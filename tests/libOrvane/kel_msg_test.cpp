@@ -1,4 +1,5 @@
 // Connection message: wire layout, CRC and parsing rules.
+#include "KelByteOrder.h"
 #include "KelMsg.h"
 
 #include <gtest/gtest.h>
@@ -77,3 +78,14 @@ TEST(KelMsgParse, LengthAndCrcEdgeCases)
             << ::testing::PrintToString(check.bytes);
 }
 } // namespace
+
+TEST(KelByteOrder, EveryWidthAndSignLittleEndian)
+{
+    EXPECT_EQ(KelToLE(static_cast<short>(-2)), std::string("\xFE\xFF", 2));
+    EXPECT_EQ(KelToLE(0x80000001u), std::string("\x01\x00\x00\x80", 4));
+    EXPECT_EQ(KelToLE(0x0102030405060708LL), std::string("\x08\x07\x06\x05\x04\x03\x02\x01", 8));
+    const unsigned char acBytes[] = {0xFE, 0xFF, 0xFF, 0x80, 0x55};
+    EXPECT_EQ(KelGetLE<short>(acBytes), -2);
+    EXPECT_EQ(KelGetLE<unsigned int>(acBytes + 1), 0x5580FFFFu);
+    EXPECT_EQ(KelGetLE<int>(acBytes), static_cast<int>(0x80FFFFFEu));
+}

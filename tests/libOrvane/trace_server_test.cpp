@@ -88,6 +88,7 @@ protected:
 TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
 {
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF)); // no viewer yet
+    EXPECT_FALSE(CTraceServer::IsActive(0x10, 3, 0xFFFFFFFF));
     const unsigned int before = static_cast<unsigned int>(time(nullptr));
     m_oViewer.Send(CTraceViewer::ActivateRequest(0x14, {0x00000000, 0x00000002, 0x00000000, 0x0000FFFF}));
     const Bytes m = m_oViewer.Receive();
@@ -107,6 +108,10 @@ TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
     EXPECT_EQ(-3, Send(0x01, 3, 0xFFFFFFFF));
     EXPECT_EQ(-4, Send(0x10, 32, 0xFFFFFFFF));
     EXPECT_EQ(-5, Send(0x10, 3, 0xFFFF0000));
+    // IsActive answers as those sends did, without sending.
+    EXPECT_TRUE(CTraceServer::IsActive(0x10, 3, 0x00000001));
+    EXPECT_FALSE(CTraceServer::IsActive(0x01, 3, 0xFFFFFFFF) || CTraceServer::IsActive(0x10, 32, 0xFFFFFFFF) ||
+                 CTraceServer::IsActive(0x10, 3, 0xFFFF0000));
     // Counter 1 also shows that neither an activate confirmation nor a filtered message was sent.
     EXPECT_EQ(0, CTraceServer::SendTraceMessage(0x10, 3, 0x00000001, 0xBEEF, "dev.cpp", "Open requested to", 0x5A));
     EXPECT_EQ(Message(1, 0x10, 3, 0x00000001, 0x5A, 0xBEEF, "dev.cpp", "Open requested to"),

@@ -159,8 +159,8 @@ TEST(TraceStatusTelegrams, LayoutAndTolerantParse)
     const struct
     {
         unsigned short name, value, nameOnWire, valueOnWire;
-    } cuts[] = {{100, 0xFFFF, 100, CTraceTelegram::kMaxDataLen - 21 - 100},
-                {0xFFFF, 5, CTraceTelegram::kMaxDataLen - 21, 0}};
+    } cuts[] = {{100, 0xFFFF, 100, CTraceTelegram::MAX_DATA_LEN - 21 - 100},
+                {0xFFFF, 5, CTraceTelegram::MAX_DATA_LEN - 21, 0}};
     for (const auto& c : cuts)
     {
         const std::string name(c.name, 'n'), value(c.value, 'v');
@@ -168,7 +168,7 @@ TEST(TraceStatusTelegrams, LayoutAndTolerantParse)
         big.SetName(c.name, name.c_str());
         big.SetValue(c.value, value.c_str());
         const Bytes data = DataOf(big);
-        ASSERT_EQ(CTraceTelegram::kMaxDataLen, data.size());
+        ASSERT_EQ(CTraceTelegram::MAX_DATA_LEN, data.size());
         EXPECT_EQ(c.nameOnWire, data[17] | data[18] << 8);
         EXPECT_EQ(c.valueOnWire, data[19 + c.nameOnWire] | data[20 + c.nameOnWire] << 8);
     }
@@ -192,8 +192,8 @@ TEST(TraceMessage, LayoutParseAndCut)
     const std::string text(0xFFFF, 't');
     message.SetFileName(static_cast<unsigned short>(file.size()), file.c_str());
     message.SetMessageText(static_cast<unsigned short>(text.size()), text.c_str());
-    EXPECT_EQ(CTraceTelegram::kMaxDataLen, message.GetDataLen()); // cut to fit the length field
+    EXPECT_EQ(CTraceTelegram::MAX_DATA_LEN, message.GetDataLen()); // cut to fit the length field
     const CTraceMessageTelegram cut = Parse<CTraceMessageTelegram>(Wire(message));
     EXPECT_EQ(file, cut.GetFileName());
-    EXPECT_EQ(CTraceTelegram::kMaxDataLen - 21u - 100u, cut.GetMessageText().size());
+    EXPECT_EQ(CTraceTelegram::MAX_DATA_LEN - 21u - 100u, cut.GetMessageText().size());
 }

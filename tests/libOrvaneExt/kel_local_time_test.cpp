@@ -19,7 +19,7 @@ namespace
 constexpr long long kEpochDay = 719528; // 1970-01-01
 constexpr long long kMsPerDay = 86400000;
 constexpr long long kMsPerHour = 3600000;
-constexpr long long kUnitsPerMs = CKelTimeDiff::kUnitsPerMilliSecond;
+constexpr long long kUnitsPerMs = CKelTimeDiff::UNITS_PER_MILLI_SECOND;
 
 // Sets TZ for one scope, then unsets it: no other test here reads the system zone.
 struct CScopedTimezone
@@ -78,7 +78,7 @@ TEST(KelUTCTimeTest, DatePartsRoundTrip)
                         .GetDate(an[0], an[1], an[2], an[3], an[4], an[5], an[6]));
         EXPECT_TRUE(std::equal(an, an + 7, p)) << p[2] << "-" << p[1] << "-" << p[0];
     }
-    EXPECT_EQ(CKelUTCTime(1, 1, 1970, 0, 0, 0, 0).GetTime().GetTimeDiff(), CKelUTCTime::kUnixEpochOffset);
+    EXPECT_EQ(CKelUTCTime(1, 1, 1970, 0, 0, 0, 0).GetTime().GetTimeDiff(), CKelUTCTime::UNIX_EPOCH_OFFSET);
     // Parts are not checked: day 32 of December is the first of January.
     EXPECT_EQ(CKelUTCTime(32, 12, 1999, 0, 0, 0, 0).GetTime(), CKelUTCTime(1, 1, 2000, 0, 0, 0, 0).GetTime());
 
@@ -140,7 +140,7 @@ TEST(KelLocalTimeTest, ConstructorsTakeLocalReadings)
     EXPECT_EQ(oWithMicro.GetTime().GetTimeDiff(), (nLocalMs + 5 * kMsPerHour) * kUnitsPerMs + 567 * 100);
 
     const CKelLocalTime oFromText("01.01.1970", CKelUTCTime::eDotDate, 3);
-    EXPECT_EQ(oFromText.GetTime().GetTimeDiff(), CKelUTCTime::kUnixEpochOffset - 3 * kMsPerHour * kUnitsPerMs);
+    EXPECT_EQ(oFromText.GetTime().GetTimeDiff(), CKelUTCTime::UNIX_EPOCH_OFFSET - 3 * kMsPerHour * kUnitsPerMs);
     EXPECT_EQ(CKelLocalTime("no date", CKelUTCTime::eDotDate, 1).GetLocaltime(), 0);
 
     // The high-resolution setter stores the count as UTC, unlike its getter.

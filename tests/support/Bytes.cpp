@@ -15,12 +15,6 @@ std::string MakeMsg(unsigned short nCommand, unsigned short nNumber, const std::
     return sBytes;
 }
 
-std::string Confirmation(unsigned short nCode, short nMsgID, const std::string& sData)
-{
-    return MakeMsg(static_cast<unsigned short>(nCode | CKelMsg::eConfirmation), static_cast<unsigned short>(nMsgID),
-                   sData);
-}
-
 std::string ConnectRequest(unsigned char nId)
 {
     return MakeMsg(CKelMsg::Command(nId, CKelMsg::eConnectReq), 1);

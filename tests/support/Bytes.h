@@ -10,15 +10,11 @@
 namespace OrvaneTest
 {
 
-// Device types used as connection identifiers.
-const unsigned char DEVICE_I2C = 1;
+// The CAN port's device type, its connection identifier.
 const unsigned char DEVICE_CAN = 2;
 
 // A whole message or telegram with a correct length word and checksum.
 std::string MakeMsg(unsigned short nCommand, unsigned short nNumber, const std::string& sData = std::string());
-// The confirmation of request code nCode (bit 15 is set here) under nMsgID;
-// sData starts with the device's result byte.
-std::string Confirmation(unsigned short nCode, short nMsgID, const std::string& sData);
 // Connection messages of connection identifier nId: the connect request
 // (number 1, no connect data) and its confirmation carrying nResult.
 std::string ConnectRequest(unsigned char nId);

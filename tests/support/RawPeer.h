@@ -65,6 +65,7 @@ public:
     CRawListener& operator=(const CRawListener&) = delete;
 
     unsigned short Port() const { return m_nPort; } // 0 when listening failed
+    int Socket() const { return m_nSocket; }
     // The next client; a closed peer when none came within nTimeoutMs.
     CRawPeer Accept(unsigned int nTimeoutMs = WAIT_MS);
 

@@ -60,10 +60,13 @@ bool CSimConnection::IsConnectMsgAccepted(const std::string&)
 void CSimConnection::DataInd(const char* pData, unsigned short nLength)
 {
     m_oSession.OnTelegram(pData, nLength);
+}
+
+bool CSimConnection::AnswersConnectionMessages() const
+{
     // A frozen gateway answers nothing, alive and disconnect requests
     // included, while its TCP connection stays open.
-    if (m_oSession.IsFrozen())
-        SetMuted(true);
+    return !m_oSession.IsFrozen();
 }
 
 void CSimConnection::ReadEndInd()

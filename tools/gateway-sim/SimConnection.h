@@ -49,6 +49,7 @@ public:
     void DataInd(const char* pData, unsigned short nLength) override;
     void ReadEndInd() override;
     bool IsConnectMsgAccepted(const std::string& sConnectData) override;
+    bool AnswersConnectionMessages() const override;
 
 private:
     SPortContext& m_roPort;

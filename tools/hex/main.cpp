@@ -12,7 +12,7 @@ using namespace HexTool;
 namespace
 {
 
-const char* const kProgram = "orvane-hex";
+const char* const PROGRAM = "orvane-hex";
 
 std::string TrimRight(std::string sText)
 {
@@ -41,18 +41,18 @@ bool Load(COrvaneHexfile& oImage, const SHexOptions& oOptions)
     if (nResult == HEXFILE_INVALID_CHECKSUM)
     {
         // The model asks whether to keep the data; the option answers.
-        std::fprintf(stderr, "%s: %s %s\n", kProgram, sMessage.c_str(),
+        std::fprintf(stderr, "%s: %s %s\n", PROGRAM, sMessage.c_str(),
                      oOptions.bIgnoreErrors ? "yes (--ignore-errors)" : "no (--ignore-errors keeps the data)");
     }
     else if (nResult == HEXFILE_INVALID_RECORD_TYPE || nResult == HEXFILE_INVALID_FORMAT)
     {
-        std::fprintf(stderr, "%s: %s\n%s: %s: bad lines %s\n", kProgram, sMessage.c_str(), kProgram, sInput.c_str(),
+        std::fprintf(stderr, "%s: %s\n%s: %s: bad lines %s\n", PROGRAM, sMessage.c_str(), PROGRAM, sInput.c_str(),
                      oOptions.bIgnoreErrors ? "left out (--ignore-errors)"
                                             : "(--ignore-errors keeps the data of the other lines)");
     }
     else
     {
-        std::fprintf(stderr, "%s: %s\n", kProgram, sMessage.c_str());
+        std::fprintf(stderr, "%s: %s\n", PROGRAM, sMessage.c_str());
         return false;
     }
     return oOptions.bIgnoreErrors;
@@ -80,7 +80,7 @@ int Convert(COrvaneHexfile& oImage, const SHexOptions& oOptions)
     const std::string& sOutput = oOptions.asFiles[1];
     if (oImage.SaveFile(sOutput.c_str(), oOptions.nTo) != 0)
     {
-        std::fprintf(stderr, "%s: %s\n", kProgram, TrimRight(oImage.GetErrorMessage()).c_str());
+        std::fprintf(stderr, "%s: %s\n", PROGRAM, TrimRight(oImage.GetErrorMessage()).c_str());
         return 1;
     }
     return 0;
@@ -95,10 +95,10 @@ int main(int argc, char** argv)
     switch (ParseHexCommandLine(argc, argv, oOptions, sError))
     {
     case EParseResult::eHelp:
-        std::fputs(HexHelpText(kProgram).c_str(), stdout);
+        std::fputs(HexHelpText(PROGRAM).c_str(), stdout);
         return 0;
     case EParseResult::eError:
-        std::fprintf(stderr, "%s: %s\n\n%s", kProgram, sError.c_str(), HexHelpText(kProgram).c_str());
+        std::fprintf(stderr, "%s: %s\n\n%s", PROGRAM, sError.c_str(), HexHelpText(PROGRAM).c_str());
         return 2;
     case EParseResult::eRun:
         break;

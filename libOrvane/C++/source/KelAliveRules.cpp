@@ -6,7 +6,7 @@
 
 unsigned int CKelAliveRules::TickMs(unsigned int periodMs)
 {
-    return std::max(kMinTickMs, periodMs / 4);
+    return std::max(MIN_TICK_MS, periodMs / 4);
 }
 
 CKelAliveRules::EAction CKelAliveRules::Decide(unsigned int mode, unsigned int tick, unsigned int lastSend,
@@ -14,11 +14,11 @@ CKelAliveRules::EAction CKelAliveRules::Decide(unsigned int mode, unsigned int t
 {
     if (mode == CKelIPConnection::eAliveOff)
         return eNothing;
-    if (tick > lastReceive + kSilentTicks)
+    if (tick > lastReceive + SILENT_TICKS)
         return eLinkLost;
     // Requests flow only while the line is otherwise quiet; the passive side
     // only watches.
-    if (mode == CKelIPConnection::eAliveActive && (lastSend + kQuietTicks < tick || tick > lastReceive + kQuietTicks))
+    if (mode == CKelIPConnection::eAliveActive && (lastSend + QUIET_TICKS < tick || tick > lastReceive + QUIET_TICKS))
         return eSendRequest;
     return eNothing;
 }

@@ -18,12 +18,12 @@ public:
         eLinkLost     // nothing received for about one period: end the link
     };
 
-    static constexpr unsigned int kMinTickMs = 10;
+    static constexpr unsigned int MIN_TICK_MS = 10;
     // Ticks without any received message after which the link is lost.
-    static constexpr unsigned int kSilentTicks = 4;
+    static constexpr unsigned int SILENT_TICKS = 4;
     // Ticks without a send, or without a receive, after which the active side
     // sends an alive request.
-    static constexpr unsigned int kQuietTicks = 2;
+    static constexpr unsigned int QUIET_TICKS = 2;
 
     // Length of one tick for an alive period.
     static unsigned int TickMs(unsigned int periodMs);

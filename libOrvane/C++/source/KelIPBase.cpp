@@ -11,7 +11,7 @@
 
 CKelIPBase::CKelIPBase() : m_nState(eDisconnected), m_nProtocol(eTCP), m_nSocket(-1), m_nPeerAddrLen(0)
 {
-    std::memset(&m_sPeerAddr, 0, sizeof(m_sPeerAddr));
+    std::memset(&m_oPeerAddr, 0, sizeof(m_oPeerAddr));
 }
 
 CKelIPBase::~CKelIPBase()

@@ -107,7 +107,7 @@ protected:
     // Peer address; 0 length while unknown. Guarded by m_oPeerGuard wherever
     // another thread may read it at the same time.
     unsigned int m_nPeerAddrLen;
-    sockaddr_storage m_sPeerAddr;
+    sockaddr_storage m_oPeerAddr;
     mutable CKelMutex m_oPeerGuard;
 
     // Held around close and around each non-blocking send/recv.

@@ -24,7 +24,7 @@
 namespace
 {
 // Messages up to this size are serialised on the stack.
-const unsigned int kStackMessageSize = 512;
+const unsigned int STACK_MESSAGE_SIZE = 512;
 
 bool SetBlocking(int socket, bool blocking)
 {
@@ -120,7 +120,7 @@ void CKelIPConnection::SetPeer(const sockaddr_storage& address, unsigned int len
     char text[INET6_ADDRSTRLEN];
     const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&address), text, sizeof(text));
     CKelLockGuard guard(m_oPeerGuard);
-    m_sPeerAddr = address;
+    m_oPeerAddr = address;
     m_nPeerAddrLen = length;
     m_sPeerAddress = numeric != nullptr ? numeric : "";
     m_sHost = host != nullptr ? host : m_sPeerAddress;
@@ -366,7 +366,7 @@ unsigned int CKelIPConnection::DataReqBatch(const char* data, size_t length, uns
 
 unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int timeoutMs)
 {
-    char stackBuffer[kStackMessageSize];
+    char stackBuffer[STACK_MESSAGE_SIZE];
     const unsigned int size = message.WriteTo(stackBuffer, sizeof(stackBuffer));
     if (size != 0)
         return DataReq(stackBuffer, static_cast<unsigned short>(size), timeoutMs);
@@ -457,7 +457,7 @@ unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short len
     socklen_t peerLength;
     {
         CKelLockGuard guard(m_oPeerGuard);
-        peer = m_sPeerAddr;
+        peer = m_oPeerAddr;
         peerLength = m_nPeerAddrLen;
     }
     ssize_t result;

@@ -134,12 +134,11 @@ public:
     // Decides a peer's connect request (its connect data); default accepts.
     virtual bool IsConnectMsgAccepted(const std::string& connectData);
 
-    // A muted connection answers no connection message (connect, disconnect,
-    // alive) and ignores their confirmations, while it keeps reading and
-    // handing other messages up: it behaves like a peer whose software hangs
-    // while its TCP stack lives on. Used to simulate such a peer.
-    void SetMuted(bool muted) { m_bMuted.store(muted, std::memory_order_relaxed); }
-    bool IsMuted() const { return m_bMuted.load(std::memory_order_relaxed); }
+    // Asked on the read thread for every connection message (connect,
+    // disconnect, alive) and their confirmations: false ignores it, while
+    // other messages are still handed up, as from a peer whose software hangs
+    // while its TCP stack lives on. Default true; a simulator overrides it.
+    virtual bool AnswersConnectionMessages() const { return true; }
 
     unsigned char GetId() const { return m_nId; }
     bool UsesConnectionMessages() const { return m_bUseConnectionMessages.load(std::memory_order_relaxed); }
@@ -209,7 +208,6 @@ private:
     unsigned short m_nAliveCnfId;
     unsigned char m_nId;
     std::atomic<bool> m_bUseConnectionMessages;
-    std::atomic<bool> m_bMuted{false};
 
     // Guarded by m_oPeerGuard.
     std::string m_sPeerAddress;

@@ -14,9 +14,9 @@
 
 namespace
 {
-const unsigned int kReplyTimeoutMs = 1000;
+const unsigned int REPLY_TIMEOUT_MS = 1000;
 // Command let through by a datagram server endpoint from any sender.
-const unsigned short kDatagramOpenCommand = 0x020C;
+const unsigned short DATAGRAM_OPEN_COMMAND = 0x020C;
 } // namespace
 
 // ------------------------------------------------------------ identifiers
@@ -80,7 +80,7 @@ unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
     {
         // Drop a confirmation nobody asked for, so only ours releases the wait.
         m_oDisconnectEvent.Wait(0);
-        char request[CKelMsg::kOverhead];
+        char request[CKelMsg::OVERHEAD];
         const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nDisconnectReqId, 0, nullptr, 0);
         result = DataReq(request, static_cast<unsigned short>(size), timeoutMs);
         if (result == eKelIPSuccess)
@@ -100,7 +100,7 @@ unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
 void CKelIPConnection::SendReply(unsigned short command, unsigned short number, unsigned char result,
                                  unsigned int timeoutMs)
 {
-    char reply[CKelMsg::kOverhead + 1];
+    char reply[CKelMsg::OVERHEAD + 1];
     const char data = static_cast<char>(result);
     const unsigned int size = CKelMsg::Build(reply, sizeof(reply), command, number, &data, 1);
     DataReq(reply, static_cast<unsigned short>(size), timeoutMs);
@@ -151,7 +151,7 @@ unsigned int CKelIPConnection::AliveReq(unsigned int timeoutMs)
 {
     char period[4];
     CKelMsg::PutU32(period, m_nAlivePeriod.load(std::memory_order_relaxed));
-    char request[CKelMsg::kOverhead + sizeof(period)];
+    char request[CKelMsg::OVERHEAD + sizeof(period)];
     const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nAliveReqId, 0, period, sizeof(period));
     return DataReq(request, static_cast<unsigned short>(size), timeoutMs);
 }
@@ -170,10 +170,10 @@ void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
     if (!CKelMsg::IsIntact(bytes, count))
         return;
     unsigned char result = 0xFF;
-    unsigned int replyTimeoutMs = kReplyTimeoutMs;
-    if (count > CKelMsg::kOverhead + 3)
+    unsigned int replyTimeoutMs = REPLY_TIMEOUT_MS;
+    if (count > CKelMsg::OVERHEAD + 3)
     {
-        const unsigned int period = CKelMsg::GetU32(bytes + CKelMsg::kHeaderSize);
+        const unsigned int period = CKelMsg::GetU32(bytes + CKelMsg::HEADER_SIZE);
         m_nAlivePeriod.store(period, std::memory_order_relaxed);
         if (period == 0)
         {
@@ -221,7 +221,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         if (from == nullptr)
             return;
         const sockaddr* sender = reinterpret_cast<const sockaddr*>(from);
-        if (length > CKelMsg::kHeaderSize && command == m_nConnectReqId)
+        if (length > CKelMsg::HEADER_SIZE && command == m_nConnectReqId)
         {
             if (!CKelMsg::IsIntact(data, length))
                 return;
@@ -229,8 +229,8 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
             SetState(eConnected);
             ConnectInd(true);
             const bool accepted =
-                IsConnectMsgAccepted(std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead));
-            SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), accepted ? 0 : 0xFF, kReplyTimeoutMs);
+                IsConnectMsgAccepted(std::string(data + CKelMsg::HEADER_SIZE, length - CKelMsg::OVERHEAD));
+            SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), accepted ? 0 : 0xFF, REPLY_TIMEOUT_MS);
             if (!accepted)
                 EndConnection();
             return;
@@ -240,18 +240,18 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         {
             CKelLockGuard guard(m_oPeerGuard);
             fromPeer =
-                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_sPeerAddr), m_nPeerAddrLen);
+                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_oPeerAddr), m_nPeerAddrLen);
         }
-        if (!fromPeer && command != kDatagramOpenCommand)
+        if (!fromPeer && command != DATAGRAM_OPEN_COMMAND)
             return;
     }
 
-    if (length < CKelMsg::kOverhead)
+    if (length < CKelMsg::OVERHEAD)
     {
         DataInd(data, length);
         return;
     }
-    if (IsMuted() && IsConnectionCommand(command))
+    if (IsConnectionCommand(command) && !AnswersConnectionMessages())
         return;
 
     if (command == m_nAliveReqId)
@@ -269,31 +269,31 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         unsigned char result = 0;
         if (m_poServerContainer != nullptr && m_poServerContainer->IsConnectionLimitExceeded())
             result = 1;
-        else if (!IsConnectMsgAccepted(std::string(data + CKelMsg::kHeaderSize, length - CKelMsg::kOverhead)))
+        else if (!IsConnectMsgAccepted(std::string(data + CKelMsg::HEADER_SIZE, length - CKelMsg::OVERHEAD)))
             result = 0xFF;
-        SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), result, kReplyTimeoutMs);
+        SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), result, REPLY_TIMEOUT_MS);
         if (result != 0)
             EndConnection();
     }
     else if (command == m_nConnectCnfId)
     {
-        if (length == CKelMsg::kOverhead || !CKelMsg::IsIntact(data, length))
+        if (length == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(data, length))
             return;
-        m_nConnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
+        m_nConnectResult.store(static_cast<unsigned char>(data[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
         m_oConnectEvent.Signal();
     }
     else if (command == m_nDisconnectReqId)
     {
         if (!CKelMsg::IsIntact(data, length))
             return;
-        SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(data + 4), 0, kReplyTimeoutMs);
+        SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(data + 4), 0, REPLY_TIMEOUT_MS);
         EndConnection();
     }
     else if (command == m_nDisconnectCnfId)
     {
-        if (length == CKelMsg::kOverhead || !CKelMsg::IsIntact(data, length))
+        if (length == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(data, length))
             return;
-        m_nDisconnectResult.store(static_cast<unsigned char>(data[CKelMsg::kHeaderSize]), std::memory_order_relaxed);
+        m_nDisconnectResult.store(static_cast<unsigned char>(data[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
         m_oDisconnectEvent.Signal();
     }
     else

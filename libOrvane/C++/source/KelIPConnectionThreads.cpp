@@ -13,12 +13,12 @@ namespace
 {
 // Stream framing: a read never fills past this offset unless it completes a
 // message that started before it; the buffer holds the longest such message.
-const size_t kStreamFillLimit = 65537;
-const size_t kReceiveBufferSize = 131072;
-const size_t kDatagramBufferSize = 65527;
-const int kReadWaitMs = 1000;
+const size_t STREAM_FILL_LIMIT = 65537;
+const size_t RECEIVE_BUFFER_SIZE = 131072;
+const size_t DATAGRAM_BUFFER_SIZE = 65527;
+const int READ_WAIT_MS = 1000;
 
-const unsigned int kSilenceDisconnectTimeoutMs = 1000;
+const unsigned int SILENCE_DISCONNECT_TIMEOUT_MS = 1000;
 
 bool IsRetry(ssize_t received)
 {
@@ -29,7 +29,7 @@ bool IsRetry(ssize_t received)
 // ------------------------------------------------------------ read thread
 
 CKelIPConnection::CReadThread::CReadThread(CKelIPConnection* owner)
-    : CKelThread(0), m_poOwner(owner), m_oBuffer(new char[kReceiveBufferSize])
+    : CKelThread(0), m_poOwner(owner), m_oBuffer(new char[RECEIVE_BUFFER_SIZE])
 {
 }
 
@@ -86,7 +86,7 @@ CKelIPConnection::CReadThread::EWaitResult CKelIPConnection::CReadThread::WaitCo
     if (IsTerminationRequested() || m_poOwner->GetState() != CKelIPBase::eConnected)
         return eLeave;
     socket = m_poOwner->GetSocket();
-    const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+    const int ready = KelWaitForSocket(socket, POLLIN, READ_WAIT_MS);
     if (ready == 0)
         return eAgain;
     if (ready < 0)
@@ -113,11 +113,11 @@ void CKelIPConnection::CReadThread::RunStream()
 
         // Read up to the fill limit, or exactly the rest of a message that
         // started early enough but ends beyond it.
-        size_t request = kStreamFillLimit - fill;
+        size_t request = STREAM_FILL_LIMIT - fill;
         if (fill - consumed >= 2)
         {
             const size_t end = consumed + CKelMsg::GetU16(buffer + consumed) + 2;
-            if (end > kStreamFillLimit)
+            if (end > STREAM_FILL_LIMIT)
                 request = end - fill;
         }
         const ssize_t received = Receive(socket, buffer + fill, request, nullptr, nullptr);
@@ -188,7 +188,7 @@ void CKelIPConnection::CReadThread::RunDatagramClient()
             return;
         if (wait == eAgain)
             continue;
-        const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, nullptr, nullptr);
+        const ssize_t received = Receive(socket, m_oBuffer.get(), DATAGRAM_BUFFER_SIZE, nullptr, nullptr);
         if (IsRetry(received))
             continue;
         if (received < 0)
@@ -207,7 +207,7 @@ void CKelIPConnection::CReadThread::RunDatagramServer()
         const int socket = m_poOwner->GetSocket();
         if (socket < 0)
             return;
-        const int ready = KelWaitForSocket(socket, POLLIN, kReadWaitMs);
+        const int ready = KelWaitForSocket(socket, POLLIN, READ_WAIT_MS);
         if (ready <= 0)
         {
             if (IsTerminationRequested())
@@ -216,7 +216,7 @@ void CKelIPConnection::CReadThread::RunDatagramServer()
         }
         sockaddr_storage from;
         socklen_t fromLength = sizeof(from);
-        const ssize_t received = Receive(socket, m_oBuffer.get(), kDatagramBufferSize, &from, &fromLength);
+        const ssize_t received = Receive(socket, m_oBuffer.get(), DATAGRAM_BUFFER_SIZE, &from, &fromLength);
         if (IsRetry(received))
             continue;
         if (received < 0)
@@ -263,7 +263,7 @@ void CKelIPConnection::CAliveThread::Run()
             owner.m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
             owner.m_nAlivePeriod.store(0, std::memory_order_relaxed);
             owner.ResetAliveCounters();
-            if (Pause(CKelAliveRules::kMinTickMs))
+            if (Pause(CKelAliveRules::MIN_TICK_MS))
                 return;
             continue;
         }
@@ -273,7 +273,7 @@ void CKelIPConnection::CAliveThread::Run()
                                        owner.m_nAliveLastReceive.load(std::memory_order_relaxed)))
         {
         case CKelAliveRules::eLinkLost:
-            owner.DisconnectReq(kSilenceDisconnectTimeoutMs);
+            owner.DisconnectReq(SILENCE_DISCONNECT_TIMEOUT_MS);
             break;
         case CKelAliveRules::eSendRequest:
             owner.AliveReq(period / 2);

@@ -12,7 +12,7 @@
 
 namespace
 {
-const int kAcceptWaitMs = 100;
+const int ACCEPT_WAIT_MS = 100;
 }
 
 // Accepts connections while the server listens and hands every new socket
@@ -33,7 +33,7 @@ protected:
             const int listening = m_poServer->GetSocket();
             if (listening < 0)
                 return;
-            if (KelWaitForSocket(listening, POLLIN, kAcceptWaitMs) <= 0)
+            if (KelWaitForSocket(listening, POLLIN, ACCEPT_WAIT_MS) <= 0)
                 continue;
             sockaddr_storage address;
             socklen_t length = sizeof(address);

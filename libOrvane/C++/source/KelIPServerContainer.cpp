@@ -104,7 +104,7 @@ bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol protocol, int socket
         }
     }
     // Refused: tell the peer before its socket is closed.
-    char refusal[CKelMsg::kOverhead + 1];
+    char refusal[CKelMsg::OVERHEAD + 1];
     const char result = static_cast<char>(0xFF);
     const unsigned int size =
         CKelMsg::Build(refusal, sizeof(refusal), CKelMsg::Command(m_nId, CKelMsg::eConnectReq | CKelMsg::eConfirmation),

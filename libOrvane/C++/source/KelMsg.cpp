@@ -37,7 +37,7 @@ void CKelMsg::SetMessage(unsigned short command, unsigned short number, const ch
 
 bool CKelMsg::SetMessage(const char* bytes, unsigned short count)
 {
-    if (bytes == nullptr || count <= kHeaderSize)
+    if (bytes == nullptr || count <= HEADER_SIZE)
     {
         m_sData.clear();
         m_nCommand = 0;
@@ -49,7 +49,7 @@ bool CKelMsg::SetMessage(const char* bytes, unsigned short count)
     m_nLength = GetU16(bytes);
     m_nCommand = GetU16(bytes + 2);
     m_nNumber = GetU16(bytes + 4);
-    m_sData.assign(bytes + kHeaderSize, count - kOverhead);
+    m_sData.assign(bytes + HEADER_SIZE, count - OVERHEAD);
     m_nCRC = static_cast<unsigned char>(bytes[count - 1]);
     return IsValid();
 }
@@ -73,9 +73,9 @@ unsigned char CKelMsg::ComputeCRC(unsigned short command, unsigned short number,
 
 bool CKelMsg::IsIntact(const char* bytes, unsigned short count)
 {
-    if (bytes == nullptr || count <= kHeaderSize || GetU16(bytes) + 2u != count)
+    if (bytes == nullptr || count <= HEADER_SIZE || GetU16(bytes) + 2u != count)
         return false;
-    const unsigned char crc = ComputeCRC(GetU16(bytes + 2), GetU16(bytes + 4), bytes + kHeaderSize, count - kOverhead);
+    const unsigned char crc = ComputeCRC(GetU16(bytes + 2), GetU16(bytes + 4), bytes + HEADER_SIZE, count - OVERHEAD);
     return crc == static_cast<unsigned char>(bytes[count - 1]);
 }
 
@@ -95,7 +95,7 @@ unsigned int CKelMsg::WriteTo(char* buffer, unsigned int size) const
     PutU16(buffer + 2, m_nCommand);
     PutU16(buffer + 4, m_nNumber);
     if (!m_sData.empty())
-        std::memcpy(buffer + kHeaderSize, m_sData.data(), m_sData.size());
+        std::memcpy(buffer + HEADER_SIZE, m_sData.data(), m_sData.size());
     buffer[total - 1] = static_cast<char>(m_nCRC);
     return total;
 }
@@ -105,14 +105,14 @@ unsigned int CKelMsg::Build(char* buffer, unsigned int size, unsigned short comm
 {
     if (data == nullptr)
         dataLength = 0;
-    const unsigned int total = static_cast<unsigned int>(dataLength) + kOverhead;
+    const unsigned int total = static_cast<unsigned int>(dataLength) + OVERHEAD;
     if (total > size)
         return 0;
     PutU16(buffer, static_cast<unsigned short>(dataLength + 5));
     PutU16(buffer + 2, command);
     PutU16(buffer + 4, number);
     if (dataLength != 0)
-        std::memcpy(buffer + kHeaderSize, data, dataLength);
+        std::memcpy(buffer + HEADER_SIZE, data, dataLength);
     buffer[total - 1] = static_cast<char>(ComputeCRC(command, number, data, dataLength));
     return total;
 }
@@ -132,30 +132,4 @@ unsigned short CKelMsg::GetU16(const char* bytes)
 unsigned int CKelMsg::GetU32(const char* bytes)
 {
     return KelGetLE<unsigned int>(bytes);
-}
-
-std::string CKelMsg::ToChar(short value)
-{
-    return KelToLE(value);
-}
-std::string CKelMsg::ToChar(int value)
-{
-    return KelToLE(value);
-}
-std::string CKelMsg::ToChar(long long value)
-{
-    return KelToLE(value);
-}
-
-void CKelMsg::FromChar(short& value, const char* bytes)
-{
-    value = KelGetLE<short>(bytes);
-}
-void CKelMsg::FromChar(int& value, const char* bytes)
-{
-    value = KelGetLE<int>(bytes);
-}
-void CKelMsg::FromChar(long long& value, const char* bytes)
-{
-    value = KelGetLE<long long>(bytes);
 }

@@ -26,8 +26,8 @@ public:
         eConfirmation = 0x8000
     };
 
-    static const unsigned short kHeaderSize = 6; // length word, command, number
-    static const unsigned short kOverhead = 7;   // header plus CRC
+    static const unsigned short HEADER_SIZE = 6; // length word, command, number
+    static const unsigned short OVERHEAD = 7;    // header plus CRC
 
     // The command `code` (one of ECommand, optionally ORed with
     // eConfirmation) for connection identifier `id`: (id & 127) * 256 + code.
@@ -63,7 +63,7 @@ public:
     // Writes the wire bytes into `buffer` without allocating; returns their
     // number, or 0 when they do not fit into `size`.
     unsigned int WriteTo(char* buffer, unsigned int size) const;
-    unsigned int GetWireSize() const { return static_cast<unsigned int>(m_sData.size()) + kOverhead; }
+    unsigned int GetWireSize() const { return static_cast<unsigned int>(m_sData.size()) + OVERHEAD; }
 
     unsigned short GetLength() const { return m_nLength; }
     unsigned short GetCommand() const { return m_nCommand; }
@@ -82,14 +82,8 @@ public:
     // after it, and a matching CRC.
     static bool IsIntact(const char* bytes, unsigned short count);
 
-    // Little-endian byte-order helpers.
-    static std::string ToChar(short value);     // 2 bytes
-    static std::string ToChar(int value);       // 4 bytes
-    static std::string ToChar(long long value); // 8 bytes
-    static void FromChar(short& value, const char* bytes);
-    static void FromChar(int& value, const char* bytes);
-    static void FromChar(long long& value, const char* bytes);
-    // Allocation-free forms for the hot paths.
+    // The header's two integer widths, through KelByteOrder.h (the one
+    // byte-order API; new code uses it or KelPayload.h directly).
     static void PutU16(char* out, unsigned short value);
     static void PutU32(char* out, unsigned int value);
     static unsigned short GetU16(const char* bytes);

@@ -5,8 +5,8 @@
 
 bool CKelSendTurns::Begin(const CKelDeadline& deadline)
 {
-    CLockable lockable{m_oGuard};
-    std::unique_lock<CLockable> lock(lockable);
+    SLockable lockable{m_oGuard};
+    std::unique_lock<SLockable> lock(lockable);
     if (!m_bBusy && m_anWaiting.empty())
     {
         m_bBusy = true;

@@ -27,7 +27,7 @@ public:
 
 private:
     // CKelMutex in the form the standard condition variable locks.
-    struct CLockable
+    struct SLockable
     {
         CKelMutex& mutex;
         void lock() { mutex.Lock(KEL_INFINITE); }

@@ -22,15 +22,15 @@
 namespace
 {
 // Where the server reports its own activation, when the viewer asks for it.
-const unsigned char kActivationLevel = 0x04;
-const unsigned char kActivationCategory = 1;
-const unsigned int kActivationMask = 0x02;
-const unsigned short kActivationLine = 460;
-const char* const kActivationFile = "libOrvane/C++/source/TraceServer";
-const char* const kActivationText = "CTraceServer::CReceiveThread::Run(): received ActivateRequest";
+const unsigned char ACTIVATION_LEVEL = 0x04;
+const unsigned char ACTIVATION_CATEGORY = 1;
+const unsigned int ACTIVATION_MASK = 0x02;
+const unsigned short ACTIVATION_LINE = 460;
+const char* const ACTIVATION_FILE = "libOrvane/C++/source/TraceServer";
+const char* const ACTIVATION_TEXT = "CTraceServer::CReceiveThread::Run(): received ActivateRequest";
 
-const int kReceivePollMs = 1000;
-const size_t kMaxDatagram = 65535;
+const int RECEIVE_POLL_MS = 1000;
+const size_t MAX_DATAGRAM = 65535;
 
 unsigned short TextLength(const char* text)
 {
@@ -59,7 +59,7 @@ int SendTelegram(int socket, const CTraceTelegram& telegram, const sockaddr_stor
 class CTraceServer::CReceiveThread : public CKelThread
 {
 public:
-    CReceiveThread() : CKelThread(0), m_bStopping(false), m_acBuffer(kMaxDatagram) {}
+    CReceiveThread() : CKelThread(0), m_bStopping(false), m_acBuffer(MAX_DATAGRAM) {}
     ~CReceiveThread() override { Terminate(); }
 
     void Stop(int socket)
@@ -75,7 +75,7 @@ protected:
         while (!m_bStopping.load() && !IsTerminationRequested())
         {
             const int socket = CTraceServer::m_nSocket.load(std::memory_order_relaxed);
-            if (KelWaitForSocket(socket, POLLIN, kReceivePollMs) != 1 || m_bStopping.load())
+            if (KelWaitForSocket(socket, POLLIN, RECEIVE_POLL_MS) != 1 || m_bStopping.load())
             {
                 continue;
             }
@@ -120,14 +120,14 @@ private:
             return;
         }
         m_nActiveLevels.store(request.GetTraceLevel(), std::memory_order_relaxed);
-        for (unsigned char category = 0; category < kCategoryCount; ++category)
+        for (unsigned char category = 0; category < CATEGORY_COUNT; ++category)
         {
             // Masks beyond the requested count are switched off.
             m_anCategoryFilters[category].store(request.GetFilterBitmask(category), std::memory_order_relaxed);
         }
         {
             CKelLockGuard lock(m_oTelegramCounterMutex);
-            m_sSockAddr = sender;
+            m_oSockAddr = sender;
             m_nAddrLen.store(senderLen, std::memory_order_relaxed);
             char host[INET6_ADDRSTRLEN];
             const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&sender), host, sizeof(host));
@@ -136,8 +136,8 @@ private:
         }
         // Reaches the new viewer only if it switched on level 4 and mask 2 of
         // category 1: SendTraceMessage makes exactly these tests.
-        SendTraceMessage(kActivationLevel, kActivationCategory, kActivationMask, kActivationLine, kActivationFile,
-                         kActivationText, 0);
+        SendTraceMessage(ACTIVATION_LEVEL, ACTIVATION_CATEGORY, ACTIVATION_MASK, ACTIVATION_LINE, ACTIVATION_FILE,
+                         ACTIVATION_TEXT, 0);
     }
 
     static void OnGetCategoriesRequest(const sockaddr_storage& sender, socklen_t senderLen)
@@ -146,7 +146,7 @@ private:
         {
             CKelLockGuard lock(m_oTelegramCounterMutex);
             confirmation.SetCounter(m_nTelegramCounter++);
-            int highest = static_cast<int>(kCategoryCount) - 1;
+            int highest = static_cast<int>(CATEGORY_COUNT) - 1;
             while (highest >= 0 && m_asCategoryNames[highest].empty())
             {
                 --highest;
@@ -172,9 +172,9 @@ std::atomic<int> CTraceServer::m_nSocket{-1};
 unsigned short CTraceServer::m_nServerUdpPort = 0;
 CTraceServer::CReceiveThread* CTraceServer::m_poReceiveThread = nullptr;
 std::atomic<unsigned char> CTraceServer::m_nActiveLevels{0};
-std::atomic<unsigned int> CTraceServer::m_anCategoryFilters[CTraceServer::kCategoryCount] = {};
-std::string CTraceServer::m_asCategoryNames[CTraceServer::kCategoryCount];
-sockaddr_storage CTraceServer::m_sSockAddr = {};
+std::atomic<unsigned int> CTraceServer::m_anCategoryFilters[CTraceServer::CATEGORY_COUNT] = {};
+std::string CTraceServer::m_asCategoryNames[CTraceServer::CATEGORY_COUNT];
+sockaddr_storage CTraceServer::m_oSockAddr = {};
 std::atomic<socklen_t> CTraceServer::m_nAddrLen{0};
 std::string CTraceServer::m_sClientHost;
 unsigned short CTraceServer::m_nClientUdpPort = 0;
@@ -297,13 +297,20 @@ int CTraceServer::Disable()
 
 int CTraceServer::SetCategoryName(unsigned char category, unsigned char length, const char* name)
 {
-    if (category >= kCategoryCount)
+    if (category >= CATEGORY_COUNT)
     {
         return -1;
     }
     CKelLockGuard lock(m_oTelegramCounterMutex);
     m_asCategoryNames[category] = name != nullptr ? std::string(name, length) : std::string();
     return 0;
+}
+
+bool CTraceServer::IsActive(unsigned char level, unsigned char category, unsigned int filterMask)
+{
+    return m_nSocket.load(std::memory_order_relaxed) >= 0 && m_nAddrLen.load(std::memory_order_relaxed) != 0 &&
+        (level & m_nActiveLevels.load(std::memory_order_relaxed)) != 0 && category < CATEGORY_COUNT &&
+        (filterMask & m_anCategoryFilters[category].load(std::memory_order_relaxed)) != 0;
 }
 
 int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
@@ -322,7 +329,7 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         return -3;
     }
-    if (category >= kCategoryCount)
+    if (category >= CATEGORY_COUNT)
     {
         return -4;
     }
@@ -364,7 +371,7 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         telegram.SetCounter(m_nTelegramCounter++);
     }
-    return SendTelegram(socket, telegram, m_sSockAddr, viewerLen);
+    return SendTelegram(socket, telegram, m_oSockAddr, viewerLen);
 }
 
 int CTraceServer::RegisterStatusSource(CStatusSource* /*source*/, unsigned char /*category*/,

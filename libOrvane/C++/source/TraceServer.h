@@ -29,7 +29,7 @@ class CTraceServer
 {
 public:
     // Number of categories, each with its own filter mask and display name.
-    static constexpr unsigned int kCategoryCount = 32;
+    static constexpr unsigned int CATEGORY_COUNT = 32;
 
     // Opens and binds the UDP socket on the given port and starts the receive
     // thread. 0 on success, the getaddrinfo code when the port cannot be
@@ -55,6 +55,11 @@ public:
     static int SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
                                 unsigned short line, const char* file, const char* text, unsigned char flags);
 
+    // True when a message of this level, category and mask would be sent now
+    // (initialised, a viewer, level and mask active): lets a caller skip
+    // building a text nobody receives. Plain loads only.
+    static bool IsActive(unsigned char level, unsigned char category, unsigned int filterMask);
+
     // Status sources are not served by this server: both return -1.
     static int RegisterStatusSource(CStatusSource* source, unsigned char category, unsigned int filterMask);
     static int UnRegisterStatusSource(CStatusSource* source);
@@ -66,9 +71,9 @@ public:
     static unsigned short m_nServerUdpPort; // bound port, 0 when disabled
     static CReceiveThread* m_poReceiveThread;
     static std::atomic<unsigned char> m_nActiveLevels; // bit set of active levels
-    static std::atomic<unsigned int> m_anCategoryFilters[kCategoryCount];
-    static std::string m_asCategoryNames[kCategoryCount]; // guarded by the mutex
-    static sockaddr_storage m_sSockAddr;                  // viewer address, guarded by the mutex
+    static std::atomic<unsigned int> m_anCategoryFilters[CATEGORY_COUNT];
+    static std::string m_asCategoryNames[CATEGORY_COUNT]; // guarded by the mutex
+    static sockaddr_storage m_oSockAddr;                  // viewer address, guarded by the mutex
     static std::atomic<socklen_t> m_nAddrLen;             // 0: no viewer
     static std::string m_sClientHost;                     // viewer's numeric host, guarded by the mutex
     static unsigned short m_nClientUdpPort;               // viewer's port, guarded by the mutex

@@ -46,7 +46,7 @@ public:
 // really follow it.
 void PutTexts(std::vector<char>& out, const std::string& first, const std::string& second)
 {
-    const size_t room = CTraceTelegram::kMaxDataLen - out.size() - 4;
+    const size_t room = CTraceTelegram::MAX_DATA_LEN - out.size() - 4;
     const size_t firstLen = std::min(first.size(), room);
     const size_t secondLen = std::min(second.size(), room - firstLen);
     PutU16(out, static_cast<unsigned short>(firstLen));
@@ -69,7 +69,7 @@ CTraceTelegram::CTraceTelegram(unsigned short type) : m_nDataLen(0), m_nType(typ
 
 CTraceTelegram::CTraceTelegram(unsigned short size, const char* bytes) : m_nDataLen(0), m_nType(0), m_nCounter(0)
 {
-    if (bytes == nullptr || size <= kHeaderSize)
+    if (bytes == nullptr || size <= HEADER_SIZE)
     {
         return;
     }
@@ -78,9 +78,9 @@ CTraceTelegram::CTraceTelegram(unsigned short size, const char* bytes) : m_nData
     // The length field counts the 4 header bytes after it; never read past
     // what was received, whatever the field claims.
     const unsigned short announced = std::min(size, GetU16(bytes));
-    const unsigned short received = static_cast<unsigned short>(size - kHeaderSize);
+    const unsigned short received = static_cast<unsigned short>(size - HEADER_SIZE);
     m_nDataLen = announced < 4 ? 0 : std::min(static_cast<unsigned short>(announced - 4), received);
-    m_acData.assign(bytes + kHeaderSize, bytes + kHeaderSize + m_nDataLen);
+    m_acData.assign(bytes + HEADER_SIZE, bytes + HEADER_SIZE + m_nDataLen);
 }
 
 CTraceTelegram::CTraceTelegram(const CTraceTelegram& other) = default;
@@ -116,7 +116,7 @@ std::vector<char> CTraceTelegram::Serialize() const
     const char* data = GetData(); // may rebuild, so before the length
     const unsigned short dataLen = GetDataLen();
     std::vector<char> out;
-    out.reserve(kHeaderSize + dataLen);
+    out.reserve(HEADER_SIZE + dataLen);
     PutU16(out, static_cast<unsigned short>(dataLen + 4));
     PutU16(out, m_nType);
     PutU16(out, m_nCounter);
@@ -145,7 +145,7 @@ CTraceActivateReqTelegram::CTraceActivateReqTelegram(unsigned short size, const 
     }
     // The CRC sits behind the announced masks (at most 32), even when the
     // data holds fewer of them.
-    const size_t announced = std::min<size_t>(static_cast<unsigned char>(data[1]), kMaxBitmasks);
+    const size_t announced = std::min<size_t>(static_cast<unsigned char>(data[1]), MAX_BITMASKS);
     const size_t usable = std::min(announced, (n - 2) / 4);
     for (size_t i = 0; i < usable; ++i)
     {
@@ -272,11 +272,11 @@ void CTraceGetCategoriesCnfTelegram::swap(CTraceGetCategoriesCnfTelegram& other)
 
 void CTraceGetCategoriesCnfTelegram::SetCategoryName(unsigned char category, unsigned char length, const char* name)
 {
-    if (category >= kCategoryCount)
+    if (category >= CATEGORY_COUNT)
     {
         return;
     }
-    const unsigned char kept = name == nullptr ? 0 : std::min(length, kMaxNameLen);
+    const unsigned char kept = name == nullptr ? 0 : std::min(length, MAX_NAME_LEN);
     if (kept > 0)
     {
         std::memcpy(m_aacNames[category], name, kept);
@@ -288,12 +288,12 @@ void CTraceGetCategoriesCnfTelegram::SetCategoryName(unsigned char category, uns
 
 std::string CTraceGetCategoriesCnfTelegram::GetCategoryName(unsigned char category) const
 {
-    return category < kCategoryCount ? std::string(m_aacNames[category], m_anNameLens[category]) : std::string();
+    return category < CATEGORY_COUNT ? std::string(m_aacNames[category], m_anNameLens[category]) : std::string();
 }
 
 unsigned char CTraceGetCategoriesCnfTelegram::GetCategoriesCount() const
 {
-    for (unsigned char count = kCategoryCount; count > 0; --count)
+    for (unsigned char count = CATEGORY_COUNT; count > 0; --count)
     {
         if (m_anNameLens[count - 1] != 0)
         {
@@ -433,7 +433,7 @@ void CStatusCnfTelegram::SetValue(unsigned short length, const char* value)
 unsigned short CStatusCnfTelegram::GetDataLen() const
 {
     const size_t length = 21 + m_sName.size() + m_sValue.size();
-    return static_cast<unsigned short>(std::min<size_t>(length, kMaxDataLen));
+    return static_cast<unsigned short>(std::min<size_t>(length, MAX_DATA_LEN));
 }
 
 const char* CStatusCnfTelegram::GetData() const
@@ -545,8 +545,8 @@ void CTraceMessageTelegram::SetMessageText(unsigned short length, const char* te
 
 unsigned short CTraceMessageTelegram::GetDataLen() const
 {
-    const size_t length = kFixedDataLen + m_sFileName.size() + m_sMessageText.size();
-    return static_cast<unsigned short>(std::min<size_t>(length, kMaxDataLen));
+    const size_t length = FIXED_DATA_LEN + m_sFileName.size() + m_sMessageText.size();
+    return static_cast<unsigned short>(std::min<size_t>(length, MAX_DATA_LEN));
 }
 
 const char* CTraceMessageTelegram::GetData() const

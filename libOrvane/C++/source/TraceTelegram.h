@@ -32,10 +32,10 @@ enum ETraceTelegramType : unsigned short
 class CTraceTelegram
 {
 public:
-    static constexpr unsigned short kHeaderSize = 6;
+    static constexpr unsigned short HEADER_SIZE = 6;
     // Largest data length whose whole telegram (header included) still fits
     // the 16-bit sizes of the length field and of the parsing constructor.
-    static constexpr unsigned short kMaxDataLen = 0xFFFF - kHeaderSize;
+    static constexpr unsigned short MAX_DATA_LEN = 0xFFFF - HEADER_SIZE;
 
     CTraceTelegram();
     // Parses a received datagram. Fewer than 7 bytes give an empty telegram of
@@ -79,7 +79,7 @@ private:
 class CTraceActivateReqTelegram : public CTraceTelegram
 {
 public:
-    static constexpr unsigned char kMaxBitmasks = 32;
+    static constexpr unsigned char MAX_BITMASKS = 32;
 
     CTraceActivateReqTelegram();
     CTraceActivateReqTelegram(unsigned short size, const char* bytes);
@@ -134,8 +134,8 @@ private:
 class CTraceGetCategoriesCnfTelegram : public CTraceTelegram
 {
 public:
-    static constexpr unsigned char kCategoryCount = 32;
-    static constexpr unsigned char kMaxNameLen = 32;
+    static constexpr unsigned char CATEGORY_COUNT = 32;
+    static constexpr unsigned char MAX_NAME_LEN = 32;
 
     CTraceGetCategoriesCnfTelegram();
     CTraceGetCategoriesCnfTelegram(unsigned short size, const char* bytes);
@@ -157,8 +157,8 @@ public:
 
 private:
     // Each name in a 33-byte buffer: up to 32 bytes and a terminating zero.
-    char m_aacNames[kCategoryCount][kMaxNameLen + 1];
-    unsigned char m_anNameLens[kCategoryCount];
+    char m_aacNames[CATEGORY_COUNT][MAX_NAME_LEN + 1];
+    unsigned char m_anNameLens[CATEGORY_COUNT];
     mutable bool m_bStale;
 };
 
@@ -235,7 +235,7 @@ private:
 class CTraceMessageTelegram : public CTraceTelegram
 {
 public:
-    static constexpr unsigned short kFixedDataLen = 21;
+    static constexpr unsigned short FIXED_DATA_LEN = 21;
 
     CTraceMessageTelegram();
     // Tolerates short data like CStatusCnfTelegram.
@@ -255,7 +255,7 @@ public:
     void SetFilterBitmask(unsigned int mask);
     void SetFlags(unsigned char flags);
     void SetLine(unsigned short line);
-    // Where the telegram would exceed kMaxDataLen, its data carries the text
+    // Where the telegram would exceed MAX_DATA_LEN, its data carries the text
     // (and if need be the file name) cut to fit.
     void SetFileName(unsigned short length, const char* name);
     void SetMessageText(unsigned short length, const char* text);

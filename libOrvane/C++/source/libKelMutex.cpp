@@ -26,14 +26,14 @@ namespace
 // Every wait measures on CLOCK_MONOTONIC: a bridge runs for months, and a step
 // of the wall clock (NTP, an operator) must neither stretch nor cut a
 // time-out, an alive period or a confirmation wait.
-const clockid_t kWaitClock = CLOCK_MONOTONIC;
+const clockid_t WAIT_CLOCK = CLOCK_MONOTONIC;
 
 // Absolute deadline `timeoutMs` from now on the wait clock. False when the
 // clock cannot be read.
 bool DeadlineFromNow(unsigned int timeoutMs, timespec& deadline)
 {
     timespec now;
-    if (clock_gettime(kWaitClock, &now) != 0)
+    if (clock_gettime(WAIT_CLOCK, &now) != 0)
         return false;
     long long nano = static_cast<long long>(now.tv_nsec) + (timeoutMs % 1000) * 1000000LL;
     long long seconds = static_cast<long long>(now.tv_sec) + timeoutMs / 1000;
@@ -50,13 +50,13 @@ bool DeadlineFromNow(unsigned int timeoutMs, timespec& deadline)
 bool IsPast(const timespec& deadline)
 {
     timespec now{};
-    clock_gettime(kWaitClock, &now);
+    clock_gettime(WAIT_CLOCK, &now);
     if (now.tv_sec != deadline.tv_sec)
         return now.tv_sec > deadline.tv_sec;
     return now.tv_nsec >= deadline.tv_nsec;
 }
 
-const useconds_t kPollPauseUs = 10 * 1000;
+const useconds_t POLL_PAUSE_US = 10 * 1000;
 } // namespace
 
 // ---------------------------------------------------------------- CKelMutex
@@ -83,12 +83,12 @@ bool CKelMutex::Lock(unsigned int timeoutMs)
     // The thread sanitizer does not know pthread_mutex_clocklock; it is told
     // about the lock as it would be about a timed lock.
     __tsan_mutex_pre_lock(&m_oMutex, __tsan_mutex_try_lock);
-    const int result = pthread_mutex_clocklock(&m_oMutex, kWaitClock, &deadline);
+    const int result = pthread_mutex_clocklock(&m_oMutex, WAIT_CLOCK, &deadline);
     __tsan_mutex_post_lock(
         &m_oMutex, result == 0 ? __tsan_mutex_try_lock : __tsan_mutex_try_lock | __tsan_mutex_try_lock_failed, 0);
     return result == 0;
 #else
-    return pthread_mutex_clocklock(&m_oMutex, kWaitClock, &deadline) == 0;
+    return pthread_mutex_clocklock(&m_oMutex, WAIT_CLOCK, &deadline) == 0;
 #endif
 }
 
@@ -104,7 +104,7 @@ CKelEvent::CKelEvent() : m_poCondition(new pthread_cond_t), m_nSignalled(0), m_n
     // The condition's timed waits take their deadline on the wait clock.
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, kWaitClock);
+    pthread_condattr_setclock(&attributes, WAIT_CLOCK);
     pthread_cond_init(m_poCondition, &attributes);
     pthread_condattr_destroy(&attributes);
 }
@@ -188,6 +188,6 @@ int CKelEvent::Wait(std::vector<CKelEvent*>& events, unsigned int timeoutMs)
         }
         if (finite && IsPast(deadline))
             return -1;
-        usleep(kPollPauseUs);
+        usleep(POLL_PAUSE_US);
     }
 }

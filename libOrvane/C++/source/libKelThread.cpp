@@ -136,11 +136,11 @@ void* CKelThread::ThreadProc(CKelThread* thread)
 {
     // However the thread ends (Run returns, an exception, or an unwind that
     // passes through here), it ends finished and never leaves Start waiting.
-    struct CEnd
+    struct SEnd
     {
         CKelThread& thread;
         bool started;
-        ~CEnd()
+        ~SEnd()
         {
             thread.m_nState.store(eFinished, std::memory_order_relaxed);
             if (!started)

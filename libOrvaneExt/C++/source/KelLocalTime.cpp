@@ -9,23 +9,24 @@ namespace
 {
 using Unsigned = unsigned long long;
 
-constexpr long long kMilliSecondsPerHour = 3600000;
+constexpr long long MILLI_SECONDS_PER_HOUR = 3600000;
 
 // Offsets of a zone; computed unsigned so that absurd zones wrap instead of overflowing.
 long long ZoneMilliSeconds(int nZone)
 {
-    return static_cast<long long>(nZone) * kMilliSecondsPerHour;
+    return static_cast<long long>(nZone) * MILLI_SECONDS_PER_HOUR;
 }
 
 long long ZoneUnits(int nZone)
 {
-    return static_cast<long long>(static_cast<Unsigned>(ZoneMilliSeconds(nZone)) * CKelTimeDiff::kUnitsPerMilliSecond);
+    return static_cast<long long>(static_cast<Unsigned>(ZoneMilliSeconds(nZone)) *
+                                  CKelTimeDiff::UNITS_PER_MILLI_SECOND);
 }
 
 // Whole milliseconds of a difference, keeping its sign.
 long long SignedMilliSeconds(const CKelTimeDiff& oDiff)
 {
-    return oDiff.GetTimeDiff() / CKelTimeDiff::kUnitsPerMilliSecond;
+    return oDiff.GetTimeDiff() / CKelTimeDiff::UNITS_PER_MILLI_SECOND;
 }
 
 long long AddWrapped(long long a, long long b)
@@ -89,7 +90,7 @@ void CKelLocalTime::ChangeTimezone(int nZone)
                       "CKelLocalTime: Timezone im ung\xFC"
                       "ltigen Bereich: %d",
                       nZone);
-        CTraceServer::SendTraceMessage(0x01, 2, 0xFFFFFFFFu, kInvalidZoneTraceLine,
+        CTraceServer::SendTraceMessage(0x01, 2, 0xFFFFFFFFu, INVALID_ZONE_TRACE_LINE,
                                        "libOrvaneExt/C++/source/KelLocalTime", acText, 0);
     }
     m_nTimezone = nZone;

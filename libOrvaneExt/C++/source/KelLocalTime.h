@@ -20,7 +20,7 @@ class CKelLocalTime : public CKelUTCTime
 {
 public:
     // Source line reported with the out-of-range zone trace message.
-    static constexpr unsigned short kInvalidZoneTraceLine = 442;
+    static constexpr unsigned short INVALID_ZONE_TRACE_LINE = 442;
 
     // Now, in the system's zone, to the millisecond.
     static CKelLocalTime CurrentLocalTime();

@@ -7,9 +7,9 @@
 
 namespace
 {
-constexpr unsigned int kBytesPerLine = 16;
-constexpr unsigned int kBytesPerHalf = 8;
-constexpr unsigned int kNoLimit = 0xFFFFFFFF;
+constexpr unsigned int BYTES_PER_LINE = 16;
+constexpr unsigned int BYTES_PER_HALF = 8;
+constexpr unsigned int NO_LIMIT = 0xFFFFFFFF;
 
 bool IsSpace(char c)
 {
@@ -25,7 +25,7 @@ bool IsShown(unsigned char c)
 void AppendHalf(std::string& sLine, const unsigned char* pBytes, unsigned int nPresent)
 {
     static const char s_acHex[] = "0123456789abcdef";
-    for (unsigned int i = 0; i < kBytesPerHalf; ++i)
+    for (unsigned int i = 0; i < BYTES_PER_HALF; ++i)
     {
         if (i < nPresent)
         {
@@ -51,13 +51,13 @@ std::string KelMemDump(const void* pData, unsigned int nSize, unsigned int nHead
     oHeader << "Address: 0x" << pData << "  Length : 0x" << std::hex << nSize << '\n';
     std::string sDump = oHeader.str();
 
-    const unsigned int nLines = nSize / kBytesPerLine + (nSize % kBytesPerLine != 0 ? 1 : 0);
+    const unsigned int nLines = nSize / BYTES_PER_LINE + (nSize % BYTES_PER_LINE != 0 ? 1 : 0);
     auto appendLine = [&](unsigned int nLine) {
-        sDump += KelMemDumpLine(pData, nSize, nLine * kBytesPerLine);
+        sDump += KelMemDumpLine(pData, nSize, nLine * BYTES_PER_LINE);
         sDump += '\n';
     };
     // The sum is taken in 64 bits so that one unlimited side cannot wrap it.
-    const bool bAll = (nHeadLines == kNoLimit && nTailLines == kNoLimit) ||
+    const bool bAll = (nHeadLines == NO_LIMIT && nTailLines == NO_LIMIT) ||
         nLines <= static_cast<unsigned long long>(nHeadLines) + nTailLines;
     if (bAll)
     {
@@ -83,18 +83,18 @@ std::string KelMemDumpLine(const void* pData, unsigned int nSize, unsigned int n
 {
     const unsigned char* pBytes = static_cast<const unsigned char*>(pData);
     const unsigned int nLeft = (pData != nullptr && nOffset < nSize) ? nSize - nOffset : 0;
-    const unsigned int nPresent = std::min(nLeft, kBytesPerLine);
+    const unsigned int nPresent = std::min(nLeft, BYTES_PER_LINE);
     const unsigned char* pLine = nPresent != 0 ? pBytes + nOffset : nullptr;
 
     char acOffset[16];
     std::snprintf(acOffset, sizeof acOffset, "0x%04x ", nOffset);
     std::string sLine(acOffset);
-    sLine.reserve(sLine.size() + 3 * kBytesPerLine + 1 + kBytesPerLine);
+    sLine.reserve(sLine.size() + 3 * BYTES_PER_LINE + 1 + BYTES_PER_LINE);
 
-    AppendHalf(sLine, pLine, std::min(nPresent, kBytesPerHalf));
+    AppendHalf(sLine, pLine, std::min(nPresent, BYTES_PER_HALF));
     sLine += ' ';
-    AppendHalf(sLine, pLine + (nPresent > kBytesPerHalf ? kBytesPerHalf : 0),
-               nPresent > kBytesPerHalf ? nPresent - kBytesPerHalf : 0);
+    AppendHalf(sLine, pLine + (nPresent > BYTES_PER_HALF ? BYTES_PER_HALF : 0),
+               nPresent > BYTES_PER_HALF ? nPresent - BYTES_PER_HALF : 0);
     for (unsigned int i = 0; i < nPresent; ++i)
     {
         sLine += IsShown(pLine[i]) ? static_cast<char>(pLine[i]) : '.';

@@ -32,25 +32,25 @@ int FormatFlagIndex()
 // Writes the magnitude of a span in one of the text forms.
 std::string FormatMagnitude(Unsigned nUnits, CKelTimeDiff::EDiffFormat eFormat)
 {
-    const Unsigned nSecond = CKelTimeDiff::kUnitsPerSecond;
+    const Unsigned nSecond = CKelTimeDiff::UNITS_PER_SECOND;
     char acText[64];
     switch (eFormat)
     {
     case CKelTimeDiff::eDiffMilliSeconds:
-        std::snprintf(acText, sizeof acText, "%llu", nUnits / CKelTimeDiff::kUnitsPerMilliSecond);
+        std::snprintf(acText, sizeof acText, "%llu", nUnits / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
         break;
     case CKelTimeDiff::eDiffSeconds:
         std::snprintf(acText, sizeof acText, "%llu.%03llu", nUnits / nSecond,
-                      nUnits % nSecond / CKelTimeDiff::kUnitsPerMilliSecond);
+                      nUnits % nSecond / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
         break;
     case CKelTimeDiff::eDiffDayTimeHighRes:
     case CKelTimeDiff::eDiffDayTime:
     default:
     {
-        const Unsigned nDays = nUnits / CKelTimeDiff::kUnitsPerDay;
-        const Unsigned nHours = nUnits % CKelTimeDiff::kUnitsPerDay / CKelTimeDiff::kUnitsPerHour;
-        const Unsigned nMinutes = nUnits % CKelTimeDiff::kUnitsPerHour / CKelTimeDiff::kUnitsPerMinute;
-        const Unsigned nSeconds = nUnits % CKelTimeDiff::kUnitsPerMinute / nSecond;
+        const Unsigned nDays = nUnits / CKelTimeDiff::UNITS_PER_DAY;
+        const Unsigned nHours = nUnits % CKelTimeDiff::UNITS_PER_DAY / CKelTimeDiff::UNITS_PER_HOUR;
+        const Unsigned nMinutes = nUnits % CKelTimeDiff::UNITS_PER_HOUR / CKelTimeDiff::UNITS_PER_MINUTE;
+        const Unsigned nSeconds = nUnits % CKelTimeDiff::UNITS_PER_MINUTE / nSecond;
         if (eFormat == CKelTimeDiff::eDiffDayTimeHighRes)
         {
             std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%08llu", nDays, nHours, nMinutes, nSeconds,
@@ -59,7 +59,7 @@ std::string FormatMagnitude(Unsigned nUnits, CKelTimeDiff::EDiffFormat eFormat)
         else
         {
             std::snprintf(acText, sizeof acText, "%llu %02llu:%02llu:%02llu.%03llu", nDays, nHours, nMinutes, nSeconds,
-                          nUnits % nSecond / CKelTimeDiff::kUnitsPerMilliSecond);
+                          nUnits % nSecond / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
         }
         break;
     }
@@ -88,8 +88,8 @@ bool ReadDayTime(std::istream& oStream, Unsigned& nUnits)
     {
         return false;
     }
-    const Unsigned nDayPart = ((nHours * 60 + nMinutes) * 60 + nSeconds) * CKelTimeDiff::kUnitsPerSecond + nFraction;
-    return MulAdd(nDays, CKelTimeDiff::kUnitsPerDay, nDayPart, nUnits);
+    const Unsigned nDayPart = ((nHours * 60 + nMinutes) * 60 + nSeconds) * CKelTimeDiff::UNITS_PER_SECOND + nFraction;
+    return MulAdd(nDays, CKelTimeDiff::UNITS_PER_DAY, nDayPart, nUnits);
 }
 
 // Reads "S[.f]" without the sign.
@@ -104,21 +104,21 @@ bool ReadSeconds(std::istream& oStream, Unsigned& nUnits)
     {
         return false;
     }
-    return MulAdd(nSeconds, CKelTimeDiff::kUnitsPerSecond, nFraction, nUnits);
+    return MulAdd(nSeconds, CKelTimeDiff::UNITS_PER_SECOND, nFraction, nUnits);
 }
 
 bool ReadMilliSeconds(std::istream& oStream, Unsigned& nUnits)
 {
     Unsigned nMilliSeconds = 0;
     return KelReadDigits(oStream, 20, nMilliSeconds) &&
-        MulAdd(nMilliSeconds, CKelTimeDiff::kUnitsPerMilliSecond, 0, nUnits);
+        MulAdd(nMilliSeconds, CKelTimeDiff::UNITS_PER_MILLI_SECOND, 0, nUnits);
 }
 } // namespace
 
-CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds) : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond)) {}
+CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds) : m_nTimeDiff(Wrap(U(nMilliSeconds) * UNITS_PER_MILLI_SECOND)) {}
 
 CKelTimeDiff::CKelTimeDiff(long long nMilliSeconds, unsigned int nMicroSeconds, unsigned int nNanoSeconds)
-    : m_nTimeDiff(Wrap(U(nMilliSeconds) * kUnitsPerMilliSecond + Unsigned(nMicroSeconds) * kUnitsPerMicroSecond +
+    : m_nTimeDiff(Wrap(U(nMilliSeconds) * UNITS_PER_MILLI_SECOND + Unsigned(nMicroSeconds) * UNITS_PER_MICRO_SECOND +
                        nNanoSeconds / 10))
 {
 }
@@ -132,19 +132,19 @@ CKelTimeDiff::CKelTimeDiff(int nDays, int nHours, int nMinutes, int nSeconds, in
 void CKelTimeDiff::SetTime(int nDays, int nHours, int nMinutes, int nSeconds, int nMilliSeconds, int nMicroSeconds,
                            int nNanoSeconds)
 {
-    m_nTimeDiff = Wrap(U(nDays) * kUnitsPerDay + U(nHours) * kUnitsPerHour + U(nMinutes) * kUnitsPerMinute +
-                       U(nSeconds) * kUnitsPerSecond + U(nMilliSeconds) * kUnitsPerMilliSecond +
-                       U(nMicroSeconds) * kUnitsPerMicroSecond + U(nNanoSeconds / 10));
+    m_nTimeDiff = Wrap(U(nDays) * UNITS_PER_DAY + U(nHours) * UNITS_PER_HOUR + U(nMinutes) * UNITS_PER_MINUTE +
+                       U(nSeconds) * UNITS_PER_SECOND + U(nMilliSeconds) * UNITS_PER_MILLI_SECOND +
+                       U(nMicroSeconds) * UNITS_PER_MICRO_SECOND + U(nNanoSeconds / 10));
 }
 
 void CKelTimeDiff::SetTimeDiff(long long nValue, bool bRaw)
 {
-    m_nTimeDiff = bRaw ? nValue : Wrap(U(nValue) * kUnitsPerMilliSecond);
+    m_nTimeDiff = bRaw ? nValue : Wrap(U(nValue) * UNITS_PER_MILLI_SECOND);
 }
 
 void CKelTimeDiff::CutOffParts(ETimeDiffPart ePart)
 {
-    static const Unsigned s_anUnit[] = {kUnitsPerDay, kUnitsPerHour, kUnitsPerMinute, kUnitsPerSecond};
+    static const Unsigned s_anUnit[] = {UNITS_PER_DAY, UNITS_PER_HOUR, UNITS_PER_MINUTE, UNITS_PER_SECOND};
     const int nPart = static_cast<int>(ePart);
     if (nPart < 0 || nPart > 3)
     {
@@ -156,32 +156,32 @@ void CKelTimeDiff::CutOffParts(ETimeDiffPart ePart)
 
 unsigned long long CKelTimeDiff::GetTotalDays() const
 {
-    return U(m_nTimeDiff) / kUnitsPerDay;
+    return U(m_nTimeDiff) / UNITS_PER_DAY;
 }
 
 unsigned long long CKelTimeDiff::GetTotalHours() const
 {
-    return U(m_nTimeDiff) / kUnitsPerHour;
+    return U(m_nTimeDiff) / UNITS_PER_HOUR;
 }
 
 unsigned long long CKelTimeDiff::GetTotalMinutes() const
 {
-    return U(m_nTimeDiff) / kUnitsPerMinute;
+    return U(m_nTimeDiff) / UNITS_PER_MINUTE;
 }
 
 unsigned long long CKelTimeDiff::GetTotalSeconds() const
 {
-    return U(m_nTimeDiff) / kUnitsPerSecond;
+    return U(m_nTimeDiff) / UNITS_PER_SECOND;
 }
 
 unsigned long long CKelTimeDiff::GetTotalMilliSeconds() const
 {
-    return U(m_nTimeDiff) / kUnitsPerMilliSecond;
+    return U(m_nTimeDiff) / UNITS_PER_MILLI_SECOND;
 }
 
 unsigned long long CKelTimeDiff::GetTotalMicroSeconds() const
 {
-    return U(m_nTimeDiff) / kUnitsPerMicroSecond;
+    return U(m_nTimeDiff) / UNITS_PER_MICRO_SECOND;
 }
 
 unsigned long long CKelTimeDiff::GetTotalNanoSeconds() const
@@ -191,7 +191,7 @@ unsigned long long CKelTimeDiff::GetTotalNanoSeconds() const
 
 timeval CKelTimeDiff::GetTimeval() const
 {
-    const Unsigned nMicroSeconds = U(m_nTimeDiff) / kUnitsPerMicroSecond;
+    const Unsigned nMicroSeconds = U(m_nTimeDiff) / UNITS_PER_MICRO_SECOND;
     timeval oTime{};
     oTime.tv_sec = static_cast<time_t>(nMicroSeconds / 1000000);
     oTime.tv_usec = static_cast<suseconds_t>(nMicroSeconds % 1000000);

@@ -28,12 +28,12 @@ class CKelTimeDiff
 {
 public:
     // Units of the count.
-    static constexpr long long kUnitsPerMicroSecond = 100;
-    static constexpr long long kUnitsPerMilliSecond = 100000;
-    static constexpr long long kUnitsPerSecond = 100000000;
-    static constexpr long long kUnitsPerMinute = 6000000000;
-    static constexpr long long kUnitsPerHour = 360000000000;
-    static constexpr long long kUnitsPerDay = 8640000000000;
+    static constexpr long long UNITS_PER_MICRO_SECOND = 100;
+    static constexpr long long UNITS_PER_MILLI_SECOND = 100000;
+    static constexpr long long UNITS_PER_SECOND = 100000000;
+    static constexpr long long UNITS_PER_MINUTE = 6000000000;
+    static constexpr long long UNITS_PER_HOUR = 360000000000;
+    static constexpr long long UNITS_PER_DAY = 8640000000000;
 
     // Parts that CutOffParts keeps whole.
     enum ETimeDiffPart

@@ -29,7 +29,7 @@ struct SDateParts
 const unsigned int s_anDaysBeforeMonth[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
 
 // Largest day number whose start still fits into the 64-bit count.
-const long long s_nMaxDayNumber = std::numeric_limits<long long>::max() / CKelTimeDiff::kUnitsPerDay - 1;
+const long long s_nMaxDayNumber = std::numeric_limits<long long>::max() / CKelTimeDiff::UNITS_PER_DAY - 1;
 
 int FormatFlagIndex()
 {
@@ -44,8 +44,8 @@ bool SplitUnits(long long nUnits, SDateParts& oParts)
     {
         return false;
     }
-    const long long nDays = nUnits / CKelTimeDiff::kUnitsPerDay;
-    const long long nRest = nUnits % CKelTimeDiff::kUnitsPerDay;
+    const long long nDays = nUnits / CKelTimeDiff::UNITS_PER_DAY;
+    const long long nRest = nUnits % CKelTimeDiff::UNITS_PER_DAY;
 
     // 146,097 days per 400 years gives a close first guess of the year.
     int nYear = static_cast<int>(nDays * 400 / 146097);
@@ -67,11 +67,11 @@ bool SplitUnits(long long nUnits, SDateParts& oParts)
     oParts.nYear = static_cast<unsigned int>(nYear);
     oParts.nMonth = nMonth;
     oParts.nDay = nDayOfYear + 1;
-    oParts.nHour = static_cast<unsigned int>(nRest / CKelTimeDiff::kUnitsPerHour);
-    oParts.nMinute = static_cast<unsigned int>(nRest % CKelTimeDiff::kUnitsPerHour / CKelTimeDiff::kUnitsPerMinute);
-    oParts.nSecond = static_cast<unsigned int>(nRest % CKelTimeDiff::kUnitsPerMinute / CKelTimeDiff::kUnitsPerSecond);
+    oParts.nHour = static_cast<unsigned int>(nRest / CKelTimeDiff::UNITS_PER_HOUR);
+    oParts.nMinute = static_cast<unsigned int>(nRest % CKelTimeDiff::UNITS_PER_HOUR / CKelTimeDiff::UNITS_PER_MINUTE);
+    oParts.nSecond = static_cast<unsigned int>(nRest % CKelTimeDiff::UNITS_PER_MINUTE / CKelTimeDiff::UNITS_PER_SECOND);
     oParts.nMilliSecond =
-        static_cast<unsigned int>(nRest % CKelTimeDiff::kUnitsPerSecond / CKelTimeDiff::kUnitsPerMilliSecond);
+        static_cast<unsigned int>(nRest % CKelTimeDiff::UNITS_PER_SECOND / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
     return true;
 }
 
@@ -80,11 +80,11 @@ long long JoinUnits(const SDateParts& oParts)
 {
     using Unsigned = unsigned long long;
     const long long nDayNumber = CKelUTCTime::CalcDayNumber(static_cast<int>(oParts.nYear), oParts.nMonth, oParts.nDay);
-    const Unsigned nUnits = static_cast<Unsigned>(nDayNumber) * CKelTimeDiff::kUnitsPerDay +
-        Unsigned(oParts.nHour) * CKelTimeDiff::kUnitsPerHour +
-        Unsigned(oParts.nMinute) * CKelTimeDiff::kUnitsPerMinute +
-        Unsigned(oParts.nSecond) * CKelTimeDiff::kUnitsPerSecond +
-        Unsigned(oParts.nMilliSecond) * CKelTimeDiff::kUnitsPerMilliSecond;
+    const Unsigned nUnits = static_cast<Unsigned>(nDayNumber) * CKelTimeDiff::UNITS_PER_DAY +
+        Unsigned(oParts.nHour) * CKelTimeDiff::UNITS_PER_HOUR +
+        Unsigned(oParts.nMinute) * CKelTimeDiff::UNITS_PER_MINUTE +
+        Unsigned(oParts.nSecond) * CKelTimeDiff::UNITS_PER_SECOND +
+        Unsigned(oParts.nMilliSecond) * CKelTimeDiff::UNITS_PER_MILLI_SECOND;
     return static_cast<long long>(nUnits);
 }
 
@@ -193,9 +193,9 @@ CKelUTCTime CKelUTCTime::CurrentUTCTime()
     timeval oNow{};
     gettimeofday(&oNow, nullptr);
     CKelUTCTime oTime;
-    oTime.m_oTime.SetTimeDiff(static_cast<long long>(oNow.tv_sec) * CKelTimeDiff::kUnitsPerSecond +
-                                  static_cast<long long>(oNow.tv_usec) * CKelTimeDiff::kUnitsPerMicroSecond +
-                                  kUnixEpochOffset,
+    oTime.m_oTime.SetTimeDiff(static_cast<long long>(oNow.tv_sec) * CKelTimeDiff::UNITS_PER_SECOND +
+                                  static_cast<long long>(oNow.tv_usec) * CKelTimeDiff::UNITS_PER_MICRO_SECOND +
+                                  UNIX_EPOCH_OFFSET,
                               true);
     return oTime;
 }
@@ -278,7 +278,7 @@ void CKelUTCTime::SetDate(unsigned int nDay, unsigned int nMonth, unsigned int n
 CKelUTCTime::EWeekday CKelUTCTime::GetWeekday() const
 {
     long long nUnits = m_oTime.GetTimeDiff();
-    long long nDayNumber = nUnits / CKelTimeDiff::kUnitsPerDay - (nUnits % CKelTimeDiff::kUnitsPerDay < 0 ? 1 : 0);
+    long long nDayNumber = nUnits / CKelTimeDiff::UNITS_PER_DAY - (nUnits % CKelTimeDiff::UNITS_PER_DAY < 0 ? 1 : 0);
     return CalcWeekday(nDayNumber);
 }
 
@@ -300,7 +300,7 @@ bool CKelUTCTime::Str2Time(const std::string& sText, ETimeFormat eFormat)
     {
         return false;
     }
-    SetLocaltime(JoinUnits(oParts) / CKelTimeDiff::kUnitsPerMilliSecond);
+    SetLocaltime(JoinUnits(oParts) / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
     return true;
 }
 
@@ -333,7 +333,7 @@ std::istream& CKelUTCTime::GetStream(std::istream& oStream)
         oStream.setstate(std::ios_base::failbit);
         return oStream;
     }
-    SetLocaltime(JoinUnits(oParts) / CKelTimeDiff::kUnitsPerMilliSecond);
+    SetLocaltime(JoinUnits(oParts) / CKelTimeDiff::UNITS_PER_MILLI_SECOND);
     return oStream;
 }
 
@@ -350,7 +350,7 @@ std::ostream& CKelUTCTime::PutStream(std::ostream& oStream) const
 
 long long CKelUTCTime::GetLocaltime() const
 {
-    return m_oTime.GetTimeDiff() / CKelTimeDiff::kUnitsPerMilliSecond;
+    return m_oTime.GetTimeDiff() / CKelTimeDiff::UNITS_PER_MILLI_SECOND;
 }
 
 long long CKelUTCTime::GetHighResolutionLocaltime() const

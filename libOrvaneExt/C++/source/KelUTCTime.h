@@ -50,7 +50,7 @@ public:
     };
 
     // 10-ns units from 0000-01-01 to 1970-01-01 (719,528 days).
-    static constexpr long long kUnixEpochOffset = 62167219200LL * CKelTimeDiff::kUnitsPerSecond;
+    static constexpr long long UNIX_EPOCH_OFFSET = 62167219200LL * CKelTimeDiff::UNITS_PER_SECOND;
 
     CKelUTCTime() = default;
     // Parts of a UTC date; see SetDate.

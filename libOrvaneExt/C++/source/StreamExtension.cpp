@@ -66,14 +66,14 @@ bool KelTryChar(std::istream& oStream, char c)
 bool KelReadFraction(std::istream& oStream, unsigned long long& nUnits)
 {
     // Eight digits are the resolution of the 10-ns count.
-    constexpr unsigned int kMaxFractionDigits = 8;
+    constexpr unsigned int MAX_FRACTION_DIGITS = 8;
     unsigned long long nDigits = 0;
     unsigned int nCount = 0;
-    if (!KelReadDigits(oStream, kMaxFractionDigits, nDigits, &nCount))
+    if (!KelReadDigits(oStream, MAX_FRACTION_DIGITS, nDigits, &nCount))
     {
         return false;
     }
-    for (unsigned int i = nCount; i < kMaxFractionDigits; ++i)
+    for (unsigned int i = nCount; i < MAX_FRACTION_DIGITS; ++i)
     {
         nDigits *= 10;
     }

@@ -4,6 +4,7 @@
 #define TESTS_CLIENT_SEAMS_H
 
 #include "OrvaneClientCAN.h"
+#include "support/Bytes.h"
 
 #include <functional>
 #include <mutex>
@@ -19,12 +20,7 @@ namespace ClientTest
 // "05 00 01" -> bytes.
 inline std::string Hex(const std::string& sHex)
 {
-    std::istringstream oIn(sHex);
-    std::string s;
-    unsigned int n;
-    while (oIn >> std::hex >> n)
-        s.push_back(static_cast<char>(n));
-    return s;
+    return OrvaneTest::FromHex(sHex);
 }
 
 // "a b c" of the values (bytes and flags as numbers), for one-line

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Checks the naming rules of .clang-tidy on every source of the libraries and
+# tools, using the compile commands of a configured build (default build/).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-"$root/build"}
+cd "$root"
+[ -f "$build/compile_commands.json" ] || cmake -S . -B "$build" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+git ls-files -z 'libOrvaneExt/*.cpp' 'libOrvane/*.cpp' 'OrvaneAPI/*.cpp' 'tools/*.cpp' |
+  xargs -0 -n 8 -P "$(nproc)" clang-tidy -p "$build" --quiet --extra-arg=-w 2>/dev/null
