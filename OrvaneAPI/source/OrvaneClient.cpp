@@ -50,6 +50,15 @@ namespace
 {
 // Depth of telegram delivery on this thread (see IsIndicationThread).
 thread_local int t_nIndicationDepth = 0;
+
+// Marks the calling thread as delivering for as long as it lives.
+struct SIndicationScope
+{
+    SIndicationScope() { ++t_nIndicationDepth; }
+    ~SIndicationScope() { --t_nIndicationDepth; }
+    SIndicationScope(const SIndicationScope&) = delete;
+    SIndicationScope& operator=(const SIndicationScope&) = delete;
+};
 } // namespace
 
 bool COrvaneClient::IsIndicationThread()
@@ -74,18 +83,16 @@ void COrvaneClient::CConnection::DataInd(const char* pcData, unsigned short nLen
 {
     if (m_poClient == nullptr)
         return;
-    ++t_nIndicationDepth;
-    struct SLeave
-    {
-        ~SLeave() { --t_nIndicationDepth; }
-    } oLeave;
+    const SIndicationScope oScope;
     m_poClient->DataInd(pcData, nLength);
 }
 
 void COrvaneClient::CConnection::ReadEndInd()
 {
-    if (m_poClient != nullptr)
-        m_poClient->DataReadEnd();
+    if (m_poClient == nullptr)
+        return;
+    const SIndicationScope oScope;
+    m_poClient->DataReadEnd();
 }
 
 // --- CMessageItem ----------------------------------------------------------

@@ -95,10 +95,7 @@ bool COrvaneClientCANDll::DataIndRespond(COrvaneMsg* poMsg)
 void COrvaneClientCANDll::DataReadEnd()
 {
     if (CANReadEndCallback pCallback = m_pReadEndCallback.load())
-    {
-        CIndicationScope oScope;
         pCallback(m_nHandle);
-    }
 }
 
 void COrvaneClientCANDll::OnFrame(COrvaneMsg& oMsg)
