@@ -320,8 +320,9 @@ TEST_F(BridgeFaults, InterfaceDeletedAndCreatedAgain)
     StartSim();
     StartBridge();
     ASSERT_TRUE(WaitForBridge(ESTABLISHED));
-    // Frames from the gateway keep coming while the interface is away.
-    CChildProcess oTraffic({"cangen", "vcan1", "-g", "10", "-I", "333", "-L", "8"});
+    // Frames from the gateway keep coming while the interface is away (a few:
+    // each costs the emulated VM the better part of a millisecond of wake-ups).
+    CChildProcess oTraffic({"cangen", "vcan1", "-g", "50", "-I", "333", "-L", "8"});
     const size_t nFds = Entries(BridgeProc("fd"));
     const size_t nThreads = Entries(BridgeProc("task"));
     for (int nCycle = 0; nCycle < 3 && !HasFailure(); ++nCycle)
