@@ -20,7 +20,7 @@ const int ACCEPT_WAIT_MS = 100;
 class CKelIPServer::CListenThread : public CKelThread
 {
 public:
-    explicit CListenThread(CKelIPServer* server) : CKelThread(0), m_poServer(server) {}
+    explicit CListenThread(CKelIPServer* poServer) : CKelThread(0), m_poServer(poServer) {}
     ~CListenThread() override { Terminate(); }
 
 protected:
@@ -48,9 +48,9 @@ private:
     CKelIPServer* m_poServer;
 };
 
-CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port) : m_poContainer(container)
+CKelIPServer::CKelIPServer(CKelIPServerContainer* poContainer, unsigned short nPort) : m_poContainer(poContainer)
 {
-    const CKelAddrInfoList addresses = Resolve(nullptr, port, AF_INET, SOCK_STREAM, AI_PASSIVE);
+    const CKelAddrInfoList addresses = Resolve(nullptr, nPort, AF_INET, SOCK_STREAM, AI_PASSIVE);
     int bound = -1;
     for (const addrinfo* address = addresses.get(); address != nullptr && bound < 0; address = address->ai_next)
     {
@@ -66,7 +66,7 @@ CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port
     }
     if (bound < 0)
         return;
-    if (listen(bound, container->GetConnectionLimit()) != 0)
+    if (listen(bound, poContainer->GetConnectionLimit()) != 0)
     {
         close(bound);
         return;

@@ -18,7 +18,7 @@ public:
     // and listens with the container's connection limit as backlog: state 5
     // with the listen thread running, or state 1 on any failure. Port 0 binds
     // an ephemeral port (see GetBoundPort).
-    CKelIPServer(CKelIPServerContainer* container, unsigned short port);
+    CKelIPServer(CKelIPServerContainer* poContainer, unsigned short nPort);
     // Stops the listen thread, then closes the socket.
     ~CKelIPServer() override;
 
