@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace
 {
 using CClientList = std::forward_list<std::unique_ptr<CKelIPConnection>>;
@@ -62,13 +64,23 @@ CKelIPConnection* CKelIPServerContainer::CreateUdpServer(unsigned short nPort)
     return new CKelIPConnection(m_nId, nPort, true);
 }
 
-void CKelIPServerContainer::StartListening()
+int CKelIPServerContainer::Bind(const char* pcAddress)
 {
-    if (m_bListening)
-        return;
-    m_poIPServer.reset(new CKelIPServer(this, m_nPort));
+    if (m_poIPServer)
+        return EALREADY;
+    m_poIPServer.reset(new CKelIPServer(this, m_nPort, pcAddress));
     if (m_nPort == 0)
         m_nPort = m_poIPServer->GetBoundPort();
+    return m_poIPServer->GetError();
+}
+
+bool CKelIPServerContainer::StartListening()
+{
+    if (m_bListening)
+        return false;
+    if (!m_poIPServer)
+        Bind(nullptr);
+    const bool accepting = m_poIPServer->StartAccepting();
 
     if (m_bWithDatagramServer && m_poDatagramServer == nullptr)
     {
@@ -82,6 +94,7 @@ void CKelIPServerContainer::StartListening()
         }
     }
     m_bListening = true;
+    return accepting;
 }
 
 bool CKelIPServerContainer::IsServerListening() const

@@ -49,9 +49,17 @@ public:
     CKelIPServerContainer(const CKelIPServerContainer&) = delete;
     CKelIPServerContainer& operator=(const CKelIPServerContainer&) = delete;
 
-    // Once only: creates the server on the port and, if wanted, the datagram
-    // endpoint (started, at the head of the client list).
-    void StartListening();
+    // Once only, before StartListening: binds the port on `pcAddress` (a
+    // numeric IPv4 address; null: every address) and listens without
+    // accepting yet, so that peers wait in the backlog. With port 0 GetPort
+    // tells the chosen port from here on. 0 on success, else the errno of the
+    // failing step (EALREADY when a server exists already).
+    int Bind(const char* pcAddress);
+    // Once only: starts accepting on the server Bind made, or else on a new
+    // one bound to every address, and creates the datagram endpoint if wanted
+    // (started, at the head of the client list). True when the server listens
+    // and its listen thread runs.
+    bool StartListening();
 
     // Wraps an accepted socket with CreateNewClass: ConnectInd(true), read
     // thread started, entry at the head of the list, true. When
