@@ -1,6 +1,7 @@
 #include "AWirePort.h"
 
 #include "OrvaneProtocol.h"
+#include "SimBind.h"
 
 namespace GatewaySim
 {

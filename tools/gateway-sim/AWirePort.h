@@ -11,7 +11,6 @@
 #include "KelIPServerContainer.h"
 #include "LinkedConnection.h"
 #include "Outbox.h"
-#include "SimBind.h"
 #include "SimCounters.h"
 #include "SimLog.h"
 #include "libKelMutex.h"

@@ -1,5 +1,7 @@
 #include "SimPort.h"
 
+#include "SimBind.h"
+
 namespace GatewaySim
 {
 

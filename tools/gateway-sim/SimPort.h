@@ -5,7 +5,6 @@
 #include "CanBus.h"
 #include "CanPortModel.h"
 #include "LoadGenerator.h"
-#include "SimBind.h"
 #include "SimConnection.h"
 #include "SimOptions.h"
 #include "SocketCanLink.h"
