@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <future>
 #include <memory>
 
@@ -156,6 +157,31 @@ TEST(KelIPServerListening, TwoContainersServeTheirOwnClientsUpToTheLimit)
     EXPECT_EQ(2u, first.CountActiveTCPConnections());
     EXPECT_EQ(0, a.ConnectIndCount(false) + b.ConnectIndCount(false));
     EXPECT_TRUE(a.GetState() == CKelIPBase::eConnected && b.GetState() == CKelIPBase::eConnected);
+}
+
+// Bound to the loopback address first, accepting later: a peer waits in the
+// backlog until listening starts. Bind failures come back as errno.
+TEST(KelIPServerListening, BindsFirstAndAcceptsOnceListening)
+{
+    CTestContainer container(4);
+    ASSERT_EQ(0, container.Bind(LOOPBACK));
+    ASSERT_NE(0, container.GetPort());
+    EXPECT_TRUE(container.IsServerListening());
+    EXPECT_EQ(EALREADY, container.Bind(LOOPBACK));
+    CTestContainer taken(4, false, container.GetPort());
+    EXPECT_EQ(EADDRINUSE, taken.Bind(LOOPBACK));
+    CTestContainer named(4);
+    EXPECT_EQ(EINVAL, named.Bind("localhost")); // names are never looked up
+    EXPECT_FALSE(named.IsServerListening());
+
+    CRawPeer raw;
+    ASSERT_TRUE(raw.Connect(container.GetPort())); // in the backlog
+    ASSERT_TRUE(raw.Send(MakeMsg(0x0201, 1)));
+    EXPECT_EQ(0u, CountEntries(container));
+    EXPECT_TRUE(container.StartListening());
+    EXPECT_EQ(MakeMsg(0x8201, 1, std::string(1, '\0')), raw.ReceiveMessage());
+    EXPECT_EQ(1u, container.CountActiveTCPConnections());
+    EXPECT_FALSE(container.StartListening()); // once only
 }
 
 TEST(KelIPServerDerived, DerivedConnectionDecidesAndAnswers)

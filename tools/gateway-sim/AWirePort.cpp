@@ -1,6 +1,7 @@
 #include "AWirePort.h"
 
 #include "OrvaneProtocol.h"
+#include "SimBind.h"
 
 namespace GatewaySim
 {
@@ -110,9 +111,8 @@ CKelIPConnection* CAWirePort::CContainer::CreateNewClass(CKelIPBase::EProtocol, 
 
 CAWirePort::CAWirePort(int nPort, unsigned short nTcpPort, const SAWireSettings& oSettings,
                        unsigned int nCompleteDelayMs, SSimCounters& oCounters, CSimLog& oLog)
-    : m_nPort(nPort), m_nTcpPort(nTcpPort), m_nCompleteDelayMs(nCompleteDelayMs), m_oSettings(oSettings),
-      m_oModel(oSettings), m_oContext(m_oModel, oCounters, oLog), m_poContainer(new CContainer(m_oContext, nTcpPort)),
-      m_poListener(new CSimListener(*m_poContainer)), m_oCompleter(*this)
+    : m_nPort(nPort), m_nCompleteDelayMs(nCompleteDelayMs), m_oSettings(oSettings), m_oModel(oSettings),
+      m_oContext(m_oModel, oCounters, oLog), m_poContainer(new CContainer(m_oContext, nTcpPort)), m_oCompleter(*this)
 {
 }
 
@@ -123,10 +123,11 @@ CAWirePort::~CAWirePort()
 
 bool CAWirePort::Open(const std::string& sBindAddress, std::string& sError)
 {
-    if (!m_poListener->Open(sBindAddress, m_nTcpPort, 32, sError))
+    if (!BindPort(*m_poContainer, sBindAddress, sError))
         return false;
+    m_nTcpPort = m_poContainer->GetPort();
     m_oContext.sName = "aWire port " + std::to_string(m_nPort) + " (tcp " + std::to_string(TcpPort()) + ")";
-    if (!m_oCompleter.Start() || !m_poListener->Start())
+    if (!m_oCompleter.Start() || !m_poContainer->StartListening())
     {
         sError = "cannot start the aWire programmer";
         Close();
@@ -140,7 +141,6 @@ bool CAWirePort::Open(const std::string& sBindAddress, std::string& sError)
 
 void CAWirePort::Close()
 {
-    m_poListener->Close();
     m_oCompleter.Terminate();
     // Destroying the container disconnects and destroys every connection.
     m_poContainer.reset();

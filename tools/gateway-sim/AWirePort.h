@@ -12,7 +12,6 @@
 #include "LinkedConnection.h"
 #include "Outbox.h"
 #include "SimCounters.h"
-#include "SimListener.h"
 #include "SimLog.h"
 #include "libKelMutex.h"
 #include "libKelThread.h"
@@ -82,7 +81,7 @@ public:
     bool Open(const std::string& sBindAddress, std::string& sError);
     void Close();
 
-    unsigned short TcpPort() const { return m_poListener->BoundPort(); }
+    unsigned short TcpPort() const { return m_nTcpPort; }
     CAWirePortModel& Model() { return m_oModel; }
 
 private:
@@ -118,13 +117,12 @@ private:
     void CompleteLoop();
 
     const int m_nPort;
-    const unsigned short m_nTcpPort;
     const unsigned int m_nCompleteDelayMs;
     const SAWireSettings m_oSettings;
     CAWirePortModel m_oModel;
     SAWirePortContext m_oContext;
     std::unique_ptr<CContainer> m_poContainer;
-    std::unique_ptr<CSimListener> m_poListener;
+    unsigned short m_nTcpPort = 0; // the bound port, kept after Close
     CCompleter m_oCompleter;
 };
 

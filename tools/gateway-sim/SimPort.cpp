@@ -1,5 +1,7 @@
 #include "SimPort.h"
 
+#include "SimBind.h"
+
 namespace GatewaySim
 {
 
@@ -25,7 +27,6 @@ CSimPort::CSimPort(int nCanPort, const SSimOptions& oOptions, SSimCounters& oCou
     m_oContext.nMaxClients = oOptions.oFaults.nMaxClients;
     // The container takes the connection limit from the finished context.
     m_poContainer.reset(new CSimContainer(m_oContext, ConfiguredTcpPort(oOptions, nCanPort)));
-    m_poListener.reset(new CSimListener(*m_poContainer));
 }
 
 CSimPort::~CSimPort()
@@ -35,11 +36,11 @@ CSimPort::~CSimPort()
 
 bool CSimPort::Open(std::string& sError)
 {
-    // The listener binds the port (on the bind address); with port 0 the
+    // The container binds the port (on the bind address); with port 0 the
     // name carries the port the system chose.
-    if (!m_poListener->Open(m_roOptions.sBindAddress, ConfiguredTcpPort(m_roOptions, m_nCanPort),
-                            m_oContext.nMaxClients, sError))
+    if (!BindPort(*m_poContainer, m_roOptions.sBindAddress, sError))
         return false;
+    m_nTcpPort = m_poContainer->GetPort();
     m_oContext.sName = "CAN port " + std::to_string(m_nCanPort) + " (tcp " + std::to_string(TcpPort()) + ")";
     if (!m_roOptions.sSocketCan.empty())
     {
@@ -60,7 +61,7 @@ bool CSimPort::Open(std::string& sError)
             return false;
         }
     }
-    if (!m_poListener->Start())
+    if (!m_poContainer->StartListening())
     {
         sError = "cannot start accepting connections";
         Close();
@@ -75,7 +76,6 @@ bool CSimPort::Open(std::string& sError)
 
 void CSimPort::Close()
 {
-    m_poListener->Close();
     if (m_poLoad)
         m_poLoad->Stop();
     if (m_poSocketCan)

@@ -6,7 +6,6 @@
 #include "CanPortModel.h"
 #include "LoadGenerator.h"
 #include "SimConnection.h"
-#include "SimListener.h"
 #include "SimOptions.h"
 #include "SocketCanLink.h"
 
@@ -31,7 +30,7 @@ public:
     void Close();
 
     int CanPort() const { return m_nCanPort; }
-    unsigned short TcpPort() const { return m_poListener->BoundPort(); }
+    unsigned short TcpPort() const { return m_nTcpPort; }
     int ConnectedClients() const { return m_oContext.nConnected.load(); }
 
 private:
@@ -42,7 +41,7 @@ private:
     CCanBus m_oBus;
     SPortContext m_oContext;
     std::unique_ptr<CSimContainer> m_poContainer;
-    std::unique_ptr<CSimListener> m_poListener;
+    unsigned short m_nTcpPort = 0; // the bound port, kept after Close
     std::unique_ptr<CSocketCanLink> m_poSocketCan;
     std::unique_ptr<CLoadGenerator> m_poLoad;
 };

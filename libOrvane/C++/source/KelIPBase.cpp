@@ -33,52 +33,53 @@ void CKelIPBase::CloseSocket()
     SetState(eDisconnected);
 }
 
-CKelAddrInfoList CKelIPBase::Resolve(const char* host, unsigned short port, int family, int socketType, int flags)
+CKelAddrInfoList CKelIPBase::Resolve(const char* pcHost, unsigned short nPort, int nFamily, int nSocketType, int nFlags)
 {
     char portText[8];
-    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(port));
+    std::snprintf(portText, sizeof(portText), "%u", static_cast<unsigned int>(nPort));
     addrinfo hints{};
-    hints.ai_flags = flags;
-    hints.ai_family = family;
-    hints.ai_socktype = socketType;
+    hints.ai_flags = nFlags;
+    hints.ai_family = nFamily;
+    hints.ai_socktype = nSocketType;
     addrinfo* list = nullptr;
-    if (getaddrinfo(host, portText, &hints, &list) != 0)
+    if (getaddrinfo(pcHost, portText, &hints, &list) != 0)
         return CKelAddrInfoList();
     return CKelAddrInfoList(list);
 }
 
 // ------------------------------------------------------------ address helpers
 
-const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size)
+const char* getIpStr(const sockaddr* poAddress, char* pcBuffer, unsigned int nSize)
 {
-    if (address == nullptr || buffer == nullptr)
+    if (poAddress == nullptr || pcBuffer == nullptr)
         return nullptr;
-    if (address->sa_family == AF_INET)
-        return inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, buffer, size);
-    if (address->sa_family == AF_INET6)
-        return inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, buffer, size);
+    if (poAddress->sa_family == AF_INET)
+        return inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(poAddress)->sin_addr, pcBuffer, nSize);
+    if (poAddress->sa_family == AF_INET6)
+        return inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(poAddress)->sin6_addr, pcBuffer, nSize);
     return nullptr;
 }
 
-bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
-                       unsigned int secondLength)
+bool SockaddrsAreEqual(const sockaddr* poFirst, unsigned int nFirstLength, const sockaddr* poSecond,
+                       unsigned int nSecondLength)
 {
-    if (first == nullptr || second == nullptr || firstLength != secondLength || first->sa_family != second->sa_family)
+    if (poFirst == nullptr || poSecond == nullptr || nFirstLength != nSecondLength ||
+        poFirst->sa_family != poSecond->sa_family)
         return false;
-    if (first->sa_family == AF_INET)
+    if (poFirst->sa_family == AF_INET)
     {
-        const sockaddr_in* a = reinterpret_cast<const sockaddr_in*>(first);
-        const sockaddr_in* b = reinterpret_cast<const sockaddr_in*>(second);
+        const sockaddr_in* a = reinterpret_cast<const sockaddr_in*>(poFirst);
+        const sockaddr_in* b = reinterpret_cast<const sockaddr_in*>(poSecond);
         return a->sin_port == b->sin_port && a->sin_addr.s_addr == b->sin_addr.s_addr;
     }
-    return std::memcmp(first, second, firstLength) == 0;
+    return std::memcmp(poFirst, poSecond, nFirstLength) == 0;
 }
 
-unsigned short KelPortOf(const sockaddr_storage& address)
+unsigned short KelPortOf(const sockaddr_storage& oAddress)
 {
-    if (address.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-    if (address.ss_family == AF_INET6)
-        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    if (oAddress.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(oAddress).sin_port);
+    if (oAddress.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(oAddress).sin6_port);
     return 0;
 }

@@ -22,16 +22,16 @@
 
 // Address helpers shared by every endpoint.
 // Numeric text of an IPv4 (family 2) or IPv6 (family 10) address written into
-// `buffer`; null for any other family or when it does not fit.
-const char* getIpStr(const sockaddr* address, char* buffer, unsigned int size);
+// `pcBuffer`; null for any other family or when it does not fit.
+const char* getIpStr(const sockaddr* poAddress, char* pcBuffer, unsigned int nSize);
 
 // True when both lengths and families agree and, for IPv4, port and address
 // agree; for any other family the whole structures must be byte-equal.
-bool SockaddrsAreEqual(const sockaddr* first, unsigned int firstLength, const sockaddr* second,
-                       unsigned int secondLength);
+bool SockaddrsAreEqual(const sockaddr* poFirst, unsigned int nFirstLength, const sockaddr* poSecond,
+                       unsigned int nSecondLength);
 
 // Port of an IPv4 or IPv6 address, 0 for any other family.
-unsigned short KelPortOf(const sockaddr_storage& address);
+unsigned short KelPortOf(const sockaddr_storage& oAddress);
 
 // Results of the connection operations (unsigned 32-bit).
 enum EKelIPResult : unsigned int
@@ -48,7 +48,7 @@ enum EKelIPResult : unsigned int
 // The address list of getaddrinfo, freed with it.
 struct SKelAddrInfoFree
 {
-    void operator()(addrinfo* list) const { freeaddrinfo(list); }
+    void operator()(addrinfo* poList) const { freeaddrinfo(poList); }
 };
 using CKelAddrInfoList = std::unique_ptr<addrinfo, SKelAddrInfoFree>;
 
@@ -87,18 +87,18 @@ public:
     int GetSocket() const { return m_nSocket.load(std::memory_order_relaxed); }
 
 protected:
-    // getaddrinfo for `host` (null: no host, e.g. the local side with
-    // AI_PASSIVE) and `port` as decimal text; empty when it fails.
-    static CKelAddrInfoList Resolve(const char* host, unsigned short port, int family, int socketType, int flags);
+    // getaddrinfo for `pcHost` (null: no host, e.g. the local side with
+    // AI_PASSIVE) and `nPort` as decimal text; empty when it fails.
+    static CKelAddrInfoList Resolve(const char* pcHost, unsigned short nPort, int nFamily, int nSocketType, int nFlags);
 
-    void SetState(int state) { m_nState.store(state, std::memory_order_release); }
-    // Moves the state from `from` to `to`; false when it was not `from`.
-    bool ChangeState(int from, int to)
+    void SetState(int nState) { m_nState.store(nState, std::memory_order_release); }
+    // Moves the state from `nFrom` to `nTo`; false when it was not `nFrom`.
+    bool ChangeState(int nFrom, int nTo)
     {
-        return m_nState.compare_exchange_strong(from, to, std::memory_order_acq_rel, std::memory_order_relaxed);
+        return m_nState.compare_exchange_strong(nFrom, nTo, std::memory_order_acq_rel, std::memory_order_relaxed);
     }
-    void SetProtocol(EProtocol protocol) { m_nProtocol.store(protocol, std::memory_order_relaxed); }
-    void SetSocket(int socket) { m_nSocket.store(socket, std::memory_order_relaxed); }
+    void SetProtocol(EProtocol eProtocol) { m_nProtocol.store(eProtocol, std::memory_order_relaxed); }
+    void SetSocket(int nSocket) { m_nSocket.store(nSocket, std::memory_order_relaxed); }
 
     std::atomic<int> m_nState;    // EState
     std::atomic<int> m_nProtocol; // EProtocol, initially TCP

@@ -26,13 +26,13 @@ namespace
 // Messages up to this size are serialised on the stack.
 const unsigned int STACK_MESSAGE_SIZE = 512;
 
-bool SetBlocking(int socket, bool blocking)
+bool SetBlocking(int nSocket, bool bBlocking)
 {
-    const int flags = fcntl(socket, F_GETFL, 0);
+    const int flags = fcntl(nSocket, F_GETFL, 0);
     if (flags < 0)
         return false;
-    const int wanted = blocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
-    return fcntl(socket, F_SETFL, wanted) == 0;
+    const int wanted = bBlocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
+    return fcntl(nSocket, F_SETFL, wanted) == 0;
 }
 } // namespace
 
@@ -47,40 +47,40 @@ CKelIPConnection::CKelIPConnection()
     SetIdentifiers(0);
 }
 
-CKelIPConnection::CKelIPConnection(CKelIPServerContainer* container, unsigned char id, CKelIPBase::EProtocol protocol,
-                                   int socket, bool useConnectionMessages)
+CKelIPConnection::CKelIPConnection(CKelIPServerContainer* poContainer, unsigned char nId,
+                                   CKelIPBase::EProtocol eProtocol, int nSocket, bool bUseConnectionMessages)
     : CKelIPConnection()
 {
-    m_poServerContainer = container;
-    SetIdentifiers(id);
-    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
-    if (socket == -1)
+    m_poServerContainer = poContainer;
+    SetIdentifiers(nId);
+    m_bUseConnectionMessages.store(bUseConnectionMessages, std::memory_order_relaxed);
+    if (nSocket == -1)
         return;
 
     sockaddr_storage address;
     socklen_t length = sizeof(address);
-    if ((protocol == eTCP && SetSocketOptions(socket) != eKelIPSuccess) ||
-        getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    if ((eProtocol == eTCP && SetSocketOptions(nSocket) != eKelIPSuccess) ||
+        getpeername(nSocket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
     {
-        close(socket);
+        close(nSocket);
         return;
     }
     SetPeer(address, length, nullptr);
-    SetProtocol(protocol);
-    SetSocket(socket);
+    SetProtocol(eProtocol);
+    SetSocket(nSocket);
     SetState(eConnected);
     m_poReadThread.reset(new CReadThread(this));
 }
 
-CKelIPConnection::CKelIPConnection(unsigned char id, unsigned short port, bool useConnectionMessages)
+CKelIPConnection::CKelIPConnection(unsigned char nId, unsigned short nPort, bool bUseConnectionMessages)
     : CKelIPConnection()
 {
-    SetIdentifiers(id);
-    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
+    SetIdentifiers(nId);
+    m_bUseConnectionMessages.store(bUseConnectionMessages, std::memory_order_relaxed);
     m_bDatagramServer = true;
     SetProtocol(eUDP);
 
-    const CKelAddrInfoList addresses = Resolve(nullptr, port, AF_INET, SOCK_DGRAM, AI_PASSIVE);
+    const CKelAddrInfoList addresses = Resolve(nullptr, nPort, AF_INET, SOCK_DGRAM, AI_PASSIVE);
     if (!addresses)
         return;
 
@@ -115,16 +115,16 @@ void CKelIPConnection::Shutdown()
     DestroyAliveThread();
 }
 
-void CKelIPConnection::SetPeer(const sockaddr_storage& address, unsigned int length, const char* host)
+void CKelIPConnection::SetPeer(const sockaddr_storage& oAddress, unsigned int nLength, const char* pcHost)
 {
     char text[INET6_ADDRSTRLEN];
-    const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&address), text, sizeof(text));
+    const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&oAddress), text, sizeof(text));
     CKelLockGuard guard(m_oPeerGuard);
-    m_oPeerAddr = address;
-    m_nPeerAddrLen = length;
+    m_oPeerAddr = oAddress;
+    m_nPeerAddrLen = nLength;
     m_sPeerAddress = numeric != nullptr ? numeric : "";
-    m_sHost = host != nullptr ? host : m_sPeerAddress;
-    m_nPort = KelPortOf(address);
+    m_sHost = pcHost != nullptr ? pcHost : m_sPeerAddress;
+    m_nPort = KelPortOf(oAddress);
 }
 
 std::string CKelIPConnection::GetPeerAddress() const
@@ -157,18 +157,18 @@ bool CKelIPConnection::StartReadThread()
     return m_poReadThread->IsRunning() || m_poReadThread->Start();
 }
 
-unsigned int CKelIPConnection::SetSocketOptions(int socket)
+unsigned int CKelIPConnection::SetSocketOptions(int nSocket)
 {
     const int on = 1;
     const int idleSeconds = 5;
     const int intervalSeconds = 1;
     const int probes = 5;
-    if (setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
-        setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof(idleSeconds)) != 0 ||
-        setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof(intervalSeconds)) != 0 ||
-        setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes)) != 0)
+    if (setsockopt(nSocket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on)) != 0 ||
+        setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof(idleSeconds)) != 0 ||
+        setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof(intervalSeconds)) != 0 ||
+        setsockopt(nSocket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes)) != 0)
         return eKelIPError;
-    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     return eKelIPSuccess;
 }
 
@@ -187,13 +187,13 @@ bool CKelIPConnection::IsConnectMsgAccepted(const std::string&)
 
 // ------------------------------------------------------------ connecting
 
-unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs,
-                                          unsigned char id, CKelIPBase::EProtocol protocol,
-                                          const std::string& connectData, bool useConnectionMessages)
+unsigned int CKelIPConnection::ConnectReq(const char* pcHost, unsigned short nPort, unsigned int nTimeoutMs,
+                                          unsigned char nId, CKelIPBase::EProtocol eProtocol,
+                                          const std::string& sConnectData, bool bUseConnectionMessages)
 {
     if (GetState() != eDisconnected)
         return eKelIPWrongState;
-    if (protocol != eTCP && protocol != eUDP)
+    if (eProtocol != eTCP && eProtocol != eUDP)
         return eKelIPError;
 
     // A read thread of the previous connection leaves by itself once the
@@ -202,16 +202,17 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
     if (m_poReadThread)
         m_poReadThread->Terminate();
 
-    SetIdentifiers(id);
-    m_bUseConnectionMessages.store(useConnectionMessages, std::memory_order_relaxed);
+    SetIdentifiers(nId);
+    m_bUseConnectionMessages.store(bUseConnectionMessages, std::memory_order_relaxed);
     m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
-    SetProtocol(protocol);
+    SetProtocol(eProtocol);
     m_oConnectEvent.Reset();
     SetState(eConnecting);
 
-    const CKelDeadline deadline(timeoutMs);
+    const CKelDeadline deadline(nTimeoutMs);
 
-    const CKelAddrInfoList addresses = Resolve(host, port, AF_UNSPEC, protocol == eTCP ? SOCK_STREAM : SOCK_DGRAM, 0);
+    const CKelAddrInfoList addresses =
+        Resolve(pcHost, nPort, AF_UNSPEC, eProtocol == eTCP ? SOCK_STREAM : SOCK_DGRAM, 0);
     if (!addresses)
     {
         SetState(eDisconnected);
@@ -234,9 +235,9 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
         pending.push_back(pollfd{socket, POLLOUT, 0});
     }
 
-    auto closeAll = [&pending](int keep) {
+    auto closeAll = [&pending](int nKeep) {
         for (const pollfd& entry : pending)
-            if (entry.fd != keep)
+            if (entry.fd != nKeep)
                 close(entry.fd);
     };
 
@@ -247,7 +248,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
         return eKelIPNotConnected;
     }
 
-    const int ready = poll(pending.data(), pending.size(), KelPollTimeout(timeoutMs));
+    const int ready = poll(pending.data(), pending.size(), KelPollTimeout(nTimeoutMs));
     if (ready < 0)
     {
         // The state deliberately stays "connecting".
@@ -262,7 +263,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
     }
 
     // The lowest writable descriptor that takes the socket options wins.
-    std::sort(pending.begin(), pending.end(), [](const pollfd& a, const pollfd& b) { return a.fd < b.fd; });
+    std::sort(pending.begin(), pending.end(), [](const pollfd& oA, const pollfd& oB) { return oA.fd < oB.fd; });
     int chosen = -1;
     for (const pollfd& entry : pending)
     {
@@ -270,7 +271,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
             continue;
         if (!SetBlocking(entry.fd, true))
             continue;
-        if (protocol == eTCP && SetSocketOptions(entry.fd) != eKelIPSuccess)
+        if (eProtocol == eTCP && SetSocketOptions(entry.fd) != eKelIPSuccess)
             continue;
         chosen = entry.fd;
         break;
@@ -295,16 +296,16 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
         CloseSocket();
         return eKelIPError;
     }
-    SetPeer(peer, peerLength, host != nullptr ? host : "");
+    SetPeer(peer, peerLength, pcHost != nullptr ? pcHost : "");
     SetState(eConnected);
 
     if (!m_poReadThread)
         m_poReadThread.reset(new CReadThread(this));
     StartReadThread();
 
-    if (useConnectionMessages)
+    if (bUseConnectionMessages)
     {
-        const unsigned int result = ConnectHandshake(connectData, deadline);
+        const unsigned int result = ConnectHandshake(sConnectData, deadline);
         if (result != eKelIPSuccess)
             return result;
     }
@@ -315,7 +316,7 @@ unsigned int CKelIPConnection::ConnectReq(const char* host, unsigned short port,
 
 // ------------------------------------------------------------ sending
 
-unsigned int CKelIPConnection::DataReq(const char* data, unsigned short length, unsigned int timeoutMs)
+unsigned int CKelIPConnection::DataReq(const char* pcData, unsigned short nLength, unsigned int nTimeoutMs)
 {
     const int state = GetState();
     if (state != eConnected)
@@ -327,12 +328,13 @@ unsigned int CKelIPConnection::DataReq(const char* data, unsigned short length, 
     if (GetProtocol() == eTCP)
     {
         size_t sent = 0;
-        return SendStream(data, length, timeoutMs, sent);
+        return SendStream(pcData, nLength, nTimeoutMs, sent);
     }
-    return SendDatagram(data, length, timeoutMs);
+    return SendDatagram(pcData, nLength, nTimeoutMs);
 }
 
-unsigned int CKelIPConnection::DataReqBatch(const char* data, size_t length, unsigned int timeoutMs, size_t* sentBytes)
+unsigned int CKelIPConnection::DataReqBatch(const char* pcData, size_t nLength, unsigned int nTimeoutMs,
+                                            size_t* pnSentBytes)
 {
     size_t sent = 0;
     unsigned int result;
@@ -340,47 +342,47 @@ unsigned int CKelIPConnection::DataReqBatch(const char* data, size_t length, uns
     if (state != eConnected)
         result = state == eState6 ? eKelIPState6 : state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
     else if (GetProtocol() == eTCP)
-        result = SendStream(data, length, timeoutMs, sent);
+        result = SendStream(pcData, nLength, nTimeoutMs, sent);
     else
     {
         // A datagram carries one message: the receiver drops what follows
         // a message that does not fit, so none is cut across two.
         result = eKelIPSuccess;
-        while (result == eKelIPSuccess && length - sent >= 2)
+        while (result == eKelIPSuccess && nLength - sent >= 2)
         {
-            const size_t message = CKelMsg::GetU16(data + sent) + 2u;
-            if (message > length - sent || message > 0xFFFF)
+            const size_t message = CKelMsg::GetU16(pcData + sent) + 2u;
+            if (message > nLength - sent || message > 0xFFFF)
             {
                 result = eKelIPError;
                 break;
             }
-            result = SendDatagram(data + sent, static_cast<unsigned short>(message), timeoutMs);
+            result = SendDatagram(pcData + sent, static_cast<unsigned short>(message), nTimeoutMs);
             if (result == eKelIPSuccess)
                 sent += message;
         }
     }
-    if (sentBytes != nullptr)
-        *sentBytes = sent;
+    if (pnSentBytes != nullptr)
+        *pnSentBytes = sent;
     return result;
 }
 
-unsigned int CKelIPConnection::DataReq(const CKelMsg& message, unsigned int timeoutMs)
+unsigned int CKelIPConnection::DataReq(const CKelMsg& oMessage, unsigned int nTimeoutMs)
 {
     char stackBuffer[STACK_MESSAGE_SIZE];
-    const unsigned int size = message.WriteTo(stackBuffer, sizeof(stackBuffer));
+    const unsigned int size = oMessage.WriteTo(stackBuffer, sizeof(stackBuffer));
     if (size != 0)
-        return DataReq(stackBuffer, static_cast<unsigned short>(size), timeoutMs);
+        return DataReq(stackBuffer, static_cast<unsigned short>(size), nTimeoutMs);
     std::string bytes;
-    message.GetMessageData(bytes);
-    return DataReq(bytes.data(), static_cast<unsigned short>(bytes.size()), timeoutMs);
+    oMessage.GetMessageData(bytes);
+    return DataReq(bytes.data(), static_cast<unsigned short>(bytes.size()), nTimeoutMs);
 }
 
-unsigned int CKelIPConnection::SendStream(const char* data, size_t length, unsigned int timeoutMs, size_t& sent)
+unsigned int CKelIPConnection::SendStream(const char* pcData, size_t nLength, unsigned int nTimeoutMs, size_t& nSent)
 {
-    if (length == 0)
+    if (nLength == 0)
         return eKelIPSuccess;
     const int socket = GetSocket();
-    const CKelDeadline deadline(timeoutMs);
+    const CKelDeadline deadline(nTimeoutMs);
     // One message at a time: the alive thread and the read thread's replies
     // send beside the owner, and none of them may cut into a message that
     // goes out in parts. Waiting for the turn counts against the time-out
@@ -391,7 +393,7 @@ unsigned int CKelIPConnection::SendStream(const char* data, size_t length, unsig
         return eKelIPTimeout;
     }
     bool ends = false;
-    const unsigned int result = SendWhole(socket, data, length, deadline, ends, sent);
+    const unsigned int result = SendWhole(socket, pcData, nLength, deadline, ends, nSent);
     m_oSendTurns.End();
     // Ended after the turn: ConnectInd(false) may wait for another sender.
     if (ends)
@@ -399,10 +401,10 @@ unsigned int CKelIPConnection::SendStream(const char* data, size_t length, unsig
     return result;
 }
 
-unsigned int CKelIPConnection::SendWhole(int socket, const char* data, size_t length, const CKelDeadline& deadline,
-                                         bool& ends, size_t& sent)
+unsigned int CKelIPConnection::SendWhole(int nSocket, const char* pcData, size_t nLength, const CKelDeadline& oDeadline,
+                                         bool& bEnds, size_t& nSent)
 {
-    sent = 0;
+    nSent = 0;
     // The socket is tried first: while it takes the bytes, this saves one
     // wait per message; when it is full the wait below takes over.
     for (;;)
@@ -412,14 +414,14 @@ unsigned int CKelIPConnection::SendWhole(int socket, const char* data, size_t le
             CKelLockGuard guard(m_oSocketGuard);
             // The socket was closed: the connection this message was meant
             // for has ended already (a newer one must not be ended here).
-            if (GetSocket() != socket)
+            if (GetSocket() != nSocket)
                 return eKelIPError;
-            result = send(socket, data + sent, length - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+            result = send(nSocket, pcData + nSent, nLength - nSent, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
         if (result >= 0)
         {
-            sent += static_cast<size_t>(result);
-            if (sent == length)
+            nSent += static_cast<size_t>(result);
+            if (nSent == nLength)
             {
                 NoteSent();
                 return eKelIPSuccess;
@@ -430,19 +432,19 @@ unsigned int CKelIPConnection::SendWhole(int socket, const char* data, size_t le
             return eKelIPError; // the connection stays open
         }
 
-        const int ready = deadline.HasPassed() ? 0 : KelWaitForSocket(socket, POLLOUT, deadline.RemainingPollMs());
+        const int ready = oDeadline.HasPassed() ? 0 : KelWaitForSocket(nSocket, POLLOUT, oDeadline.RemainingPollMs());
         if (ready <= 0)
         {
-            ends = true;
+            bEnds = true;
             return ready == 0 ? eKelIPTimeout : eKelIPError;
         }
     }
 }
 
-unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs)
+unsigned int CKelIPConnection::SendDatagram(const char* pcData, unsigned short nLength, unsigned int nTimeoutMs)
 {
     const int socket = GetSocket();
-    const int ready = KelWaitForSocket(socket, POLLOUT, KelPollTimeout(timeoutMs));
+    const int ready = KelWaitForSocket(socket, POLLOUT, KelPollTimeout(nTimeoutMs));
     if (ready == 0)
     {
         EndConnection();
@@ -465,7 +467,7 @@ unsigned int CKelIPConnection::SendDatagram(const char* data, unsigned short len
         CKelLockGuard guard(m_oSocketGuard);
         if (GetSocket() != socket)
             return eKelIPError;
-        result = sendto(socket, data, length, MSG_DONTWAIT | MSG_NOSIGNAL,
+        result = sendto(socket, pcData, nLength, MSG_DONTWAIT | MSG_NOSIGNAL,
                         peerLength != 0 ? reinterpret_cast<const sockaddr*>(&peer) : nullptr, peerLength);
     }
     if (result < 0)

@@ -71,68 +71,70 @@ public:
     // TCP sockets get SetSocketOptions; on failure, or when the peer address
     // cannot be read, the socket is closed and the state stays 1. Otherwise
     // state 3 with the read thread created but not started.
-    CKelIPConnection(CKelIPServerContainer* container, unsigned char id, CKelIPBase::EProtocol protocol, int socket,
-                     bool useConnectionMessages);
-    // Server-side datagram endpoint bound to `port` (IPv4, SO_REUSEADDR):
+    CKelIPConnection(CKelIPServerContainer* poContainer, unsigned char nId, CKelIPBase::EProtocol eProtocol,
+                     int nSocket, bool bUseConnectionMessages);
+    // Server-side datagram endpoint bound to `nPort` (IPv4, SO_REUSEADDR):
     // state 5 on success, 1 on failure. Its read thread is created but not
     // started; it answers connect requests from any sender and then talks to
     // that sender.
-    CKelIPConnection(unsigned char id, unsigned short port, bool useConnectionMessages);
+    CKelIPConnection(unsigned char nId, unsigned short nPort, bool bUseConnectionMessages);
     // If connected DisconnectReq(500); then the threads are stopped.
     ~CKelIPConnection() override;
 
-    // Connects to host:port over every resolved address within timeoutMs.
+    // Connects to pcHost:nPort over every resolved address within nTimeoutMs.
     // 1 connected; 2 error; 3 unreachable / not connected; 4 no connect
     // confirmation in time; 5 not in state 1; 7 the peer's connection limit.
-    unsigned int ConnectReq(const char* host, unsigned short port, unsigned int timeoutMs, unsigned char id,
-                            CKelIPBase::EProtocol protocol, const std::string& connectData, bool useConnectionMessages);
+    unsigned int ConnectReq(const char* pcHost, unsigned short nPort, unsigned int nTimeoutMs, unsigned char nId,
+                            CKelIPBase::EProtocol eProtocol, const std::string& sConnectData,
+                            bool bUseConnectionMessages);
     // Sends the bytes as they are (they must carry their own length word).
     // 1 sent; 3 not connected; 5/6 other states; 2 send error; 4 time-out.
     // A time-out or a failed wait ends the connection. Does not allocate.
-    unsigned int DataReq(const char* data, unsigned short length, unsigned int timeoutMs);
-    unsigned int DataReq(const CKelMsg& message, unsigned int timeoutMs);
-    // Sends several whole messages lying back to back in `data` as one
+    unsigned int DataReq(const char* pcData, unsigned short nLength, unsigned int nTimeoutMs);
+    unsigned int DataReq(const CKelMsg& oMessage, unsigned int nTimeoutMs);
+    // Sends several whole messages lying back to back in `pcData` as one
     // write: on a stream in one turn, so nothing cuts in between them; on a
     // datagram connection one datagram per message. Same results as
-    // DataReq; *sentBytes (when not null) tells how many bytes went out,
+    // DataReq; *pnSentBytes (when not null) tells how many bytes went out,
     // also when the send failed part of the way.
-    unsigned int DataReqBatch(const char* data, size_t length, unsigned int timeoutMs, size_t* sentBytes);
+    unsigned int DataReqBatch(const char* pcData, size_t nLength, unsigned int nTimeoutMs, size_t* pnSentBytes);
     // With connection messages: disconnect request, wait for its confirmation
     // (4 none, 2 refused); then the connection ends. 5 when not connected.
-    unsigned int DisconnectReq(unsigned int timeoutMs);
+    unsigned int DisconnectReq(unsigned int nTimeoutMs);
     // Ends the connection without any message; 5 when not connected.
     unsigned int CloseConnection();
 
-    // Alive protocol: periodMs > 0 makes this side send alive requests and
+    // Alive protocol: nPeriodMs > 0 makes this side send alive requests and
     // end the connection after about one period without anything received;
     // 0 switches it off. 3 when not connected, else the alive request's result.
-    unsigned int SetAlive(unsigned int periodMs);
+    unsigned int SetAlive(unsigned int nPeriodMs);
     // Sends an alive request carrying the stored period.
-    unsigned int AliveReq(unsigned int timeoutMs);
+    unsigned int AliveReq(unsigned int nTimeoutMs);
     // Answers a received alive request (read thread).
-    void HandleAliveReq(const char* bytes, unsigned short count);
+    void HandleAliveReq(const char* pcBytes, unsigned short nCount);
 
-    // Dispatcher the read thread calls once per whole message; `from` is the
+    // Dispatcher the read thread calls once per whole message; `poFrom` is the
     // sender for datagrams, null for the stream.
-    void BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from, unsigned int fromLength);
+    void BaseDataInd(const char* pcData, unsigned short nLength, const sockaddr_storage* poFrom,
+                     unsigned int nFromLength);
 
     // SO_KEEPALIVE 1, TCP_KEEPIDLE 5 s, TCP_KEEPINTVL 1 s, TCP_KEEPCNT 5,
     // TCP_NODELAY 1. 1 on success, 2 on the first failing option (the
     // result of TCP_NODELAY is ignored).
-    static unsigned int SetSocketOptions(int socket);
+    static unsigned int SetSocketOptions(int nSocket);
 
     // Hooks (see the threading notes above).
-    virtual void ConnectInd(bool connected);
+    virtual void ConnectInd(bool bConnected);
     // One whole message, length word included; valid only during the call.
     // Messages longer than 65,535 bytes in all are passed with the length
     // truncated to 16 bits; their length word still tells the true size.
-    virtual void DataInd(const char* data, unsigned short length);
+    virtual void DataInd(const char* pcData, unsigned short nLength);
     // Called once after every read whose messages went to DataInd, when
     // they all have been handed up: a receiver that collects what DataInd
     // gave it can pass it on here in one step. Default: nothing.
     virtual void ReadEndInd();
     // Decides a peer's connect request (its connect data); default accepts.
-    virtual bool IsConnectMsgAccepted(const std::string& connectData);
+    virtual bool IsConnectMsgAccepted(const std::string& sConnectData);
 
     // Asked on the read thread for every connection message (connect,
     // disconnect, alive) and their confirmations: false ignores it, while
@@ -168,12 +170,12 @@ private:
     friend class CReadThread;
     friend class CAliveThread;
 
-    void SetIdentifiers(unsigned char id);
+    void SetIdentifiers(unsigned char nId);
     // Connect request and confirmation within the deadline (connection
     // messages on); 1 accepted, else the connection is closed again.
-    unsigned int ConnectHandshake(const std::string& connectData, const CKelDeadline& deadline);
+    unsigned int ConnectHandshake(const std::string& sConnectData, const CKelDeadline& oDeadline);
     // True for the six connect, disconnect and alive commands of this id.
-    bool IsConnectionCommand(unsigned short command) const;
+    bool IsConnectionCommand(unsigned short nCommand) const;
     void ResetAliveCounters();
     // Ends a connected connection: state 4, ConnectInd(false), then peer
     // forgotten and state 5 (datagram server) or socket closed and state 1.
@@ -181,16 +183,16 @@ private:
     // others.
     bool EndConnection();
     // Stores the peer address and its texts.
-    void SetPeer(const sockaddr_storage& address, unsigned int length, const char* host);
-    unsigned int SendStream(const char* data, size_t length, unsigned int timeoutMs, size_t& sent);
-    // Sends all bytes on `socket` during the caller's turn; `ends` is set when
-    // the failure ends the connection (time-out, failed wait); `sent` counts
-    // the bytes that went out.
-    unsigned int SendWhole(int socket, const char* data, size_t length, const CKelDeadline& deadline, bool& ends,
-                           size_t& sent);
+    void SetPeer(const sockaddr_storage& oAddress, unsigned int nLength, const char* pcHost);
+    unsigned int SendStream(const char* pcData, size_t nLength, unsigned int nTimeoutMs, size_t& nSent);
+    // Sends all bytes on `nSocket` during the caller's turn; `bEnds` is set
+    // when the failure ends the connection (time-out, failed wait); `nSent`
+    // counts the bytes that went out.
+    unsigned int SendWhole(int nSocket, const char* pcData, size_t nLength, const CKelDeadline& oDeadline, bool& bEnds,
+                           size_t& nSent);
     void NoteSent();
-    unsigned int SendDatagram(const char* data, unsigned short length, unsigned int timeoutMs);
-    void SendReply(unsigned short command, unsigned short number, unsigned char result, unsigned int timeoutMs);
+    unsigned int SendDatagram(const char* pcData, unsigned short nLength, unsigned int nTimeoutMs);
+    void SendReply(unsigned short nCommand, unsigned short nNumber, unsigned char nResult, unsigned int nTimeoutMs);
     void CreateAliveThread();
     void DestroyAliveThread();
 

@@ -21,37 +21,37 @@ const unsigned short DATAGRAM_OPEN_COMMAND = 0x020C;
 
 // ------------------------------------------------------------ identifiers
 
-void CKelIPConnection::SetIdentifiers(unsigned char id)
+void CKelIPConnection::SetIdentifiers(unsigned char nId)
 {
-    m_nId = id;
-    m_nConnectReqId = CKelMsg::Command(id, CKelMsg::eConnectReq);
-    m_nConnectCnfId = CKelMsg::Command(id, CKelMsg::eConnectReq | CKelMsg::eConfirmation);
-    m_nDisconnectReqId = CKelMsg::Command(id, CKelMsg::eDisconnectReq);
-    m_nDisconnectCnfId = CKelMsg::Command(id, CKelMsg::eDisconnectReq | CKelMsg::eConfirmation);
-    m_nAliveReqId = CKelMsg::Command(id, CKelMsg::eAliveReq);
-    m_nAliveCnfId = CKelMsg::Command(id, CKelMsg::eAliveReq | CKelMsg::eConfirmation);
+    m_nId = nId;
+    m_nConnectReqId = CKelMsg::Command(nId, CKelMsg::eConnectReq);
+    m_nConnectCnfId = CKelMsg::Command(nId, CKelMsg::eConnectReq | CKelMsg::eConfirmation);
+    m_nDisconnectReqId = CKelMsg::Command(nId, CKelMsg::eDisconnectReq);
+    m_nDisconnectCnfId = CKelMsg::Command(nId, CKelMsg::eDisconnectReq | CKelMsg::eConfirmation);
+    m_nAliveReqId = CKelMsg::Command(nId, CKelMsg::eAliveReq);
+    m_nAliveCnfId = CKelMsg::Command(nId, CKelMsg::eAliveReq | CKelMsg::eConfirmation);
 }
 
-bool CKelIPConnection::IsConnectionCommand(unsigned short command) const
+bool CKelIPConnection::IsConnectionCommand(unsigned short nCommand) const
 {
-    return command == m_nAliveReqId || command == m_nAliveCnfId || command == m_nConnectReqId ||
-        command == m_nConnectCnfId || command == m_nDisconnectReqId || command == m_nDisconnectCnfId;
+    return nCommand == m_nAliveReqId || nCommand == m_nAliveCnfId || nCommand == m_nConnectReqId ||
+        nCommand == m_nConnectCnfId || nCommand == m_nDisconnectReqId || nCommand == m_nDisconnectCnfId;
 }
 
 // ------------------------------------------------------------ connect and disconnect
 
 // Connect request out, its confirmation in, within the deadline; anything
 // but acceptance closes the connection again.
-unsigned int CKelIPConnection::ConnectHandshake(const std::string& connectData, const CKelDeadline& deadline)
+unsigned int CKelIPConnection::ConnectHandshake(const std::string& sConnectData, const CKelDeadline& oDeadline)
 {
-    const CKelMsg request(m_nConnectReqId, 1, connectData.data(), static_cast<unsigned short>(connectData.size()));
-    const unsigned int sent = DataReq(request, deadline.RemainingMs());
+    const CKelMsg request(m_nConnectReqId, 1, sConnectData.data(), static_cast<unsigned short>(sConnectData.size()));
+    const unsigned int sent = DataReq(request, oDeadline.RemainingMs());
     if (sent != eKelIPSuccess)
     {
         CloseConnection();
         return sent;
     }
-    if (!m_oConnectEvent.Wait(deadline.RemainingMs()))
+    if (!m_oConnectEvent.Wait(oDeadline.RemainingMs()))
     {
         CloseConnection();
         return eKelIPTimeout;
@@ -70,7 +70,7 @@ unsigned int CKelIPConnection::ConnectHandshake(const std::string& connectData, 
     return eKelIPSuccess;
 }
 
-unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
+unsigned int CKelIPConnection::DisconnectReq(unsigned int nTimeoutMs)
 {
     if (GetState() != eConnected)
         return eKelIPWrongState;
@@ -82,10 +82,10 @@ unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
         m_oDisconnectEvent.Wait(0);
         char request[CKelMsg::OVERHEAD];
         const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nDisconnectReqId, 0, nullptr, 0);
-        result = DataReq(request, static_cast<unsigned short>(size), timeoutMs);
+        result = DataReq(request, static_cast<unsigned short>(size), nTimeoutMs);
         if (result == eKelIPSuccess)
         {
-            if (!m_oDisconnectEvent.Wait(timeoutMs))
+            if (!m_oDisconnectEvent.Wait(nTimeoutMs))
                 result = eKelIPTimeout;
             else if (m_nDisconnectResult.load(std::memory_order_relaxed) != 0)
                 result = eKelIPError;
@@ -97,13 +97,13 @@ unsigned int CKelIPConnection::DisconnectReq(unsigned int timeoutMs)
     return result;
 }
 
-void CKelIPConnection::SendReply(unsigned short command, unsigned short number, unsigned char result,
-                                 unsigned int timeoutMs)
+void CKelIPConnection::SendReply(unsigned short nCommand, unsigned short nNumber, unsigned char nResult,
+                                 unsigned int nTimeoutMs)
 {
     char reply[CKelMsg::OVERHEAD + 1];
-    const char data = static_cast<char>(result);
-    const unsigned int size = CKelMsg::Build(reply, sizeof(reply), command, number, &data, 1);
-    DataReq(reply, static_cast<unsigned short>(size), timeoutMs);
+    const char data = static_cast<char>(nResult);
+    const unsigned int size = CKelMsg::Build(reply, sizeof(reply), nCommand, nNumber, &data, 1);
+    DataReq(reply, static_cast<unsigned short>(size), nTimeoutMs);
 }
 
 // ------------------------------------------------------------ alive protocol
@@ -128,32 +128,32 @@ void CKelIPConnection::DestroyAliveThread()
     thread.reset();
 }
 
-unsigned int CKelIPConnection::SetAlive(unsigned int periodMs)
+unsigned int CKelIPConnection::SetAlive(unsigned int nPeriodMs)
 {
     if (GetState() != eConnected)
         return eKelIPNotConnected;
-    if (periodMs == 0)
+    if (nPeriodMs == 0)
     {
         m_nAliveMode.store(eAliveOff, std::memory_order_relaxed);
         DestroyAliveThread();
         // The peer is told the period stored before, not 0.
         return AliveReq(0);
     }
-    m_nAlivePeriod.store(periodMs, std::memory_order_relaxed);
+    m_nAlivePeriod.store(nPeriodMs, std::memory_order_relaxed);
     if (m_nAliveMode.load(std::memory_order_relaxed) == eAliveOff)
         ResetAliveCounters();
     CreateAliveThread();
     m_nAliveMode.store(eAliveActive, std::memory_order_relaxed);
-    return AliveReq(periodMs);
+    return AliveReq(nPeriodMs);
 }
 
-unsigned int CKelIPConnection::AliveReq(unsigned int timeoutMs)
+unsigned int CKelIPConnection::AliveReq(unsigned int nTimeoutMs)
 {
     char period[4];
     CKelMsg::PutU32(period, m_nAlivePeriod.load(std::memory_order_relaxed));
     char request[CKelMsg::OVERHEAD + sizeof(period)];
     const unsigned int size = CKelMsg::Build(request, sizeof(request), m_nAliveReqId, 0, period, sizeof(period));
-    return DataReq(request, static_cast<unsigned short>(size), timeoutMs);
+    return DataReq(request, static_cast<unsigned short>(size), nTimeoutMs);
 }
 
 // A protocol switched on afresh judges silence from its own start, not from
@@ -165,15 +165,15 @@ void CKelIPConnection::ResetAliveCounters()
     m_nAliveLastReceive.store(0, std::memory_order_relaxed);
 }
 
-void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
+void CKelIPConnection::HandleAliveReq(const char* pcBytes, unsigned short nCount)
 {
-    if (!CKelMsg::IsIntact(bytes, count))
+    if (!CKelMsg::IsIntact(pcBytes, nCount))
         return;
     unsigned char result = 0xFF;
     unsigned int replyTimeoutMs = REPLY_TIMEOUT_MS;
-    if (count > CKelMsg::OVERHEAD + 3)
+    if (nCount > CKelMsg::OVERHEAD + 3)
     {
-        const unsigned int period = CKelMsg::GetU32(bytes + CKelMsg::HEADER_SIZE);
+        const unsigned int period = CKelMsg::GetU32(pcBytes + CKelMsg::HEADER_SIZE);
         m_nAlivePeriod.store(period, std::memory_order_relaxed);
         if (period == 0)
         {
@@ -192,7 +192,7 @@ void CKelIPConnection::HandleAliveReq(const char* bytes, unsigned short count)
         }
         result = 0;
     }
-    SendReply(m_nAliveCnfId, CKelMsg::GetU16(bytes + 4), result, replyTimeoutMs);
+    SendReply(m_nAliveCnfId, CKelMsg::GetU16(pcBytes + 4), result, replyTimeoutMs);
 }
 
 // A whole message went out: in the active alive mode the line is not quiet.
@@ -204,33 +204,33 @@ void CKelIPConnection::NoteSent()
 
 // ------------------------------------------------------------ dispatching
 
-void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, const sockaddr_storage* from,
-                                   unsigned int fromLength)
+void CKelIPConnection::BaseDataInd(const char* pcData, unsigned short nLength, const sockaddr_storage* poFrom,
+                                   unsigned int nFromLength)
 {
     if (!m_bUseConnectionMessages.load(std::memory_order_relaxed))
     {
-        DataInd(data, length);
+        DataInd(pcData, nLength);
         return;
     }
     if (m_nAliveMode.load(std::memory_order_relaxed) != eAliveOff)
         m_nAliveLastReceive.store(m_nAliveTick.load(std::memory_order_relaxed), std::memory_order_relaxed);
 
-    const unsigned short command = length >= 4 ? CKelMsg::GetU16(data + 2) : 0;
+    const unsigned short command = nLength >= 4 ? CKelMsg::GetU16(pcData + 2) : 0;
     if (m_bDatagramServer)
     {
-        if (from == nullptr)
+        if (poFrom == nullptr)
             return;
-        const sockaddr* sender = reinterpret_cast<const sockaddr*>(from);
-        if (length > CKelMsg::HEADER_SIZE && command == m_nConnectReqId)
+        const sockaddr* sender = reinterpret_cast<const sockaddr*>(poFrom);
+        if (nLength > CKelMsg::HEADER_SIZE && command == m_nConnectReqId)
         {
-            if (!CKelMsg::IsIntact(data, length))
+            if (!CKelMsg::IsIntact(pcData, nLength))
                 return;
-            SetPeer(*from, fromLength, nullptr);
+            SetPeer(*poFrom, nFromLength, nullptr);
             SetState(eConnected);
             ConnectInd(true);
             const bool accepted =
-                IsConnectMsgAccepted(std::string(data + CKelMsg::HEADER_SIZE, length - CKelMsg::OVERHEAD));
-            SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), accepted ? 0 : 0xFF, REPLY_TIMEOUT_MS);
+                IsConnectMsgAccepted(std::string(pcData + CKelMsg::HEADER_SIZE, nLength - CKelMsg::OVERHEAD));
+            SendReply(m_nConnectCnfId, CKelMsg::GetU16(pcData + 4), accepted ? 0 : 0xFF, REPLY_TIMEOUT_MS);
             if (!accepted)
                 EndConnection();
             return;
@@ -240,15 +240,15 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
         {
             CKelLockGuard guard(m_oPeerGuard);
             fromPeer =
-                SockaddrsAreEqual(sender, fromLength, reinterpret_cast<const sockaddr*>(&m_oPeerAddr), m_nPeerAddrLen);
+                SockaddrsAreEqual(sender, nFromLength, reinterpret_cast<const sockaddr*>(&m_oPeerAddr), m_nPeerAddrLen);
         }
         if (!fromPeer && command != DATAGRAM_OPEN_COMMAND)
             return;
     }
 
-    if (length < CKelMsg::OVERHEAD)
+    if (nLength < CKelMsg::OVERHEAD)
     {
-        DataInd(data, length);
+        DataInd(pcData, nLength);
         return;
     }
     if (IsConnectionCommand(command) && !AnswersConnectionMessages())
@@ -256,7 +256,7 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
 
     if (command == m_nAliveReqId)
     {
-        HandleAliveReq(data, length);
+        HandleAliveReq(pcData, nLength);
     }
     else if (command == m_nAliveCnfId)
     {
@@ -264,40 +264,40 @@ void CKelIPConnection::BaseDataInd(const char* data, unsigned short length, cons
     }
     else if (command == m_nConnectReqId)
     {
-        if (!CKelMsg::IsIntact(data, length))
+        if (!CKelMsg::IsIntact(pcData, nLength))
             return;
         unsigned char result = 0;
         if (m_poServerContainer != nullptr && m_poServerContainer->IsConnectionLimitExceeded())
             result = 1;
-        else if (!IsConnectMsgAccepted(std::string(data + CKelMsg::HEADER_SIZE, length - CKelMsg::OVERHEAD)))
+        else if (!IsConnectMsgAccepted(std::string(pcData + CKelMsg::HEADER_SIZE, nLength - CKelMsg::OVERHEAD)))
             result = 0xFF;
-        SendReply(m_nConnectCnfId, CKelMsg::GetU16(data + 4), result, REPLY_TIMEOUT_MS);
+        SendReply(m_nConnectCnfId, CKelMsg::GetU16(pcData + 4), result, REPLY_TIMEOUT_MS);
         if (result != 0)
             EndConnection();
     }
     else if (command == m_nConnectCnfId)
     {
-        if (length == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(data, length))
+        if (nLength == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(pcData, nLength))
             return;
-        m_nConnectResult.store(static_cast<unsigned char>(data[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
+        m_nConnectResult.store(static_cast<unsigned char>(pcData[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
         m_oConnectEvent.Signal();
     }
     else if (command == m_nDisconnectReqId)
     {
-        if (!CKelMsg::IsIntact(data, length))
+        if (!CKelMsg::IsIntact(pcData, nLength))
             return;
-        SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(data + 4), 0, REPLY_TIMEOUT_MS);
+        SendReply(m_nDisconnectCnfId, CKelMsg::GetU16(pcData + 4), 0, REPLY_TIMEOUT_MS);
         EndConnection();
     }
     else if (command == m_nDisconnectCnfId)
     {
-        if (length == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(data, length))
+        if (nLength == CKelMsg::OVERHEAD || !CKelMsg::IsIntact(pcData, nLength))
             return;
-        m_nDisconnectResult.store(static_cast<unsigned char>(data[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
+        m_nDisconnectResult.store(static_cast<unsigned char>(pcData[CKelMsg::HEADER_SIZE]), std::memory_order_relaxed);
         m_oDisconnectEvent.Signal();
     }
     else
     {
-        DataInd(data, length);
+        DataInd(pcData, nLength);
     }
 }

@@ -20,16 +20,16 @@ const int READ_WAIT_MS = 1000;
 
 const unsigned int SILENCE_DISCONNECT_TIMEOUT_MS = 1000;
 
-bool IsRetry(ssize_t received)
+bool IsRetry(ssize_t nReceived)
 {
-    return received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    return nReceived < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
 }
 } // namespace
 
 // ------------------------------------------------------------ read thread
 
-CKelIPConnection::CReadThread::CReadThread(CKelIPConnection* owner)
-    : CKelThread(0), m_poOwner(owner), m_oBuffer(new char[RECEIVE_BUFFER_SIZE])
+CKelIPConnection::CReadThread::CReadThread(CKelIPConnection* poOwner)
+    : CKelThread(0), m_poOwner(poOwner), m_oBuffer(new char[RECEIVE_BUFFER_SIZE])
 {
 }
 
@@ -64,29 +64,29 @@ void CKelIPConnection::CReadThread::Run()
     }
 }
 
-// recv/recvfrom on `socket` while it is still the connection's socket.
-ssize_t CKelIPConnection::CReadThread::Receive(int socket, char* buffer, size_t size, sockaddr_storage* from,
-                                               socklen_t* fromLength)
+// recv/recvfrom on `nSocket` while it is still the connection's socket.
+ssize_t CKelIPConnection::CReadThread::Receive(int nSocket, char* pcBuffer, size_t nSize, sockaddr_storage* poFrom,
+                                               socklen_t* pnFromLength)
 {
     CKelLockGuard guard(m_poOwner->m_oSocketGuard);
-    if (m_poOwner->GetSocket() != socket)
+    if (m_poOwner->GetSocket() != nSocket)
     {
         errno = EBADF;
         return -1;
     }
-    if (from != nullptr)
-        return recvfrom(socket, buffer, size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(from), fromLength);
-    return recv(socket, buffer, size, MSG_DONTWAIT);
+    if (poFrom != nullptr)
+        return recvfrom(nSocket, pcBuffer, nSize, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(poFrom), pnFromLength);
+    return recv(nSocket, pcBuffer, nSize, MSG_DONTWAIT);
 }
 
 // Waits for the connected socket to become readable; eLeave when the thread
 // should end: termination requested or not connected any more.
-CKelIPConnection::CReadThread::EWaitResult CKelIPConnection::CReadThread::WaitConnected(int& socket)
+CKelIPConnection::CReadThread::EWaitResult CKelIPConnection::CReadThread::WaitConnected(int& nSocket)
 {
     if (IsTerminationRequested() || m_poOwner->GetState() != CKelIPBase::eConnected)
         return eLeave;
-    socket = m_poOwner->GetSocket();
-    const int ready = KelWaitForSocket(socket, POLLIN, READ_WAIT_MS);
+    nSocket = m_poOwner->GetSocket();
+    const int ready = KelWaitForSocket(nSocket, POLLIN, READ_WAIT_MS);
     if (ready == 0)
         return eAgain;
     if (ready < 0)
@@ -160,18 +160,19 @@ void CKelIPConnection::CReadThread::RunStream()
 
 // Hands the messages of one datagram up; a message whose length word points
 // past the datagram's end is dropped with the rest.
-void CKelIPConnection::CReadThread::CutDatagram(size_t received, const sockaddr_storage* from, unsigned int fromLength)
+void CKelIPConnection::CReadThread::CutDatagram(size_t nReceived, const sockaddr_storage* poFrom,
+                                                unsigned int nFromLength)
 {
-    if (received < 3)
+    if (nReceived < 3)
         return;
     const char* const buffer = m_oBuffer.get();
     size_t offset = 0;
-    while (received - offset >= 2)
+    while (nReceived - offset >= 2)
     {
         const size_t length = CKelMsg::GetU16(buffer + offset) + 2u;
-        if (received - offset < length)
+        if (nReceived - offset < length)
             break;
-        m_poOwner->BaseDataInd(buffer + offset, static_cast<unsigned short>(length), from, fromLength);
+        m_poOwner->BaseDataInd(buffer + offset, static_cast<unsigned short>(length), poFrom, nFromLength);
         offset += length;
     }
     if (offset > 0)
@@ -227,21 +228,21 @@ void CKelIPConnection::CReadThread::RunDatagramServer()
 
 // ------------------------------------------------------------ alive thread
 
-CKelIPConnection::CAliveThread::CAliveThread(CKelIPConnection* owner) : CKelThread(0), m_poOwner(owner) {}
+CKelIPConnection::CAliveThread::CAliveThread(CKelIPConnection* poOwner) : CKelThread(0), m_poOwner(poOwner) {}
 
 CKelIPConnection::CAliveThread::~CAliveThread()
 {
     Terminate();
 }
 
-unsigned int CKelIPConnection::CAliveThread::TickMs(unsigned int periodMs)
+unsigned int CKelIPConnection::CAliveThread::TickMs(unsigned int nPeriodMs)
 {
-    return CKelAliveRules::TickMs(periodMs);
+    return CKelAliveRules::TickMs(nPeriodMs);
 }
 
-bool CKelIPConnection::CAliveThread::Pause(unsigned int ms)
+bool CKelIPConnection::CAliveThread::Pause(unsigned int nMs)
 {
-    return m_oTerminationEvent.Wait(ms);
+    return m_oTerminationEvent.Wait(nMs);
 }
 
 void CKelIPConnection::CAliveThread::Run()

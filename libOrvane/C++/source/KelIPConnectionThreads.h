@@ -14,7 +14,7 @@
 class CKelIPConnection::CReadThread : public CKelThread
 {
 public:
-    explicit CReadThread(CKelIPConnection* owner);
+    explicit CReadThread(CKelIPConnection* poOwner);
     ~CReadThread() override;
 
 protected:
@@ -29,12 +29,12 @@ private:
         eReadable
     };
 
-    EWaitResult WaitConnected(int& socket);
-    ssize_t Receive(int socket, char* buffer, size_t size, sockaddr_storage* from, socklen_t* fromLength);
+    EWaitResult WaitConnected(int& nSocket);
+    ssize_t Receive(int nSocket, char* pcBuffer, size_t nSize, sockaddr_storage* poFrom, socklen_t* pnFromLength);
     void RunStream();
     void RunDatagramClient();
     void RunDatagramServer();
-    void CutDatagram(size_t received, const sockaddr_storage* from, unsigned int fromLength);
+    void CutDatagram(size_t nReceived, const sockaddr_storage* poFrom, unsigned int nFromLength);
 
     CKelIPConnection* m_poOwner;
     std::unique_ptr<char[]> m_oBuffer; // allocated once, reused by every pass
@@ -43,18 +43,18 @@ private:
 class CKelIPConnection::CAliveThread : public CKelThread
 {
 public:
-    explicit CAliveThread(CKelIPConnection* owner);
+    explicit CAliveThread(CKelIPConnection* poOwner);
     ~CAliveThread() override;
 
     // One pass of the thread: a quarter of the period, at least 10 ms.
-    static unsigned int TickMs(unsigned int periodMs);
+    static unsigned int TickMs(unsigned int nPeriodMs);
 
 protected:
     void Run() override;
 
 private:
     // Sleeps; true when termination was requested meanwhile.
-    bool Pause(unsigned int ms);
+    bool Pause(unsigned int nMs);
 
     CKelIPConnection* m_poOwner;
 };

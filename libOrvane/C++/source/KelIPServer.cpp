@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace
 {
 const int ACCEPT_WAIT_MS = 100;
@@ -20,7 +22,7 @@ const int ACCEPT_WAIT_MS = 100;
 class CKelIPServer::CListenThread : public CKelThread
 {
 public:
-    explicit CListenThread(CKelIPServer* server) : CKelThread(0), m_poServer(server) {}
+    explicit CListenThread(CKelIPServer* poServer) : CKelThread(0), m_poServer(poServer) {}
     ~CListenThread() override { Terminate(); }
 
 protected:
@@ -37,7 +39,7 @@ protected:
                 continue;
             sockaddr_storage address;
             socklen_t length = sizeof(address);
-            const int socket = accept(listening, reinterpret_cast<sockaddr*>(&address), &length);
+            const int socket = accept4(listening, reinterpret_cast<sockaddr*>(&address), &length, SOCK_CLOEXEC);
             if (socket < 0)
                 continue;
             m_poServer->GetContainer()->AddClient(eTCP, socket);
@@ -48,33 +50,50 @@ private:
     CKelIPServer* m_poServer;
 };
 
-CKelIPServer::CKelIPServer(CKelIPServerContainer* container, unsigned short port) : m_poContainer(container)
+CKelIPServer::CKelIPServer(CKelIPServerContainer* poContainer, unsigned short nPort, const char* pcAddress)
+    : m_poContainer(poContainer)
 {
-    const CKelAddrInfoList addresses = Resolve(nullptr, port, AF_INET, SOCK_STREAM, AI_PASSIVE);
+    const int flags = pcAddress == nullptr ? AI_PASSIVE : AI_NUMERICHOST;
+    const CKelAddrInfoList addresses = Resolve(pcAddress, nPort, AF_INET, SOCK_STREAM, flags);
+    m_nError = addresses ? 0 : EINVAL;
     int bound = -1;
     for (const addrinfo* address = addresses.get(); address != nullptr && bound < 0; address = address->ai_next)
     {
-        const int socket = ::socket(address->ai_family, address->ai_socktype, address->ai_protocol);
+        const int socket = ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
         if (socket < 0)
+        {
+            m_nError = errno;
             continue;
+        }
         const int on = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
         if (bind(socket, address->ai_addr, address->ai_addrlen) == 0)
             bound = socket;
         else
+        {
+            m_nError = errno;
             close(socket);
+        }
     }
     if (bound < 0)
         return;
-    if (listen(bound, container->GetConnectionLimit()) != 0)
+    if (listen(bound, poContainer->GetConnectionLimit()) != 0)
     {
+        m_nError = errno;
         close(bound);
         return;
     }
+    m_nError = 0;
     SetSocket(bound);
     SetState(eWaitingForPeer);
+}
+
+bool CKelIPServer::StartAccepting()
+{
+    if (GetState() != eWaitingForPeer || m_poListenThread)
+        return false;
     m_poListenThread.reset(new CListenThread(this));
-    m_poListenThread->Start();
+    return m_poListenThread->Start();
 }
 
 CKelIPServer::~CKelIPServer()

@@ -8,15 +8,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 namespace
 {
 using CClientList = std::forward_list<std::unique_ptr<CKelIPConnection>>;
 }
 
-CKelIPServerContainer::CKelIPServerContainer(unsigned char id, int connectionLimit, unsigned short port,
-                                             bool withDatagramServer)
-    : m_nId(id), m_nConnectionLimit(connectionLimit), m_poDatagramServer(nullptr), m_nPort(port),
-      m_bWithDatagramServer(withDatagramServer), m_bListening(false)
+CKelIPServerContainer::CKelIPServerContainer(unsigned char nId, int nConnectionLimit, unsigned short nPort,
+                                             bool bWithDatagramServer)
+    : m_nId(nId), m_nConnectionLimit(nConnectionLimit), m_poDatagramServer(nullptr), m_nPort(nPort),
+      m_bWithDatagramServer(bWithDatagramServer), m_bListening(false)
 {
 }
 
@@ -52,23 +54,33 @@ void CKelIPServerContainer::Shutdown()
     clients.clear();
 }
 
-CKelIPConnection* CKelIPServerContainer::CreateNewClass(CKelIPBase::EProtocol protocol, int socket)
+CKelIPConnection* CKelIPServerContainer::CreateNewClass(CKelIPBase::EProtocol eProtocol, int nSocket)
 {
-    return new CKelIPConnection(this, m_nId, protocol, socket, true);
+    return new CKelIPConnection(this, m_nId, eProtocol, nSocket, true);
 }
 
-CKelIPConnection* CKelIPServerContainer::CreateUdpServer(unsigned short port)
+CKelIPConnection* CKelIPServerContainer::CreateUdpServer(unsigned short nPort)
 {
-    return new CKelIPConnection(m_nId, port, true);
+    return new CKelIPConnection(m_nId, nPort, true);
 }
 
-void CKelIPServerContainer::StartListening()
+int CKelIPServerContainer::Bind(const char* pcAddress)
 {
-    if (m_bListening)
-        return;
-    m_poIPServer.reset(new CKelIPServer(this, m_nPort));
+    if (m_poIPServer)
+        return EALREADY;
+    m_poIPServer.reset(new CKelIPServer(this, m_nPort, pcAddress));
     if (m_nPort == 0)
         m_nPort = m_poIPServer->GetBoundPort();
+    return m_poIPServer->GetError();
+}
+
+bool CKelIPServerContainer::StartListening()
+{
+    if (m_bListening)
+        return false;
+    if (!m_poIPServer)
+        Bind(nullptr);
+    const bool accepting = m_poIPServer->StartAccepting();
 
     if (m_bWithDatagramServer && m_poDatagramServer == nullptr)
     {
@@ -82,6 +94,7 @@ void CKelIPServerContainer::StartListening()
         }
     }
     m_bListening = true;
+    return accepting;
 }
 
 bool CKelIPServerContainer::IsServerListening() const
@@ -89,12 +102,12 @@ bool CKelIPServerContainer::IsServerListening() const
     return m_poIPServer && m_poIPServer->GetState() == CKelIPBase::eWaitingForPeer;
 }
 
-bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol protocol, int socket)
+bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol eProtocol, int nSocket)
 {
     RemoveClient();
     {
         CKelLockGuard guard(m_oListMutex);
-        CKelIPConnection* connection = CreateNewClass(protocol, socket);
+        CKelIPConnection* connection = CreateNewClass(eProtocol, nSocket);
         if (connection != nullptr)
         {
             connection->ConnectInd(true);
@@ -109,19 +122,19 @@ bool CKelIPServerContainer::AddClient(CKelIPBase::EProtocol protocol, int socket
     const unsigned int size =
         CKelMsg::Build(refusal, sizeof(refusal), CKelMsg::Command(m_nId, CKelMsg::eConnectReq | CKelMsg::eConfirmation),
                        1, &result, 1);
-    send(socket, refusal, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-    close(socket);
+    send(nSocket, refusal, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    close(nSocket);
     return false;
 }
 
-bool CKelIPServerContainer::TakeFinished(int socket, CClientList& out)
+bool CKelIPServerContainer::TakeFinished(int nSocket, CClientList& aoOut)
 {
     bool removedMatch = false;
     auto before = m_aoClients.before_begin();
     for (auto it = m_aoClients.begin(); it != m_aoClients.end();)
     {
         CKelIPConnection* connection = it->get();
-        const bool match = connection->GetSocket() == socket;
+        const bool match = connection->GetSocket() == nSocket;
         // An entry whose read thread still runs stays for a later purge.
         if ((match || connection->GetState() == CKelIPBase::eDisconnected) &&
             connection->GetReadThreadState() == CKelThread::eFinished)
@@ -129,7 +142,7 @@ bool CKelIPServerContainer::TakeFinished(int socket, CClientList& out)
             removedMatch = removedMatch || match;
             if (connection == m_poDatagramServer)
                 m_poDatagramServer = nullptr;
-            out.push_front(std::move(*it));
+            aoOut.push_front(std::move(*it));
             it = m_aoClients.erase_after(before);
         }
         else
@@ -146,13 +159,13 @@ bool CKelIPServerContainer::RemoveClient()
     return RemoveClient(-1);
 }
 
-bool CKelIPServerContainer::RemoveClient(int socket)
+bool CKelIPServerContainer::RemoveClient(int nSocket)
 {
     CClientList finished;
     bool removed;
     {
         CKelLockGuard guard(m_oListMutex);
-        removed = TakeFinished(socket, finished);
+        removed = TakeFinished(nSocket, finished);
     }
     return removed; // `finished` is destroyed here, outside the mutex
 }
@@ -175,9 +188,9 @@ bool CKelIPServerContainer::IsConnectionLimitExceeded()
     return static_cast<long long>(CountActiveTCPConnections()) > m_nConnectionLimit;
 }
 
-void CKelIPServerContainer::ForEachClient(const std::function<void(CKelIPConnection&)>& visit)
+void CKelIPServerContainer::ForEachClient(const std::function<void(CKelIPConnection&)>& oVisit)
 {
     CKelLockGuard guard(m_oListMutex);
     for (const auto& connection : m_aoClients)
-        visit(*connection);
+        oVisit(*connection);
 }

@@ -40,30 +40,38 @@ class CKelIPServer;
 class CKelIPServerContainer
 {
 public:
-    // Stores the values; nothing is opened. `connectionLimit` is also the
+    // Stores the values; nothing is opened. `nConnectionLimit` is also the
     // listen backlog. Port 0 lets the system choose; StartListening then
     // stores the chosen port.
-    CKelIPServerContainer(unsigned char id, int connectionLimit, unsigned short port, bool withDatagramServer);
+    CKelIPServerContainer(unsigned char nId, int nConnectionLimit, unsigned short nPort, bool bWithDatagramServer);
     virtual ~CKelIPServerContainer();
 
     CKelIPServerContainer(const CKelIPServerContainer&) = delete;
     CKelIPServerContainer& operator=(const CKelIPServerContainer&) = delete;
 
-    // Once only: creates the server on the port and, if wanted, the datagram
-    // endpoint (started, at the head of the client list).
-    void StartListening();
+    // Once only, before StartListening: binds the port on `pcAddress` (a
+    // numeric IPv4 address; null: every address) and listens without
+    // accepting yet, so that peers wait in the backlog. With port 0 GetPort
+    // tells the chosen port from here on. 0 on success, else the errno of the
+    // failing step (EALREADY when a server exists already).
+    int Bind(const char* pcAddress);
+    // Once only: starts accepting on the server Bind made, or else on a new
+    // one bound to every address, and creates the datagram endpoint if wanted
+    // (started, at the head of the client list). True when the server listens
+    // and its listen thread runs.
+    bool StartListening();
 
     // Wraps an accepted socket with CreateNewClass: ConnectInd(true), read
     // thread started, entry at the head of the list, true. When
     // CreateNewClass refuses: connect confirmation 0xFF on the raw socket,
     // socket closed, false.
-    bool AddClient(CKelIPBase::EProtocol protocol, int socket);
+    bool AddClient(CKelIPBase::EProtocol eProtocol, int nSocket);
     // Purge: removes and destroys every entry whose socket is -1 or whose
     // state is 1, once its read thread has finished. True when an entry with
     // socket -1 was removed.
     bool RemoveClient();
     // As the purge, for the entry with the given socket (or state 1).
-    bool RemoveClient(int socket);
+    bool RemoveClient(int nSocket);
 
     // Purges, then counts the connected (state 3) entries that are not the
     // datagram endpoint.
@@ -71,9 +79,9 @@ public:
     // More connected entries than the limit.
     bool IsConnectionLimitExceeded();
 
-    // Calls `visit` for every entry under the list mutex (head first). The
+    // Calls `oVisit` for every entry under the list mutex (head first). The
     // visitor must not call back into the container.
-    void ForEachClient(const std::function<void(CKelIPConnection&)>& visit);
+    void ForEachClient(const std::function<void(CKelIPConnection&)>& oVisit);
 
     unsigned char GetId() const { return m_nId; }
     int GetConnectionLimit() const { return m_nConnectionLimit; }
@@ -86,9 +94,9 @@ public:
 protected:
     // Default: new CKelIPConnection(this, id, protocol, socket, true). Return
     // a derived connection, or null to refuse.
-    virtual CKelIPConnection* CreateNewClass(CKelIPBase::EProtocol protocol, int socket);
+    virtual CKelIPConnection* CreateNewClass(CKelIPBase::EProtocol eProtocol, int nSocket);
     // Default: new CKelIPConnection(id, port, true).
-    virtual CKelIPConnection* CreateUdpServer(unsigned short port);
+    virtual CKelIPConnection* CreateUdpServer(unsigned short nPort);
 
     // What the destructor does: server, then datagram endpoint, then every
     // connection destroyed. Safe to call more than once.
@@ -96,7 +104,7 @@ protected:
 
 private:
     // Takes the finished entries out of the list (caller holds the mutex).
-    bool TakeFinished(int socket, std::forward_list<std::unique_ptr<CKelIPConnection>>& out);
+    bool TakeFinished(int nSocket, std::forward_list<std::unique_ptr<CKelIPConnection>>& aoOut);
 
     unsigned char m_nId;
     int m_nConnectionLimit;

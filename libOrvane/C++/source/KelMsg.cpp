@@ -6,14 +6,15 @@
 
 CKelMsg::CKelMsg() : m_nLength(0), m_nCommand(0), m_nNumber(0), m_nCRC(0) {}
 
-CKelMsg::CKelMsg(unsigned short command, unsigned short number, const char* data, unsigned short dataLength) : CKelMsg()
+CKelMsg::CKelMsg(unsigned short nCommand, unsigned short nNumber, const char* pcData, unsigned short nDataLength)
+    : CKelMsg()
 {
-    SetMessage(command, number, data, dataLength);
+    SetMessage(nCommand, nNumber, pcData, nDataLength);
 }
 
-CKelMsg::CKelMsg(const char* bytes, unsigned short count) : CKelMsg()
+CKelMsg::CKelMsg(const char* pcBytes, unsigned short nCount) : CKelMsg()
 {
-    SetMessage(bytes, count);
+    SetMessage(pcBytes, nCount);
 }
 
 CKelMsg::~CKelMsg() = default;
@@ -23,21 +24,22 @@ bool CKelMsg::IsValid() const
     return m_sData.size() + 5 == m_nLength;
 }
 
-void CKelMsg::SetMessage(unsigned short command, unsigned short number, const char* data, unsigned short dataLength)
+void CKelMsg::SetMessage(unsigned short nCommand, unsigned short nNumber, const char* pcData,
+                         unsigned short nDataLength)
 {
-    m_nCommand = command;
-    m_nNumber = number;
-    if (data != nullptr && dataLength != 0)
-        m_sData.assign(data, dataLength);
+    m_nCommand = nCommand;
+    m_nNumber = nNumber;
+    if (pcData != nullptr && nDataLength != 0)
+        m_sData.assign(pcData, nDataLength);
     else
         m_sData.clear();
     m_nLength = static_cast<unsigned short>(m_sData.size() + 5);
     m_nCRC = ComputeCRC();
 }
 
-bool CKelMsg::SetMessage(const char* bytes, unsigned short count)
+bool CKelMsg::SetMessage(const char* pcBytes, unsigned short nCount)
 {
-    if (bytes == nullptr || count <= HEADER_SIZE)
+    if (pcBytes == nullptr || nCount <= HEADER_SIZE)
     {
         m_sData.clear();
         m_nCommand = 0;
@@ -46,11 +48,11 @@ bool CKelMsg::SetMessage(const char* bytes, unsigned short count)
         m_nCRC = 0;
         return false;
     }
-    m_nLength = GetU16(bytes);
-    m_nCommand = GetU16(bytes + 2);
-    m_nNumber = GetU16(bytes + 4);
-    m_sData.assign(bytes + HEADER_SIZE, count - OVERHEAD);
-    m_nCRC = static_cast<unsigned char>(bytes[count - 1]);
+    m_nLength = GetU16(pcBytes);
+    m_nCommand = GetU16(pcBytes + 2);
+    m_nNumber = GetU16(pcBytes + 4);
+    m_sData.assign(pcBytes + HEADER_SIZE, nCount - OVERHEAD);
+    m_nCRC = static_cast<unsigned char>(pcBytes[nCount - 1]);
     return IsValid();
 }
 
@@ -59,77 +61,78 @@ unsigned char CKelMsg::ComputeCRC() const
     return ComputeCRC(m_nCommand, m_nNumber, m_sData.data(), static_cast<unsigned int>(m_sData.size()));
 }
 
-unsigned char CKelMsg::ComputeCRC(unsigned short command, unsigned short number, const char* data,
-                                  unsigned int dataLength)
+unsigned char CKelMsg::ComputeCRC(unsigned short nCommand, unsigned short nNumber, const char* pcData,
+                                  unsigned int nDataLength)
 {
-    unsigned char crc = static_cast<unsigned char>(command & 0xFF);
-    crc ^= static_cast<unsigned char>(command >> 8);
-    crc ^= static_cast<unsigned char>(number & 0xFF);
-    crc ^= static_cast<unsigned char>(number >> 8);
-    for (unsigned int i = 0; i < dataLength; ++i)
-        crc ^= static_cast<unsigned char>(data[i]);
+    unsigned char crc = static_cast<unsigned char>(nCommand & 0xFF);
+    crc ^= static_cast<unsigned char>(nCommand >> 8);
+    crc ^= static_cast<unsigned char>(nNumber & 0xFF);
+    crc ^= static_cast<unsigned char>(nNumber >> 8);
+    for (unsigned int i = 0; i < nDataLength; ++i)
+        crc ^= static_cast<unsigned char>(pcData[i]);
     return crc;
 }
 
-bool CKelMsg::IsIntact(const char* bytes, unsigned short count)
+bool CKelMsg::IsIntact(const char* pcBytes, unsigned short nCount)
 {
-    if (bytes == nullptr || count <= HEADER_SIZE || GetU16(bytes) + 2u != count)
+    if (pcBytes == nullptr || nCount <= HEADER_SIZE || GetU16(pcBytes) + 2u != nCount)
         return false;
-    const unsigned char crc = ComputeCRC(GetU16(bytes + 2), GetU16(bytes + 4), bytes + HEADER_SIZE, count - OVERHEAD);
-    return crc == static_cast<unsigned char>(bytes[count - 1]);
+    const unsigned char crc =
+        ComputeCRC(GetU16(pcBytes + 2), GetU16(pcBytes + 4), pcBytes + HEADER_SIZE, nCount - OVERHEAD);
+    return crc == static_cast<unsigned char>(pcBytes[nCount - 1]);
 }
 
-void CKelMsg::GetMessageData(std::string& out) const
+void CKelMsg::GetMessageData(std::string& sOut) const
 {
-    out.clear();
-    out.resize(GetWireSize());
-    WriteTo(&out[0], static_cast<unsigned int>(out.size()));
+    sOut.clear();
+    sOut.resize(GetWireSize());
+    WriteTo(&sOut[0], static_cast<unsigned int>(sOut.size()));
 }
 
-unsigned int CKelMsg::WriteTo(char* buffer, unsigned int size) const
+unsigned int CKelMsg::WriteTo(char* pcBuffer, unsigned int nSize) const
 {
     const unsigned int total = GetWireSize();
-    if (total > size)
+    if (total > nSize)
         return 0;
-    PutU16(buffer, m_nLength);
-    PutU16(buffer + 2, m_nCommand);
-    PutU16(buffer + 4, m_nNumber);
+    PutU16(pcBuffer, m_nLength);
+    PutU16(pcBuffer + 2, m_nCommand);
+    PutU16(pcBuffer + 4, m_nNumber);
     if (!m_sData.empty())
-        std::memcpy(buffer + HEADER_SIZE, m_sData.data(), m_sData.size());
-    buffer[total - 1] = static_cast<char>(m_nCRC);
+        std::memcpy(pcBuffer + HEADER_SIZE, m_sData.data(), m_sData.size());
+    pcBuffer[total - 1] = static_cast<char>(m_nCRC);
     return total;
 }
 
-unsigned int CKelMsg::Build(char* buffer, unsigned int size, unsigned short command, unsigned short number,
-                            const char* data, unsigned short dataLength)
+unsigned int CKelMsg::Build(char* pcBuffer, unsigned int nSize, unsigned short nCommand, unsigned short nNumber,
+                            const char* pcData, unsigned short nDataLength)
 {
-    if (data == nullptr)
-        dataLength = 0;
-    const unsigned int total = static_cast<unsigned int>(dataLength) + OVERHEAD;
-    if (total > size)
+    if (pcData == nullptr)
+        nDataLength = 0;
+    const unsigned int total = static_cast<unsigned int>(nDataLength) + OVERHEAD;
+    if (total > nSize)
         return 0;
-    PutU16(buffer, static_cast<unsigned short>(dataLength + 5));
-    PutU16(buffer + 2, command);
-    PutU16(buffer + 4, number);
-    if (dataLength != 0)
-        std::memcpy(buffer + HEADER_SIZE, data, dataLength);
-    buffer[total - 1] = static_cast<char>(ComputeCRC(command, number, data, dataLength));
+    PutU16(pcBuffer, static_cast<unsigned short>(nDataLength + 5));
+    PutU16(pcBuffer + 2, nCommand);
+    PutU16(pcBuffer + 4, nNumber);
+    if (nDataLength != 0)
+        std::memcpy(pcBuffer + HEADER_SIZE, pcData, nDataLength);
+    pcBuffer[total - 1] = static_cast<char>(ComputeCRC(nCommand, nNumber, pcData, nDataLength));
     return total;
 }
 
-void CKelMsg::PutU16(char* out, unsigned short value)
+void CKelMsg::PutU16(char* pcOut, unsigned short nValue)
 {
-    KelPutLE(out, value);
+    KelPutLE(pcOut, nValue);
 }
-void CKelMsg::PutU32(char* out, unsigned int value)
+void CKelMsg::PutU32(char* pcOut, unsigned int nValue)
 {
-    KelPutLE(out, value);
+    KelPutLE(pcOut, nValue);
 }
-unsigned short CKelMsg::GetU16(const char* bytes)
+unsigned short CKelMsg::GetU16(const char* pcBytes)
 {
-    return KelGetLE<unsigned short>(bytes);
+    return KelGetLE<unsigned short>(pcBytes);
 }
-unsigned int CKelMsg::GetU32(const char* bytes)
+unsigned int CKelMsg::GetU32(const char* pcBytes)
 {
-    return KelGetLE<unsigned int>(bytes);
+    return KelGetLE<unsigned int>(pcBytes);
 }

@@ -29,40 +29,40 @@ public:
     static const unsigned short HEADER_SIZE = 6; // length word, command, number
     static const unsigned short OVERHEAD = 7;    // header plus CRC
 
-    // The command `code` (one of ECommand, optionally ORed with
-    // eConfirmation) for connection identifier `id`: (id & 127) * 256 + code.
-    static unsigned short Command(unsigned char id, unsigned short code)
+    // The command `nCode` (one of ECommand, optionally ORed with
+    // eConfirmation) for connection identifier `nId`: (nId & 127) * 256 + nCode.
+    static unsigned short Command(unsigned char nId, unsigned short nCode)
     {
-        return static_cast<unsigned short>(((id & 127u) << 8) + code);
+        return static_cast<unsigned short>(((nId & 127u) << 8) + nCode);
     }
 
     // All fields 0, no data.
     CKelMsg();
     // Sets the fields and computes length and CRC (see SetMessage).
-    CKelMsg(unsigned short command, unsigned short number, const char* data, unsigned short dataLength);
+    CKelMsg(unsigned short nCommand, unsigned short nNumber, const char* pcData, unsigned short nDataLength);
     // Parses wire bytes (see SetMessage).
-    CKelMsg(const char* bytes, unsigned short count);
+    CKelMsg(const char* pcBytes, unsigned short nCount);
     virtual ~CKelMsg();
 
     // True when the length field equals data length + 5.
     virtual bool IsValid() const;
 
-    // No data when `data` is null or `dataLength` is 0; length = dataLength + 5.
-    void SetMessage(unsigned short command, unsigned short number, const char* data, unsigned short dataLength);
+    // No data when `pcData` is null or `nDataLength` is 0; length = nDataLength + 5.
+    void SetMessage(unsigned short nCommand, unsigned short nNumber, const char* pcData, unsigned short nDataLength);
     // count > 6: length, command, number from bytes 0-5, data = bytes 6 ..
     // count - 2, CRC = last byte; returns IsValid(). count <= 6: the message is
     // cleared (length 5, everything else 0) and the result is false.
-    bool SetMessage(const char* bytes, unsigned short count);
+    bool SetMessage(const char* pcBytes, unsigned short nCount);
 
     bool IsCRCValid() const { return ComputeCRC() == m_nCRC; }
     unsigned char ComputeCRC() const;
     bool IsConfirmation() const { return (m_nCommand & eConfirmation) != 0; }
 
-    // The wire bytes; `out` is cleared first.
-    void GetMessageData(std::string& out) const;
-    // Writes the wire bytes into `buffer` without allocating; returns their
-    // number, or 0 when they do not fit into `size`.
-    unsigned int WriteTo(char* buffer, unsigned int size) const;
+    // The wire bytes; `sOut` is cleared first.
+    void GetMessageData(std::string& sOut) const;
+    // Writes the wire bytes into `pcBuffer` without allocating; returns their
+    // number, or 0 when they do not fit into `nSize`.
+    unsigned int WriteTo(char* pcBuffer, unsigned int nSize) const;
     unsigned int GetWireSize() const { return static_cast<unsigned int>(m_sData.size()) + OVERHEAD; }
 
     unsigned short GetLength() const { return m_nLength; }
@@ -71,23 +71,23 @@ public:
     const std::string& GetData() const { return m_sData; }
     unsigned char GetCRC() const { return m_nCRC; }
 
-    // Builds a whole message into `buffer` without a CKelMsg object; returns
+    // Builds a whole message into `pcBuffer` without a CKelMsg object; returns
     // the byte count (dataLength + 7), or 0 when it does not fit.
-    static unsigned int Build(char* buffer, unsigned int size, unsigned short command, unsigned short number,
-                              const char* data, unsigned short dataLength);
-    static unsigned char ComputeCRC(unsigned short command, unsigned short number, const char* data,
-                                    unsigned int dataLength);
+    static unsigned int Build(char* pcBuffer, unsigned int nSize, unsigned short nCommand, unsigned short nNumber,
+                              const char* pcData, unsigned short nDataLength);
+    static unsigned char ComputeCRC(unsigned short nCommand, unsigned short nNumber, const char* pcData,
+                                    unsigned int nDataLength);
     // What parsing the bytes and asking IsValid() and IsCRCValid() would say,
     // without copying: more than 6 bytes, a length word that counts the bytes
     // after it, and a matching CRC.
-    static bool IsIntact(const char* bytes, unsigned short count);
+    static bool IsIntact(const char* pcBytes, unsigned short nCount);
 
     // The header's two integer widths, through KelByteOrder.h (the one
     // byte-order API; new code uses it or KelPayload.h directly).
-    static void PutU16(char* out, unsigned short value);
-    static void PutU32(char* out, unsigned int value);
-    static unsigned short GetU16(const char* bytes);
-    static unsigned int GetU32(const char* bytes);
+    static void PutU16(char* pcOut, unsigned short nValue);
+    static void PutU32(char* pcOut, unsigned int nValue);
+    static unsigned short GetU16(const char* pcBytes);
+    static unsigned int GetU32(const char* pcBytes);
 
 private:
     unsigned short m_nLength;

@@ -32,21 +32,21 @@ const char* const ACTIVATION_TEXT = "CTraceServer::CReceiveThread::Run(): receiv
 const int RECEIVE_POLL_MS = 1000;
 const size_t MAX_DATAGRAM = 65535;
 
-unsigned short TextLength(const char* text)
+unsigned short TextLength(const char* pcText)
 {
-    if (text == nullptr)
+    if (pcText == nullptr)
     {
         return 0;
     }
-    const size_t length = std::strlen(text);
+    const size_t length = std::strlen(pcText);
     return static_cast<unsigned short>(length > 0xFFFF ? 0xFFFF : length);
 }
 
-int SendTelegram(int socket, const CTraceTelegram& telegram, const sockaddr_storage& address, socklen_t length)
+int SendTelegram(int nSocket, const CTraceTelegram& oTelegram, const sockaddr_storage& oAddress, socklen_t nLength)
 {
-    const std::vector<char> bytes = telegram.Serialize();
-    const ssize_t sent = sendto(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                reinterpret_cast<const sockaddr*>(&address), length);
+    const std::vector<char> bytes = oTelegram.Serialize();
+    const ssize_t sent = sendto(nSocket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&oAddress), nLength);
     return sent >= 0 && static_cast<size_t>(sent) == bytes.size() ? 0 : -6;
 }
 } // namespace
@@ -62,10 +62,10 @@ public:
     CReceiveThread() : CKelThread(0), m_bStopping(false), m_acBuffer(MAX_DATAGRAM) {}
     ~CReceiveThread() override { Terminate(); }
 
-    void Stop(int socket)
+    void Stop(int nSocket)
     {
         m_bStopping.store(true);
-        shutdown(socket, SHUT_RDWR);
+        shutdown(nSocket, SHUT_RDWR);
         Terminate();
     }
 
@@ -92,16 +92,16 @@ protected:
     }
 
 private:
-    void Dispatch(unsigned short size, const sockaddr_storage& sender, socklen_t senderLen)
+    void Dispatch(unsigned short nSize, const sockaddr_storage& oSender, socklen_t nSenderLen)
     {
-        const CTraceTelegram telegram(size, m_acBuffer.data());
+        const CTraceTelegram telegram(nSize, m_acBuffer.data());
         switch (telegram.GetType())
         {
         case TRACE_ACTIVATE_REQ:
-            OnActivateRequest(CTraceActivateReqTelegram(size, m_acBuffer.data()), sender, senderLen);
+            OnActivateRequest(CTraceActivateReqTelegram(nSize, m_acBuffer.data()), oSender, nSenderLen);
             break;
         case TRACE_GET_CATEGORIES_REQ:
-            OnGetCategoriesRequest(sender, senderLen);
+            OnGetCategoriesRequest(oSender, nSenderLen);
             break;
         default:
             std::fprintf(stderr, "received unexpected telegram with type 0x%02x\n", telegram.GetType());
@@ -109,30 +109,30 @@ private:
         }
     }
 
-    static void OnActivateRequest(const CTraceActivateReqTelegram& request, const sockaddr_storage& sender,
-                                  socklen_t senderLen)
+    static void OnActivateRequest(const CTraceActivateReqTelegram& oRequest, const sockaddr_storage& oSender,
+                                  socklen_t nSenderLen)
     {
-        const unsigned char crc = request.CalcCrc();
-        if (request.GetCrc() != crc)
+        const unsigned char crc = oRequest.CalcCrc();
+        if (oRequest.GetCrc() != crc)
         {
             std::fprintf(stderr, "received activate request telegram with invalid CRC\n");
-            std::fprintf(stderr, "received CRC=%02x\tcalculated CRC=%02x\n", request.GetCrc(), crc);
+            std::fprintf(stderr, "received CRC=%02x\tcalculated CRC=%02x\n", oRequest.GetCrc(), crc);
             return;
         }
-        m_nActiveLevels.store(request.GetTraceLevel(), std::memory_order_relaxed);
+        m_nActiveLevels.store(oRequest.GetTraceLevel(), std::memory_order_relaxed);
         for (unsigned char category = 0; category < CATEGORY_COUNT; ++category)
         {
             // Masks beyond the requested count are switched off.
-            m_anCategoryFilters[category].store(request.GetFilterBitmask(category), std::memory_order_relaxed);
+            m_anCategoryFilters[category].store(oRequest.GetFilterBitmask(category), std::memory_order_relaxed);
         }
         {
             CKelLockGuard lock(m_oTelegramCounterMutex);
-            m_oSockAddr = sender;
-            m_nAddrLen.store(senderLen, std::memory_order_relaxed);
+            m_oSockAddr = oSender;
+            m_nAddrLen.store(nSenderLen, std::memory_order_relaxed);
             char host[INET6_ADDRSTRLEN];
-            const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&sender), host, sizeof(host));
+            const char* numeric = getIpStr(reinterpret_cast<const sockaddr*>(&oSender), host, sizeof(host));
             m_sClientHost = numeric != nullptr ? numeric : "";
-            m_nClientUdpPort = KelPortOf(sender);
+            m_nClientUdpPort = KelPortOf(oSender);
         }
         // Reaches the new viewer only if it switched on level 4 and mask 2 of
         // category 1: SendTraceMessage makes exactly these tests.
@@ -140,7 +140,7 @@ private:
                          ACTIVATION_TEXT, 0);
     }
 
-    static void OnGetCategoriesRequest(const sockaddr_storage& sender, socklen_t senderLen)
+    static void OnGetCategoriesRequest(const sockaddr_storage& oSender, socklen_t nSenderLen)
     {
         CTraceGetCategoriesCnfTelegram confirmation;
         {
@@ -159,7 +159,7 @@ private:
                                              name.data());
             }
         }
-        SendTelegram(m_nSocket.load(std::memory_order_relaxed), confirmation, sender, senderLen);
+        SendTelegram(m_nSocket.load(std::memory_order_relaxed), confirmation, oSender, nSenderLen);
     }
 
     std::atomic<bool> m_bStopping;
@@ -183,14 +183,14 @@ CKelMutex CTraceServer::m_oTelegramCounterMutex;
 
 // ---------------------------------------------------------------- interface
 
-int CTraceServer::Init(unsigned short port)
+int CTraceServer::Init(unsigned short nPort)
 {
     addrinfo hints = {};
     hints.ai_flags = AI_PASSIVE;
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* addresses = nullptr;
-    const int resolved = getaddrinfo(nullptr, std::to_string(port).c_str(), &hints, &addresses);
+    const int resolved = getaddrinfo(nullptr, std::to_string(nPort).c_str(), &hints, &addresses);
     if (resolved != 0)
     {
         std::fprintf(stderr, "getaddrinfo: %s\n", gai_strerror(resolved));
@@ -216,47 +216,47 @@ int CTraceServer::Init(unsigned short port)
     freeaddrinfo(addresses);
     if (boundSocket < 0)
     {
-        std::fprintf(stderr, "CTraceServer: Could not bind to port %u.\n", static_cast<unsigned int>(port));
+        std::fprintf(stderr, "CTraceServer: Could not bind to port %u.\n", static_cast<unsigned int>(nPort));
         return -2;
     }
     // Port 0 lets the system choose; keep the port actually bound.
     sockaddr_in bound = {};
     socklen_t boundLen = sizeof(bound);
-    if (port == 0 && getsockname(boundSocket, reinterpret_cast<sockaddr*>(&bound), &boundLen) == 0)
+    if (nPort == 0 && getsockname(boundSocket, reinterpret_cast<sockaddr*>(&bound), &boundLen) == 0)
     {
-        port = ntohs(bound.sin_port);
+        nPort = ntohs(bound.sin_port);
     }
-    m_nServerUdpPort = port;
+    m_nServerUdpPort = nPort;
     m_nSocket.store(boundSocket);
     m_poReceiveThread = new CReceiveThread();
     m_poReceiveThread->Start();
     return 0;
 }
 
-int CTraceServer::Init(unsigned short defaultPort, int argc, const char* const* argv)
+int CTraceServer::Init(unsigned short nDefaultPort, int nArgc, const char* const* apcArgv)
 {
-    unsigned short port = defaultPort;
+    unsigned short port = nDefaultPort;
     // The option needs a value after it, so the last argument is never the option.
-    for (int i = 1; argv != nullptr && i < argc - 1; ++i)
+    for (int i = 1; apcArgv != nullptr && i < nArgc - 1; ++i)
     {
-        if (argv[i] == nullptr || std::strcmp(argv[i], "-traceport") != 0)
+        if (apcArgv[i] == nullptr || std::strcmp(apcArgv[i], "-traceport") != 0)
         {
             continue;
         }
-        const char* value = argv[++i];
+        const char* value = apcArgv[++i];
         const unsigned long requested = value != nullptr ? std::strtoul(value, nullptr, 0) : 0;
         if (requested >= 1 && requested <= 65535)
         {
             port = static_cast<unsigned short>(requested);
             std::printf("CTraceServer: Found traceport parameter: Using port %lu instead of the default of %u.\n",
-                        requested, static_cast<unsigned int>(defaultPort));
+                        requested, static_cast<unsigned int>(nDefaultPort));
         }
         else
         {
             std::fprintf(stderr,
                          "CTraceServer: Invalid trace port %s: valid values are 1-65535. Using default value of %u "
                          "instead.\n",
-                         value != nullptr ? value : "", static_cast<unsigned int>(defaultPort));
+                         value != nullptr ? value : "", static_cast<unsigned int>(nDefaultPort));
         }
     }
     return Init(port);
@@ -295,26 +295,26 @@ int CTraceServer::Disable()
     return closed;
 }
 
-int CTraceServer::SetCategoryName(unsigned char category, unsigned char length, const char* name)
+int CTraceServer::SetCategoryName(unsigned char nCategory, unsigned char nLength, const char* pcName)
 {
-    if (category >= CATEGORY_COUNT)
+    if (nCategory >= CATEGORY_COUNT)
     {
         return -1;
     }
     CKelLockGuard lock(m_oTelegramCounterMutex);
-    m_asCategoryNames[category] = name != nullptr ? std::string(name, length) : std::string();
+    m_asCategoryNames[nCategory] = pcName != nullptr ? std::string(pcName, nLength) : std::string();
     return 0;
 }
 
-bool CTraceServer::IsActive(unsigned char level, unsigned char category, unsigned int filterMask)
+bool CTraceServer::IsActive(unsigned char nLevel, unsigned char nCategory, unsigned int nFilterMask)
 {
     return m_nSocket.load(std::memory_order_relaxed) >= 0 && m_nAddrLen.load(std::memory_order_relaxed) != 0 &&
-        (level & m_nActiveLevels.load(std::memory_order_relaxed)) != 0 && category < CATEGORY_COUNT &&
-        (filterMask & m_anCategoryFilters[category].load(std::memory_order_relaxed)) != 0;
+        (nLevel & m_nActiveLevels.load(std::memory_order_relaxed)) != 0 && nCategory < CATEGORY_COUNT &&
+        (nFilterMask & m_anCategoryFilters[nCategory].load(std::memory_order_relaxed)) != 0;
 }
 
-int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
-                                   unsigned short line, const char* file, const char* text, unsigned char flags)
+int CTraceServer::SendTraceMessage(unsigned char nLevel, unsigned char nCategory, unsigned int nFilterMask,
+                                   unsigned short nLine, const char* pcFile, const char* pcText, unsigned char nFlags)
 {
     // The inactive path: plain loads and comparisons only.
     if (m_nSocket.load(std::memory_order_relaxed) < 0)
@@ -325,15 +325,15 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         return -2;
     }
-    if ((level & m_nActiveLevels.load(std::memory_order_relaxed)) == 0)
+    if ((nLevel & m_nActiveLevels.load(std::memory_order_relaxed)) == 0)
     {
         return -3;
     }
-    if (category >= CATEGORY_COUNT)
+    if (nCategory >= CATEGORY_COUNT)
     {
         return -4;
     }
-    if ((filterMask & m_anCategoryFilters[category].load(std::memory_order_relaxed)) == 0)
+    if ((nFilterMask & m_anCategoryFilters[nCategory].load(std::memory_order_relaxed)) == 0)
     {
         return -5;
     }
@@ -345,13 +345,13 @@ int CTraceServer::SendTraceMessage(unsigned char level, unsigned char category, 
     {
         telegram.SetTime(static_cast<unsigned int>(now.tv_sec), static_cast<unsigned int>(now.tv_usec));
     }
-    telegram.SetTraceLevel(level);
-    telegram.SetCategory(category);
-    telegram.SetFilterBitmask(filterMask);
-    telegram.SetFlags(flags);
-    telegram.SetLine(line);
-    telegram.SetFileName(TextLength(file), file);
-    telegram.SetMessageText(TextLength(text), text);
+    telegram.SetTraceLevel(nLevel);
+    telegram.SetCategory(nCategory);
+    telegram.SetFilterBitmask(nFilterMask);
+    telegram.SetFlags(nFlags);
+    telegram.SetLine(nLine);
+    telegram.SetFileName(TextLength(pcFile), pcFile);
+    telegram.SetMessageText(TextLength(pcText), pcText);
 
     // The socket is used only under the lock, and Disable closes it under the
     // lock: a send can never reach a closed descriptor, nor another socket

@@ -35,34 +35,34 @@ public:
     // thread. 0 on success, the getaddrinfo code when the port cannot be
     // resolved, -2 when no address could be bound. Does not test whether the
     // server already runs.
-    static int Init(unsigned short port);
+    static int Init(unsigned short nPort);
 
     // Like Init(port), with the port taken from a "-traceport <n>" option of
     // the command line when present (n in 1-65535, decimal, 0x-hex or 0-octal).
-    static int Init(unsigned short defaultPort, int argc, const char* const* argv);
+    static int Init(unsigned short nDefaultPort, int nArgc, const char* const* apcArgv);
 
     // Stops the receive thread, closes the socket and forgets viewer, levels,
     // masks and counter. -1 when not initialised, else the result of close().
     static int Disable();
 
-    // Stores the display name (first `length` bytes) of a category 0-31;
+    // Stores the display name (first `nLength` bytes) of a category 0-31;
     // -1 for a category above 31.
-    static int SetCategoryName(unsigned char category, unsigned char length, const char* name);
+    static int SetCategoryName(unsigned char nCategory, unsigned char nLength, const char* pcName);
 
     // Sends one trace message to the viewer. 0 when sent; -1 not initialised,
     // -2 no viewer, -3 level not active, -4 category above 31, -5 filter mask
     // not active for the category, -6 datagram not sent completely.
-    static int SendTraceMessage(unsigned char level, unsigned char category, unsigned int filterMask,
-                                unsigned short line, const char* file, const char* text, unsigned char flags);
+    static int SendTraceMessage(unsigned char nLevel, unsigned char nCategory, unsigned int nFilterMask,
+                                unsigned short nLine, const char* pcFile, const char* pcText, unsigned char nFlags);
 
     // True when a message of this level, category and mask would be sent now
     // (initialised, a viewer, level and mask active): lets a caller skip
     // building a text nobody receives. Plain loads only.
-    static bool IsActive(unsigned char level, unsigned char category, unsigned int filterMask);
+    static bool IsActive(unsigned char nLevel, unsigned char nCategory, unsigned int nFilterMask);
 
     // Status sources are not served by this server: both return -1.
-    static int RegisterStatusSource(CStatusSource* source, unsigned char category, unsigned int filterMask);
-    static int UnRegisterStatusSource(CStatusSource* source);
+    static int RegisterStatusSource(CStatusSource* poSource, unsigned char nCategory, unsigned int nFilterMask);
+    static int UnRegisterStatusSource(CStatusSource* poSource);
 
     class CReceiveThread;
 

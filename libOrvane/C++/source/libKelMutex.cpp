@@ -28,32 +28,32 @@ namespace
 // time-out, an alive period or a confirmation wait.
 const clockid_t WAIT_CLOCK = CLOCK_MONOTONIC;
 
-// Absolute deadline `timeoutMs` from now on the wait clock. False when the
+// Absolute deadline `nTimeoutMs` from now on the wait clock. False when the
 // clock cannot be read.
-bool DeadlineFromNow(unsigned int timeoutMs, timespec& deadline)
+bool DeadlineFromNow(unsigned int nTimeoutMs, timespec& oDeadline)
 {
     timespec now;
     if (clock_gettime(WAIT_CLOCK, &now) != 0)
         return false;
-    long long nano = static_cast<long long>(now.tv_nsec) + (timeoutMs % 1000) * 1000000LL;
-    long long seconds = static_cast<long long>(now.tv_sec) + timeoutMs / 1000;
+    long long nano = static_cast<long long>(now.tv_nsec) + (nTimeoutMs % 1000) * 1000000LL;
+    long long seconds = static_cast<long long>(now.tv_sec) + nTimeoutMs / 1000;
     if (nano > 999999999LL)
     {
         seconds += 1;
         nano -= 1000000000LL;
     }
-    deadline.tv_sec = static_cast<time_t>(seconds);
-    deadline.tv_nsec = static_cast<long>(nano);
+    oDeadline.tv_sec = static_cast<time_t>(seconds);
+    oDeadline.tv_nsec = static_cast<long>(nano);
     return true;
 }
 
-bool IsPast(const timespec& deadline)
+bool IsPast(const timespec& oDeadline)
 {
     timespec now{};
     clock_gettime(WAIT_CLOCK, &now);
-    if (now.tv_sec != deadline.tv_sec)
-        return now.tv_sec > deadline.tv_sec;
-    return now.tv_nsec >= deadline.tv_nsec;
+    if (now.tv_sec != oDeadline.tv_sec)
+        return now.tv_sec > oDeadline.tv_sec;
+    return now.tv_nsec >= oDeadline.tv_nsec;
 }
 
 const useconds_t POLL_PAUSE_US = 10 * 1000;
@@ -71,13 +71,13 @@ CKelMutex::~CKelMutex()
     pthread_mutex_destroy(&m_oMutex);
 }
 
-bool CKelMutex::Lock(unsigned int timeoutMs)
+bool CKelMutex::Lock(unsigned int nTimeoutMs)
 {
-    if (timeoutMs == KEL_INFINITE)
+    if (nTimeoutMs == KEL_INFINITE)
         return pthread_mutex_lock(&m_oMutex) == 0;
 
     timespec deadline;
-    if (!DeadlineFromNow(timeoutMs, deadline))
+    if (!DeadlineFromNow(nTimeoutMs, deadline))
         return false;
 #ifdef KEL_TSAN
     // The thread sanitizer does not know pthread_mutex_clocklock; it is told
@@ -129,18 +129,18 @@ void CKelEvent::Reset()
     m_nSignalled.store(0, std::memory_order_relaxed);
 }
 
-bool CKelEvent::Wait(unsigned int timeoutMs)
+bool CKelEvent::Wait(unsigned int nTimeoutMs)
 {
     m_oGuard.Lock(KEL_INFINITE);
     const unsigned int countAtEntry = m_nSignalCount;
     auto released = [&] { return m_nSignalled.load(std::memory_order_relaxed) != 0 || m_nSignalCount != countAtEntry; };
 
-    if (timeoutMs == KEL_INFINITE)
+    if (nTimeoutMs == KEL_INFINITE)
     {
         while (!released())
             pthread_cond_wait(m_poCondition, &m_oGuard.m_oMutex);
     }
-    else if (timeoutMs == 0)
+    else if (nTimeoutMs == 0)
     {
         // A zero-length wait only tests the event. Answering here avoids the
         // timed wait, whose already expired deadline still costs the kernel's
@@ -158,7 +158,7 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
             // The deadline is taken afresh on every pass, so a spurious
             // wake-up restarts the whole time-out.
             timespec deadline{}; // stays in the past if the clock cannot be read
-            DeadlineFromNow(timeoutMs, deadline);
+            DeadlineFromNow(nTimeoutMs, deadline);
             if (pthread_cond_timedwait(m_poCondition, &m_oGuard.m_oMutex, &deadline) == ETIMEDOUT && !released())
             {
                 m_oGuard.Unlock();
@@ -171,19 +171,19 @@ bool CKelEvent::Wait(unsigned int timeoutMs)
     return true;
 }
 
-int CKelEvent::Wait(std::vector<CKelEvent*>& events, unsigned int timeoutMs)
+int CKelEvent::Wait(std::vector<CKelEvent*>& aoEvents, unsigned int nTimeoutMs)
 {
-    const bool finite = timeoutMs != KEL_INFINITE;
+    const bool finite = nTimeoutMs != KEL_INFINITE;
     timespec deadline{};
     if (finite)
-        DeadlineFromNow(timeoutMs, deadline);
+        DeadlineFromNow(nTimeoutMs, deadline);
 
     for (;;)
     {
         // A zero-length wait tests and consumes one event; the lowest index wins.
-        for (size_t i = 0; i < events.size(); ++i)
+        for (size_t i = 0; i < aoEvents.size(); ++i)
         {
-            if (events[i]->Wait(0))
+            if (aoEvents[i]->Wait(0))
                 return static_cast<int>(i);
         }
         if (finite && IsPast(deadline))

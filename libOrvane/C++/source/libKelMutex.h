@@ -25,7 +25,7 @@ public:
 
     // True when the lock is held. KEL_INFINITE waits without limit; any
     // other value is a deadline relative to now, and a time-out gives false.
-    bool Lock(unsigned int timeoutMs);
+    bool Lock(unsigned int nTimeoutMs);
     bool Unlock();
 
 private:
@@ -51,11 +51,11 @@ public:
     // other thread is about to signal.
     void Reset();
     // True when the event was or became signalled; clears the flag.
-    bool Wait(unsigned int timeoutMs);
+    bool Wait(unsigned int nTimeoutMs);
 
     // Polls the events in order (10 ms pause between passes) and returns the
     // index of the first signalled one, or -1 once the time-out has passed.
-    static int Wait(std::vector<CKelEvent*>& events, unsigned int timeoutMs);
+    static int Wait(std::vector<CKelEvent*>& aoEvents, unsigned int nTimeoutMs);
 
 private:
     CKelMutex m_oGuard;
@@ -70,7 +70,7 @@ private:
 class CKelLockGuard
 {
 public:
-    explicit CKelLockGuard(CKelMutex& mutex) : m_roMutex(mutex) { m_roMutex.Lock(KEL_INFINITE); }
+    explicit CKelLockGuard(CKelMutex& oMutex) : m_roMutex(oMutex) { m_roMutex.Lock(KEL_INFINITE); }
     ~CKelLockGuard() { m_roMutex.Unlock(); }
 
     CKelLockGuard(const CKelLockGuard&) = delete;

@@ -11,25 +11,25 @@
 
 namespace
 {
-void* ThreadEntry(void* argument)
+void* ThreadEntry(void* pArgument)
 {
-    return CKelThread::ThreadProc(static_cast<CKelThread*>(argument));
+    return CKelThread::ThreadProc(static_cast<CKelThread*>(pArgument));
 }
 
 // One line on stderr naming the thread by its class and what ended it.
-void ReportEscapedException(const CKelThread& thread, const char* what)
+void ReportEscapedException(const CKelThread& oThread, const char* pcWhat)
 {
-    const char* const mangled = typeid(thread).name();
+    const char* const mangled = typeid(oThread).name();
     int status = -1;
     char* const demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
     std::fprintf(stderr, "+++ error: thread %s ended by an exception: %s\n",
-                 status == 0 && demangled != nullptr ? demangled : mangled, what);
+                 status == 0 && demangled != nullptr ? demangled : mangled, pcWhat);
     std::free(demangled);
 }
 } // namespace
 
-CKelThread::CKelThread(unsigned int stackSize)
-    : m_hThread(0), m_bAttributesValid(false), m_nStackSize(stackSize), m_nState(eCreated)
+CKelThread::CKelThread(unsigned int nStackSize)
+    : m_hThread(0), m_bAttributesValid(false), m_nStackSize(nStackSize), m_nState(eCreated)
 {
     InitAttributes();
 }
@@ -108,11 +108,11 @@ bool CKelThread::IsTerminationRequested()
 // The sanitizer's null check is off here: a forced unwind carries no C++
 // object, so its handler's reference is bound to null, which is reported
 // although catching it this way is the documented idiom.
-__attribute__((no_sanitize("null"))) bool CKelThread::CallGuarded(void (CKelThread::*step)())
+__attribute__((no_sanitize("null"))) bool CKelThread::CallGuarded(void (CKelThread::*pStep)())
 {
     try
     {
-        (this->*step)();
+        (this->*pStep)();
         return true;
     }
     catch (abi::__forced_unwind&)
@@ -132,7 +132,7 @@ __attribute__((no_sanitize("null"))) bool CKelThread::CallGuarded(void (CKelThre
     return false;
 }
 
-void* CKelThread::ThreadProc(CKelThread* thread)
+void* CKelThread::ThreadProc(CKelThread* poThread)
 {
     // However the thread ends (Run returns, an exception, or an unwind that
     // passes through here), it ends finished and never leaves Start waiting.
@@ -149,43 +149,43 @@ void* CKelThread::ThreadProc(CKelThread* thread)
                 thread.m_oStartedEvent.Signal();
             }
         }
-    } end{*thread, false};
+    } end{*poThread, false};
 
-    if (!thread->CallGuarded(&CKelThread::Initialize))
+    if (!poThread->CallGuarded(&CKelThread::Initialize))
         return nullptr;
     end.started = true;
-    thread->m_oStartedEvent.Signal();
-    thread->m_nState.store(eRunning, std::memory_order_relaxed);
-    thread->CallGuarded(&CKelThread::Run);
+    poThread->m_oStartedEvent.Signal();
+    poThread->m_nState.store(eRunning, std::memory_order_relaxed);
+    poThread->CallGuarded(&CKelThread::Run);
     return nullptr;
 }
 
-void CKelThread::Sleep(long seconds, long milliseconds)
+void CKelThread::Sleep(long nSeconds, long nMilliseconds)
 {
-    usleep(static_cast<useconds_t>((seconds * 1000 + milliseconds) * 1000));
+    usleep(static_cast<useconds_t>((nSeconds * 1000 + nMilliseconds) * 1000));
 }
 
-void CKelThread::GetTimeCurrent(long* seconds, long* nanoseconds)
+void CKelThread::GetTimeCurrent(long* pnSeconds, long* pnNanoseconds)
 {
     timeval now;
     gettimeofday(&now, nullptr);
-    *seconds = now.tv_sec;
-    *nanoseconds = now.tv_usec * 1000;
+    *pnSeconds = now.tv_sec;
+    *pnNanoseconds = now.tv_usec * 1000;
 }
 
-void CKelThread::GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds)
+void CKelThread::GetTime(long* pnSeconds, long* pnNanoseconds, long nAddSeconds, long nAddNanoseconds)
 {
     long nowSeconds = 0;
     long nowNanoseconds = 0;
     GetTimeCurrent(&nowSeconds, &nowNanoseconds);
-    long long totalNs = static_cast<long long>(nowNanoseconds) + addNanoseconds;
-    long long totalS = static_cast<long long>(nowSeconds) + addSeconds + totalNs / 1000000000LL;
+    long long totalNs = static_cast<long long>(nowNanoseconds) + nAddNanoseconds;
+    long long totalS = static_cast<long long>(nowSeconds) + nAddSeconds + totalNs / 1000000000LL;
     totalNs %= 1000000000LL;
     if (totalNs < 0)
     {
         totalNs += 1000000000LL;
         totalS -= 1;
     }
-    *seconds = static_cast<long>(totalS);
-    *nanoseconds = static_cast<long>(totalNs);
+    *pnSeconds = static_cast<long>(totalS);
+    *pnNanoseconds = static_cast<long>(totalNs);
 }

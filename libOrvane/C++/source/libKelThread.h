@@ -35,8 +35,8 @@ public:
         eFinished = 3
     };
 
-    // stackSize 0 keeps the system's default stack size.
-    explicit CKelThread(unsigned int stackSize = 0);
+    // nStackSize 0 keeps the system's default stack size.
+    explicit CKelThread(unsigned int nStackSize = 0);
     virtual ~CKelThread();
 
     CKelThread(const CKelThread&) = delete;
@@ -58,14 +58,14 @@ public:
     void Suspend() {}
     void Resume() {}
 
-    static void Sleep(long seconds, long milliseconds);
+    static void Sleep(long nSeconds, long nMilliseconds);
     // The wall clock now (microsecond resolution), and now plus an offset,
     // for time stamps. Not for deadlines: the wall clock may be stepped, so
     // waits take a relative time-out (CKelEvent, CKelMutex, CKelDeadline),
     // which is measured on the monotonic clock.
-    static void GetTimeCurrent(long* seconds, long* nanoseconds);
-    static void GetTime(long* seconds, long* nanoseconds, long addSeconds, long addNanoseconds);
-    static void* ThreadProc(CKelThread* thread);
+    static void GetTimeCurrent(long* pnSeconds, long* pnNanoseconds);
+    static void GetTime(long* pnSeconds, long* pnNanoseconds, long nAddSeconds, long nAddNanoseconds);
+    static void* ThreadProc(CKelThread* poThread);
 
 protected:
     virtual void Run() = 0;
@@ -77,7 +77,7 @@ protected:
 private:
     // Calls Initialize or Run; false when it ended by an exception, which is
     // then reported on stderr.
-    bool CallGuarded(void (CKelThread::*step)());
+    bool CallGuarded(void (CKelThread::*pStep)());
     void JoinThread();
     void InitAttributes();
 
