@@ -208,6 +208,45 @@ void noteControl(struct msghdr& header)
     }
 }
 
+// A record as the frame the socket writes: the identifier is passed on
+// unmasked, only the flag bits are added. The length must be at most 8.
+void toFrame(const _can_msg_t& msg, struct can_frame& frame)
+{
+    memset(&frame, 0, sizeof frame);
+    frame.can_id = msg.id;
+    if (msg.ext)
+        frame.can_id |= CAN_EFF_FLAG;
+    if (msg.rtr)
+        frame.can_id |= CAN_RTR_FLAG;
+    frame.can_dlc = msg.len;
+    memcpy(frame.data, msg.data, msg.len);
+}
+
+// A received data frame as a record, with the socket's last receive time.
+void fromFrame(const struct can_frame& frame, _can_msg_t& msg)
+{
+    msg.id = frame.can_id & CAN_EFF_MASK;
+    msg.rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
+    msg.ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
+    msg.len = frame.can_dlc;
+    memcpy(msg.data, frame.data, sizeof msg.data);
+    stampFromLastReceive(&msg);
+}
+
+// Points each of the first `count` batch headers at its slot.
+void prepareBatch(BatchSlot* slot, struct mmsghdr* headers, unsigned int count)
+{
+    memset(headers, 0, count * sizeof *headers);
+    for (unsigned int i = 0; i < count; ++i)
+    {
+        slot[i].vector = {&slot[i].frame, sizeof slot[i].frame};
+        headers[i].msg_hdr.msg_iov = &slot[i].vector;
+        headers[i].msg_hdr.msg_iovlen = 1;
+        headers[i].msg_hdr.msg_control = slot[i].control;
+        headers[i].msg_hdr.msg_controllen = sizeof slot[i].control;
+    }
+}
+
 struct ErrorText
 {
     int code;
@@ -297,16 +336,8 @@ extern "C" int can_transmit(_can_msg_t* msg)
     if (msg->len > CAN_MAX_DLEN)
         return CAN_RC_ILLEGAL_PARAMETER;
 
-    // The identifier is passed on unmasked; only the flag bits are added.
     struct can_frame frame;
-    memset(&frame, 0, sizeof frame);
-    frame.can_id = msg->id;
-    if (msg->ext)
-        frame.can_id |= CAN_EFF_FLAG;
-    if (msg->rtr)
-        frame.can_id |= CAN_RTR_FLAG;
-    frame.can_dlc = msg->len;
-    memcpy(frame.data, msg->data, msg->len);
+    toFrame(*msg, frame);
 
     const int fd = descriptor;
     if (write(fd, &frame, sizeof frame) != static_cast<ssize_t>(sizeof frame))
@@ -359,12 +390,7 @@ extern "C" int can_receive(_can_msg_t* msg)
         }
         if ((frame.can_id & CAN_ERR_FLAG) == 0)
         {
-            msg->id = frame.can_id & CAN_EFF_MASK;
-            msg->rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
-            msg->ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
-            msg->len = frame.can_dlc;
-            memcpy(msg->data, frame.data, sizeof msg->data);
-            stampFromLastReceive(msg);
+            fromFrame(frame, *msg);
             clearBits(CAN_STATUS_RX_READ_FAILED | CAN_STATUS_RX_EMPTY);
             return 0;
         }
@@ -390,15 +416,7 @@ extern "C" int can_receive_batch(_can_msg_t* msgs, int max, int* count)
     const unsigned int slots = static_cast<unsigned int>(max < kBatch ? max : kBatch);
     BatchSlot slot[kBatch];
     struct mmsghdr headers[kBatch];
-    memset(headers, 0, sizeof headers);
-    for (unsigned int i = 0; i < slots; ++i)
-    {
-        slot[i].vector = {&slot[i].frame, sizeof slot[i].frame};
-        headers[i].msg_hdr.msg_iov = &slot[i].vector;
-        headers[i].msg_hdr.msg_iovlen = 1;
-        headers[i].msg_hdr.msg_control = slot[i].control;
-        headers[i].msg_hdr.msg_controllen = sizeof slot[i].control;
-    }
+    prepareBatch(slot, headers, slots);
 
     // What is queued is read at once; only an empty socket is waited on, for
     // at most one second, and then whatever has come by the wake-up is read.
@@ -433,13 +451,7 @@ extern "C" int can_receive_batch(_can_msg_t* msgs, int max, int* count)
         const struct can_frame& frame = slot[i].frame;
         if (frame.can_id & CAN_ERR_FLAG)
             continue; // an error frame is never handed on
-        _can_msg_t& msg = msgs[frames++];
-        msg.id = frame.can_id & CAN_EFF_MASK;
-        msg.rtr = (frame.can_id & CAN_RTR_FLAG) ? 1 : 0;
-        msg.ext = (frame.can_id & CAN_EFF_FLAG) ? 1 : 0;
-        msg.len = frame.can_dlc;
-        memcpy(msg.data, frame.data, sizeof msg.data);
-        stampFromLastReceive(&msg);
+        fromFrame(frame, msgs[frames++]);
     }
     *count = frames;
     if (frames == 0)
@@ -473,16 +485,8 @@ extern "C" int can_transmit_batch(const _can_msg_t* msgs, int count, int* sent)
             const _can_msg_t& msg = msgs[*sent + ready];
             if (msg.len > CAN_MAX_DLEN)
                 break;
-            struct can_frame& frame = frames[ready];
-            memset(&frame, 0, sizeof frame);
-            frame.can_id = msg.id; // unmasked; only the flag bits are added
-            if (msg.ext)
-                frame.can_id |= CAN_EFF_FLAG;
-            if (msg.rtr)
-                frame.can_id |= CAN_RTR_FLAG;
-            frame.can_dlc = msg.len;
-            memcpy(frame.data, msg.data, msg.len);
-            vectors[ready] = {&frame, sizeof frame};
+            toFrame(msg, frames[ready]);
+            vectors[ready] = {&frames[ready], sizeof frames[ready]};
             memset(&headers[ready], 0, sizeof headers[ready]);
             headers[ready].msg_hdr.msg_iov = &vectors[ready];
             headers[ready].msg_hdr.msg_iovlen = 1;
@@ -578,19 +582,12 @@ extern "C" int can_discard_pending(void)
     if (!init)
         return CAN_RC_NOT_INIT;
     constexpr unsigned int kBatch = 64;
-    struct can_frame frames[kBatch];
-    struct iovec vectors[kBatch];
+    BatchSlot slot[kBatch];
     struct mmsghdr headers[kBatch];
-    memset(headers, 0, sizeof headers);
-    for (unsigned int i = 0; i < kBatch; ++i)
-    {
-        vectors[i] = {&frames[i], sizeof frames[i]};
-        headers[i].msg_hdr.msg_iov = &vectors[i];
-        headers[i].msg_hdr.msg_iovlen = 1;
-    }
     int discarded = 0;
     for (;;)
     {
+        prepareBatch(slot, headers, kBatch); // recvmmsg shortens the control lengths
         const int count = recvmmsg(descriptor, headers, kBatch, MSG_DONTWAIT, nullptr);
         if (count <= 0)
         {
@@ -599,8 +596,13 @@ extern "C" int can_discard_pending(void)
             return discarded;
         }
         for (int i = 0; i < count; ++i)
-            if (headers[i].msg_len == sizeof frames[i] && (frames[i].can_id & CAN_ERR_FLAG) == 0)
+        {
+            if (headers[i].msg_len != sizeof slot[i].frame)
+                continue;
+            noteControl(headers[i].msg_hdr); // keeps the kernel's drop count current
+            if ((slot[i].frame.can_id & CAN_ERR_FLAG) == 0)
                 ++discarded;
+        }
         if (static_cast<unsigned int>(count) < kBatch)
             return discarded;
     }
