@@ -129,11 +129,21 @@ static void sigusr1(int)
 static _can_msg_t g_aoToSocket[CAN_BATCH];
 static int g_nToSocket = 0;
 
+// A failing interface (down, going away, a full transmit queue) fails every
+// read or write for a while: bReported keeps it to one message until a call
+// succeeds again, and there is none while the interface is gone (the main
+// loop says so once).
+static void ReportSocketError(bool& bReported, FILE* pStream, const char* pcText, int nResult)
+{
+    if (bReported || can_interface_lost())
+        return;
+    bReported = true;
+    std::fprintf(pStream, "%s", pcText);
+    can_error(nResult);
+}
+
 static void WriteCollectedFrames()
 {
-    // A failing interface (down, or a full transmit queue) fails every write
-    // for a while: one message until a write succeeds again, none while the
-    // interface is gone (the main loop says so once).
     static bool s_bWriteErrorReported = false;
     for (int nDone = 0; nDone < g_nToSocket;)
     {
@@ -146,12 +156,7 @@ static void WriteCollectedFrames()
         if (nResult == 0)
             break;
         // The frame that failed is left out and the rest tried.
-        if (!can_interface_lost() && !s_bWriteErrorReported)
-        {
-            s_bWriteErrorReported = true;
-            std::printf("Error CAN transmit socket:");
-            can_error(nResult);
-        }
+        ReportSocketError(s_bWriteErrorReported, stdout, "Error CAN transmit socket:", nResult);
         ++nDone;
     }
     g_nToSocket = 0;
@@ -349,7 +354,7 @@ void ForwardFrames(int nHandle)
 {
     // An interface that goes down or away reports it on a read or two (down,
     // then gone; a socket bound anew to an interface not yet up says down
-    // once more): one message until frames come again.
+    // once more).
     static bool s_bReadErrorReported = false;
     _can_msg_t aoMsgs[CAN_BATCH];
     int nCount = 0;
@@ -375,12 +380,8 @@ void ForwardFrames(int nHandle)
         g_oCounters.m_nToGateway += static_cast<unsigned long long>(nWritten);
         g_oCounters.m_nDropped += static_cast<unsigned long long>(nCount - nWritten);
     }
-    else if (nResult != CAN_RC_RX_EMPTY && !can_interface_lost() && !s_bReadErrorReported)
-    {
-        s_bReadErrorReported = true;
-        std::fprintf(stderr, "Error CAN receive socket:");
-        can_error(nResult);
-    }
+    else if (nResult != CAN_RC_RX_EMPTY)
+        ReportSocketError(s_bReadErrorReported, stderr, "Error CAN receive socket:", nResult);
 }
 
 // The counters and the link state, as the SIGUSR1 line and the service
