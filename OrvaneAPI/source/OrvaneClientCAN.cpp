@@ -77,6 +77,19 @@ long long MilliSecondsSinceLocalEpoch()
     return nNowLocal - nEpochLocal;
 }
 
+// The payload of a WRITE request: identifier (little-endian), flags, the
+// data. pcPayload has room for FRAME_HEADER + nLength bytes; returns the
+// payload's length.
+unsigned short PutFramePayload(char* pcPayload, unsigned int nIdentifier, unsigned char nFlags, const char* pcData,
+                               unsigned char nLength)
+{
+    KelPutLE(pcPayload, nIdentifier);
+    pcPayload[4] = static_cast<char>(nFlags);
+    if (nLength > 0)
+        std::memcpy(pcPayload + FRAME_HEADER, pcData, nLength);
+    return static_cast<unsigned short>(FRAME_HEADER + nLength);
+}
+
 } // namespace
 
 COrvaneClientCAN::COrvaneClientCAN(int nTimeout)
@@ -111,12 +124,10 @@ int COrvaneClientCAN::Write(int nIdentifier, const char* pcBuffer, unsigned char
     // each thread reuses its own telegram, whose buffer keeps its size, so a
     // frame costs no allocation once a thread has sent its first one.
     char acPayload[FRAME_HEADER + 255];
-    KelPutLE(acPayload, nIdentifier);
-    acPayload[4] = static_cast<char>(nFlags);
-    if (nBufferLen > 0)
-        std::memcpy(acPayload + FRAME_HEADER, pcBuffer, nBufferLen);
+    const unsigned short nPayload =
+        PutFramePayload(acPayload, static_cast<unsigned int>(nIdentifier), nFlags, pcBuffer, nBufferLen);
     thread_local COrvaneMsg oRequest;
-    oRequest.SetMessage(eCmdWrite, NextTelegramID(), acPayload, static_cast<unsigned short>(FRAME_HEADER + nBufferLen));
+    oRequest.SetMessage(eCmdWrite, NextTelegramID(), acPayload, nPayload);
 
     if (IsTraceActive(TRACE_LEVEL_REQUEST))
         Trace(TRACE_LEVEL_REQUEST, __LINE__,
@@ -193,12 +204,10 @@ int COrvaneClientCAN::WriteBatch(const SCANFrame* pFrames, int nCount, int& nWri
         {
             const SCANFrame& oFrame = pFrames[nFrame];
             char acPayload[FRAME_HEADER + sizeof(oFrame.m_acData)];
-            KelPutLE(acPayload, oFrame.m_nIdentifier);
-            acPayload[4] = static_cast<char>(oFrame.m_nFlags);
-            std::memcpy(acPayload + FRAME_HEADER, oFrame.m_acData, oFrame.m_nLength);
-            nSize +=
-                CKelMsg::Build(&acWire[nSize], MAX_TELEGRAM, eCmdWrite, static_cast<unsigned short>(NextTelegramID()),
-                               acPayload, static_cast<unsigned short>(FRAME_HEADER + oFrame.m_nLength));
+            const unsigned short nPayload =
+                PutFramePayload(acPayload, oFrame.m_nIdentifier, oFrame.m_nFlags, oFrame.m_acData, oFrame.m_nLength);
+            nSize += CKelMsg::Build(&acWire[nSize], MAX_TELEGRAM, eCmdWrite,
+                                    static_cast<unsigned short>(NextTelegramID()), acPayload, nPayload);
             if (bTrace)
                 Trace(TRACE_LEVEL_REQUEST, __LINE__,
                       RequestTraceText("WRITE") + ",nIdentifier=0x" + HexText(oFrame.m_nIdentifier));
