@@ -1,6 +1,10 @@
 // The application interface: each function looks its handle up in the device
 // manager, forwards to the CAN client and returns the client's code. Every
 // function body runs inside Guarded, so no exception reaches the caller.
+// Arguments are checked once, by the client (a null buffer with a length, a
+// batch count below zero); this layer checks only what it must convert or
+// touch itself before the client sees it: an int narrowed to the telegram's
+// byte, a port number, the filter words and the error text buffer it copies.
 #include "OrvaneDllCan.h"
 
 #include "DeviceManager.h"
@@ -311,8 +315,8 @@ int CANWriteEx(int nHandle, int nIdentifier, const char* pcBuffer, int nBufferLe
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
         // A length that does not fit the telegram's byte would be cut to
-        // another length; a null buffer has no bytes to send.
-        if (nBufferLen < 0 || nBufferLen > 0xFF || (pcBuffer == nullptr && nBufferLen > 0))
+        // another length before the client could see it.
+        if (nBufferLen < 0 || nBufferLen > 0xFF)
             return CAN_ERROR_INVALID_PARAMETER;
         return oClient.Write(nIdentifier, pcBuffer, static_cast<unsigned char>(nBufferLen),
                              static_cast<unsigned char>(nFlags), pnSeconds, pnMicroseconds);
@@ -399,11 +403,7 @@ int CANReadAnalog(int nHandle, unsigned int* pnValues, unsigned int nMaxValues, 
 
 int CANWriteAnalog(int nHandle, unsigned int* pnValues, unsigned short nCount)
 {
-    return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
-        if (pnValues == nullptr && nCount > 0)
-            return CAN_ERROR_INVALID_PARAMETER;
-        return oClient.WriteAnalog(pnValues, nCount);
-    });
+    return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) { return oClient.WriteAnalog(pnValues, nCount); });
 }
 
 int CANopenSetCallback(int nHandle, CANopenPDOCallback pPDO, CANopenSYNCCallback pSYNC, CANopenEMCYCallback pEMCY,
@@ -491,11 +491,8 @@ int CANopenSendTIME(int nHandle, unsigned short nDay, unsigned int nMs)
 
 int CANopenSendPDO(int nHandle, unsigned char nNodeID, unsigned char nPDOType, unsigned char nLen, const char* pcData)
 {
-    return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
-        if (pcData == nullptr && nLen > 0)
-            return CAN_ERROR_INVALID_PARAMETER;
-        return oClient.CANopenSendPDO(nNodeID, nPDOType, nLen, pcData);
-    });
+    return WithClient(
+        nHandle, [&](COrvaneClientCANDll& oClient) { return oClient.CANopenSendPDO(nNodeID, nPDOType, nLen, pcData); });
 }
 
 int CANopenSendSDORead(int nHandle, unsigned char nNodeID, unsigned short nIndex, unsigned char nSubindex,
@@ -527,8 +524,6 @@ int CANopenSendSDOReadBlock(int nHandle, unsigned char nNodeID, unsigned short n
                             unsigned short* pnLen, unsigned char* pData)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
-        if (pData == nullptr && nBufferLen > 0)
-            return CAN_ERROR_INVALID_PARAMETER;
         COut<unsigned char> oResult(pnResult);
         COut<unsigned short> oLen(pnLen);
         return StoreOnSuccess(
@@ -542,8 +537,6 @@ int CANopenSendSDOWriteBlock(int nHandle, unsigned char nNodeID, unsigned short 
                              unsigned char* pnResult, unsigned int* pnAbort)
 {
     return WithClient(nHandle, [&](COrvaneClientCANDll& oClient) {
-        if (pData == nullptr && nLen > 0)
-            return CAN_ERROR_INVALID_PARAMETER;
         COut<unsigned char> oResult(pnResult);
         COut<unsigned int> oAbort(pnAbort);
         return StoreOnSuccess(

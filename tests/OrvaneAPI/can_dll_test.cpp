@@ -532,6 +532,17 @@ TEST(CanBatch, BatchWriteSendsTheBytesOfFrameByFrameWrites)
     EXPECT_EQ(CANWriteBatch(oBatch.nHandle, nullptr, 1, &nWritten), ORVANE_ERR_INVALID_PARAMETER);
     EXPECT_EQ(CANWriteBatch(oBatch.nHandle, nullptr, 0, nullptr), 0);
     EXPECT_EQ(CANWriteBatch(-1, aoFrames.data(), 1, &nWritten), ORVANE_ERR_INVALID_HANDLE);
+    // So does a null buffer with a length, in every call that takes one, and
+    // a length the telegram's byte cannot hold.
+    const int nHandle = oBatch.nHandle;
+    EXPECT_EQ(CANWrite(nHandle, 1, nullptr, 1, 0), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANWrite(nHandle, 1, aoFrames[0].m_acData, 256, 0), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANWriteAnalog(nHandle, nullptr, 1), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANopenSendPDO(nHandle, 1, 1, 1, nullptr), ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANopenSendSDOReadBlock(nHandle, 1, 0x1000, 0, 10, 1, nullptr, nullptr, nullptr),
+              ORVANE_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(CANopenSendSDOWriteBlock(nHandle, 1, 0x1000, 0, 10, 1, nullptr, nullptr, nullptr),
+              ORVANE_ERR_INVALID_PARAMETER);
     ASSERT_EQ(CANWrite(oBatch.nHandle, 1, "", 0, 0), 0);
     EXPECT_EQ(oBatch.oPeer.ReceiveHex(), "0A 00 03 02 8A 13 01 00 00 00 00 99") << "nothing sent before: ID 5002";
 }
