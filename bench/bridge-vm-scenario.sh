@@ -123,6 +123,18 @@ kill -TERM $sim
 wait $sim
 tail -1 "$work/sim"
 
+# Both directions through a running pair of cannelloni processes (the one on
+# vcan0, the one on vcan1), which are stopped afterwards.
+measure_tunnel() {
+    local name=$1 on0=$2 on1=$3
+    header
+    local procs="cannelloni-vcan0=$on0:all cannelloni-vcan1=$on1:all"
+    measure "vcan0>$name>1" vcan0 vcan1 "$procs" $rates
+    measure "vcan1>$name>0" vcan1 vcan0 "$procs" $rates
+    kill -TERM $on0 $on1
+    wait $on0 $on1 2>/dev/null
+}
+
 if command -v cannelloni >/dev/null; then
     # TCP: the server on the bus side, as the simulator; the client on vcan0, as the bridge.
     cannelloni -I vcan1 -C s -l 20000 -L 127.0.0.1 >"$work/cs" 2>&1 &
@@ -132,12 +144,7 @@ if command -v cannelloni >/dev/null; then
     cc=$!
     wait_port tcp 4E20 01 || { cat "$work/cc"; exit 1; }
     echo "=== cannelloni TCP (client vcan0, server vcan1)"
-    header
-    procs="cannelloni-vcan0=$cc:all cannelloni-vcan1=$cs:all"
-    measure "vcan0>cnl-tcp>1" vcan0 vcan1 "$procs" $rates
-    measure "vcan1>cnl-tcp>0" vcan1 vcan0 "$procs" $rates
-    kill -TERM $cc $cs
-    wait $cc $cs 2>/dev/null
+    measure_tunnel cnl-tcp $cc $cs
 
     cannelloni -I vcan1 -L 127.0.0.1 -l 20001 -R 127.0.0.1 -r 20000 -t 1000 >"$work/u1" 2>&1 &
     u1=$!
@@ -145,10 +152,5 @@ if command -v cannelloni >/dev/null; then
     u0=$!
     wait_port udp 4E21 07 && wait_port udp 4E20 07 || { cat "$work/u0" "$work/u1"; exit 1; }
     echo "=== cannelloni UDP, 1 ms batching (vcan0 and vcan1)"
-    header
-    procs="cannelloni-vcan0=$u0:all cannelloni-vcan1=$u1:all"
-    measure "vcan0>cnl-udp>1" vcan0 vcan1 "$procs" $rates
-    measure "vcan1>cnl-udp>0" vcan1 vcan0 "$procs" $rates
-    kill -TERM $u0 $u1
-    wait $u0 $u1 2>/dev/null
+    measure_tunnel cnl-udp $u0 $u1
 fi
