@@ -279,7 +279,7 @@ TEST_F(CanClientDllTest, PollersReportEveryField)
 }
 
 // Through the application interface, on a device filed without a connection.
-TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientAndErrorText)
+TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientClosedHandlesAndErrorText)
 {
     COrvaneClientCANDll* poClient = new COrvaneClientCANDll(0, 1000);
     int nHandle = 0;
@@ -307,7 +307,22 @@ TEST(CanDllNoConnection, PollWithoutAvailableEntryWithoutClientAndErrorText)
     EXPECT_EQ(CANWrite(nEmpty, 1, "a", 1, 0), 0);
     EXPECT_EQ(CANDeviceConnectState(nEmpty), 0);
     EXPECT_EQ(CANCloseDevice(nEmpty), 0);
-    EXPECT_EQ(CANCloseDevice(nEmpty), ORVANE_ERR_INVALID_HANDLE);
+
+    // On a closed or unknown handle, a sample of the kinds of function:
+    // closing, settings with outputs, writing, a poller, a CANopen service.
+    // Each output starts at a value no function would write.
+    unsigned int nU = 0xDEAD;
+    int nI = 0xDEAD;
+    unsigned char nC = 0xAD;
+    for (int nBad : {nHandle, nEmpty, 0, -1})
+    {
+        EXPECT_EQ(CANCloseDevice(nBad), ORVANE_ERR_INVALID_HANDLE) << nBad;
+        EXPECT_EQ(CANGetGlobals(nBad, &nU, &nC, &nI, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
+        EXPECT_EQ(CANWriteEx(nBad, 1, "a", 1, 0, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
+        EXPECT_EQ(CANGetMessage(nBad, &nI, &nI, nullptr, &nC, &nI, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
+        EXPECT_EQ(CANopenSendSDORead(nBad, 1, 0x1000, 0, 100, &nC, &nU), ORVANE_ERR_INVALID_HANDLE) << nBad;
+    }
+    EXPECT_EQ(Out(nU, nI, nC), "57005 57005 173");
 
     // The error text is cut to the buffer, terminator included.
     const std::string sText = "Device handle is invalid";
@@ -396,29 +411,6 @@ TEST_F(DllCanTest, OpenConfigureAndReadBack)
     EXPECT_EQ(CANWriteEx(nConfirmed, 0x123, "\x01", 1, 0, &nSeconds, &nMicroseconds), 0);
     EXPECT_GE(nSeconds, 1000);
     EXPECT_LT(nSeconds, 100000) << "the gateway's clock, set above, not the local one";
-}
-
-TEST_F(DllCanTest, EveryFunctionOnAClosedOrUnknownHandle)
-{
-    const int nHandle = Open();
-    ASSERT_EQ(CANCloseDevice(nHandle), 0);
-    ASSERT_TRUE(WaitUntil([&] { return m_oSim.ConnectedClients() == 0; }));
-
-    // A sample of the kinds of function: closing, settings with outputs,
-    // writing, a poller, a CANopen service. Each output starts at a value no
-    // function would write.
-    unsigned int nU = 0xDEAD;
-    int nI = 0xDEAD;
-    unsigned char nC = 0xAD;
-    for (int nBad : {nHandle, 0, -1})
-    {
-        EXPECT_EQ(CANCloseDevice(nBad), ORVANE_ERR_INVALID_HANDLE) << nBad;
-        EXPECT_EQ(CANGetGlobals(nBad, &nU, &nC, &nI, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
-        EXPECT_EQ(CANWriteEx(nBad, 1, "a", 1, 0, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
-        EXPECT_EQ(CANGetMessage(nBad, &nI, &nI, nullptr, &nC, &nI, &nI, &nI), ORVANE_ERR_INVALID_HANDLE) << nBad;
-        EXPECT_EQ(CANopenSendSDORead(nBad, 1, 0x1000, 0, 100, &nC, &nU), ORVANE_ERR_INVALID_HANDLE) << nBad;
-    }
-    EXPECT_EQ(Out(nU, nI, nC), "57005 57005 173");
 }
 
 // Batches against a raw peer on 127.0.0.1, through a handle of the C
