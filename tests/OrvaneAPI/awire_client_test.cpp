@@ -33,11 +33,6 @@ bool WaitUntil(const std::function<bool()>& fnDone)
     return OrvaneTest::WaitUntil(fnDone, 20000);
 }
 
-std::string Wire(const COrvaneMsg& oMsg)
-{
-    return oMsg.GetMessageData();
-}
-
 // A client wired to a programmer model. The peer thread completes the
 // oldest pending write as soon as two are pending, or at once when every
 // byte of the file the test announced (ExpectFile; none: single writes) has
@@ -71,7 +66,7 @@ public:
         }
         m_oWake.notify_all();
         if (oOutcome.bConfirm)
-            Feed(Wire(oOutcome.oConfirmation));
+            Feed(oOutcome.oConfirmation.GetMessageData());
         return 0;
     }
 
@@ -86,11 +81,12 @@ public:
         m_oWake.notify_all();
     }
 
-    // The data bytes of the file about to be written.
-    void ExpectFile(std::size_t nBytes)
+    // The blocks of the file about to be written.
+    void ExpectFile(const std::vector<SImageBlock>& aoBlocks)
     {
         std::lock_guard<std::mutex> oLock(m_oMutex);
-        m_nFileBytes = nBytes;
+        for (const SImageBlock& oBlock : aoBlocks)
+            m_nFileBytes += oBlock.acData.size();
     }
 
     CAWirePortModel m_oModel;
@@ -122,7 +118,7 @@ private:
                 return;
             oLock.unlock();
             for (const COrvaneMsg& oInd : m_oModel.CompleteOldest())
-                Feed(Wire(oInd));
+                Feed(oInd.GetMessageData());
             oLock.lock();
         }
     }
@@ -135,22 +131,11 @@ private:
     std::thread m_oPeer;
 };
 
-// The data bytes of the blocks, as the file writer sends them.
-std::size_t FileBytes(const std::vector<SImageBlock>& aoBlocks)
-{
-    std::size_t nBytes = 0;
-    for (const SImageBlock& oBlock : aoBlocks)
-        nBytes += oBlock.acData.size();
-    return nBytes;
-}
-
 } // namespace
 
-TEST(AWireChunks, ChunkSizeFollowsPageSize)
+// The chunks of the page sizes read are pinned by the whole-file writes.
+TEST(AWireChunks, NoPageSizeGivesTheLargestChunk)
 {
-    EXPECT_EQ(CWriteFileThread::ChunkSize(512), 32768u);
-    EXPECT_EQ(CWriteFileThread::ChunkSize(3000), 30000u);
-    EXPECT_EQ(CWriteFileThread::ChunkSize(40000), 32768u);
     EXPECT_EQ(CWriteFileThread::ChunkSize(0), 32768u);
 }
 
@@ -182,7 +167,7 @@ TEST_P(AWireFileWrite, WholeFileWrittenAndVerified)
     oSettings.nPageSize = oCase.nPageSize;
     CPeerClient oClient(oSettings);
     const std::string sFile = WriteHexFile("awire_whole_" + std::to_string(GetParam()) + ".hex", oCase.aoBlocks);
-    oClient.ExpectFile(FileBytes(oCase.aoBlocks));
+    oClient.ExpectFile(oCase.aoBlocks);
 
     ASSERT_EQ(oClient.WriteFile(sFile), 0);
     EXPECT_EQ(oClient.GetPageSize(), oCase.nPageSize);
@@ -218,7 +203,7 @@ TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
     CPeerClient oClient(oSettings);
     std::vector<SImageBlock> aoBlocks = {{0, std::vector<unsigned char>(5 * 32768)}};
     const std::string sFile = WriteHexFile("awire_fail.hex", aoBlocks);
-    oClient.ExpectFile(FileBytes(aoBlocks));
+    oClient.ExpectFile(aoBlocks);
 
     ASSERT_EQ(oClient.WriteFile(sFile), 0);
     FileStep::EFileStep nStep = FileStep::ePrepared;
@@ -258,7 +243,7 @@ TEST(AWireFileWriteFaults, RefusalAndStopHalfway)
     {
         std::unique_ptr<CPeerClient> oClient(new CPeerClient(SAWireSettings()));
         oClient->Hold(true);
-        oClient->ExpectFile(FileBytes(aoBlocks));
+        oClient->ExpectFile(aoBlocks);
         ASSERT_EQ(oClient->WriteFile(sFile), 0);
         ASSERT_TRUE(WaitUntil([&] { return oClient->m_oModel.PendingWrites() == 2; }));
         short nId = 0;

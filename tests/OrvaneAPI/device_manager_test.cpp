@@ -60,8 +60,6 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
     const std::shared_ptr<CDevice> poDevice = CDeviceManager::GetDevice(nHandle);
     ASSERT_TRUE(poDevice);
     EXPECT_EQ(poDevice->GetPort(), 5001 + 100 * oSim.CanPort());
-    EXPECT_EQ(poDevice->GetHost(), HOST);
-    EXPECT_EQ(poDevice->GetDeviceType(), eOrvaneCAN);
     const int nClosed = nHandle;
     EXPECT_EQ(CANCloseDevice(nClosed), 0);
     EXPECT_EQ(CANWrite(nClosed, 1, "a", 1, 0), CAN_ERROR_INVALID_HANDLE);

@@ -1,7 +1,7 @@
 // COrvaneClientCAN against the gateway simulator, run in-process on
-// 127.0.0.1: commands over a real connection, requests from several threads,
-// and a peer that stops answering or goes away. Frames between clients:
-// can_dll_test.
+// 127.0.0.1: requests from several threads over a real connection, and a
+// peer that stops answering or goes away. Settings and frames between
+// clients: can_dll_test.
 #include "GatewaySim.h"
 #include "OrvaneClientCAN.h"
 #include "OrvaneProtocol.h"
@@ -46,42 +46,6 @@ protected:
 };
 
 } // namespace
-
-// What one command stores, the matching one reads back over a real
-// connection. Each command's bytes are pinned on both sides by their own
-// tests; this shows the two sides meet.
-TEST_F(OrvaneClientSim, CommandsRoundTrip)
-{
-    Start();
-    auto oClient = Client(false);
-    COrvaneClientCAN& c = *oClient;
-
-    unsigned int nBaud = 0;
-    unsigned char nMode = 0;
-    unsigned short nCount = 0;
-    bool bTerm = false, bHigh = false, bStamp = true;
-    ASSERT_EQ(c.SetGlobals(250000, 'E', true, true, false), 0);
-    ASSERT_EQ(c.GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp), 0);
-    EXPECT_TRUE(nBaud == 250000 && nMode == 'E' && bTerm && bHigh && !bStamp);
-    // CANopen: refused until the mode is on; SDO objects as stored.
-    EXPECT_EQ(c.CANopenSendSYNC(), 0x2FE);
-    ASSERT_EQ(c.CANopenSetConfig(1), 0);
-    ASSERT_EQ(c.CANopenGetConfig(nMode), 0);
-    EXPECT_EQ(nMode, 1);
-    EXPECT_EQ(c.CANopenSendSYNC(), 0);
-    unsigned char nResult = 0xFF, acBack[8] = {};
-    unsigned int nValue = 0, nAbort = 0xFF;
-    ASSERT_EQ(c.CANopenSendSDOWrite(5, 0, 0x2000, 1, 100, 0x12345678, nResult, nAbort), 0);
-    ASSERT_EQ(c.CANopenSendSDORead(5, 0x2000, 1, 100, nResult, nValue), 0);
-    EXPECT_TRUE(nResult == 0 && nValue == 0x12345678u);
-    const unsigned char acBlock[] = {0x10, 0x20, 0x30};
-    ASSERT_EQ(c.CANopenSendSDOWriteBlock(5, 0x2001, 0, 100, 3, acBlock, nResult, nAbort), 0);
-    ASSERT_EQ(c.CANopenSendSDOReadBlock(5, 0x2001, 0, 100, sizeof(acBack), nResult, nCount, acBack), 0);
-    EXPECT_TRUE(nCount == 3 && acBack[0] == nResult && acBack[1] == 0x10); // the copy starts with the result byte
-
-    EXPECT_EQ(c.StartAlive(5), 0);
-    EXPECT_EQ(c.GetConnection().GetAlivePeriod(), 5000u);
-}
 
 TEST_F(OrvaneClientSim, ConcurrentRequestsOnOneClient)
 {

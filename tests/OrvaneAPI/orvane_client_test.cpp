@@ -322,7 +322,6 @@ TEST(OrvaneClientCommands, WriteStampsFramesInBothModes)
         std::string sExpected;
     };
     const SCase aoCases[] = {
-        {0x8203, "00 10 00 00 00 20 00 00 00", "0 16 32"},
         {0x8203, "21 10 00 00 00 20 00 00 00", "545 16 32"},
         {0x8207, "00 10 00 00 00 20 00 00 00", "720896 16 32"},
         {0x8203, "00 01 02 03 04 05 06 07", "0 -1 -1"},

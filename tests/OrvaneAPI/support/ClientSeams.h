@@ -23,6 +23,12 @@ inline std::string Hex(const std::string& sHex)
     return OrvaneTest::FromHex(sHex);
 }
 
+// The nCount bytes at pData.
+inline std::string Bytes(const void* pData, int nCount)
+{
+    return std::string(static_cast<const char*>(pData), static_cast<std::size_t>(nCount));
+}
+
 // "a b c" of the values (bytes and flags as numbers), for one-line
 // expectations.
 template <typename... T>
