@@ -12,7 +12,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <ctime>
@@ -56,16 +55,6 @@ protected:
     void SetUp() override { ASSERT_EQ(0, CTraceServer::Init(0)); }
     void TearDown() override { CTraceServer::Disable(); }
 
-    // Activates with the server's own activation trace switched on (level 4,
-    // category 1 mask 2) and consumes that trace message.
-    void Activate(unsigned char level, std::vector<unsigned int> masks)
-    {
-        masks.resize(std::max<size_t>(masks.size(), 2), 0);
-        masks[1] |= 0x02;
-        m_oViewer.Send(CTraceViewer::ActivateRequest(level | 0x04, masks));
-        ASSERT_FALSE(m_oViewer.Receive().empty());
-    }
-
     CTraceViewer m_oViewer;
 };
 } // namespace
@@ -100,7 +89,7 @@ TEST_F(TraceServerTest, ActivationAndSendTraceMessageOverUdp)
 
 TEST_F(TraceServerTest, InvalidCrcChangesNothingAndReactivationReplacesEverything)
 {
-    Activate(0x10, {0, 0, 0, 0x0000FFFF});
+    ASSERT_TRUE(m_oViewer.Activate(0x10, {0, 0, 0, 0x0000FFFF}));
     CTraceViewer intruder;
     // Level 0x0D makes the CRC 0xAB, so both CRCs print with letters.
     const Bytes bad = CTraceViewer::ActivateRequest(0x0D, std::vector<unsigned int>(32, 0xFFFFFFFF), true);
@@ -118,7 +107,7 @@ TEST_F(TraceServerTest, InvalidCrcChangesNothingAndReactivationReplacesEverythin
     EXPECT_FALSE(m_oViewer.Receive().empty());
     EXPECT_TRUE(intruder.Receive(0).empty());
 
-    Activate(0x10, {0x11}); // fewer masks: category 3 is switched off
+    ASSERT_TRUE(m_oViewer.Activate(0x10, {0x11})); // fewer masks: category 3 is switched off
     EXPECT_EQ(-5, Send(0x10, 3, 0xFFFFFFFF));
     m_oViewer.Send(CTraceViewer::ActivateRequest(0x00, {0, 0, 0, 0xFFFFFFFF}));
     ASSERT_FALSE(m_oViewer.RoundTrip().empty());
@@ -149,7 +138,7 @@ TEST_F(TraceServerTest, OtherRequestsAnswerOrReportButMakeNoViewer)
 
 TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
 {
-    Activate(0x10, {0, 0, 0, 0xFFFFFFFF});
+    ASSERT_TRUE(m_oViewer.Activate(0x10, {0, 0, 0, 0xFFFFFFFF}));
     const int kActivations = 10;
     std::atomic<int> sent{0}, unexpected{0};
     std::vector<std::thread> senders;
@@ -174,7 +163,8 @@ TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
 
     EXPECT_EQ(0, unexpected.load());
     {
-        // One counter value per telegram: sends, all activations, the categories answer.
+        // One counter value per telegram: sends, the first categories answer,
+        // all activations, the last categories answer.
         CKelLockGuard lock(CTraceServer::m_oTelegramCounterMutex);
         EXPECT_EQ(static_cast<unsigned short>(sent.load() + 1 + kActivations + 1), CTraceServer::m_nTelegramCounter);
     }
@@ -185,7 +175,7 @@ TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
 
 TEST_F(TraceServerTest, DisableResetsEverything)
 {
-    Activate(0x10, std::vector<unsigned int>(32, 0xFFFFFFFF));
+    ASSERT_TRUE(m_oViewer.Activate(0x10, std::vector<unsigned int>(32, 0xFFFFFFFF)));
     EXPECT_EQ(0, CTraceServer::Disable());
     EXPECT_EQ(-1, Send(0x10, 3, 0xFFFFFFFF));
     EXPECT_EQ(-1, CTraceServer::Disable());
