@@ -1,25 +1,23 @@
 // Connection message: wire layout, CRC and parsing rules.
 #include "KelByteOrder.h"
 #include "KelMsg.h"
+#include "support/Bytes.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+using OrvaneTest::FromHex;
+
 namespace
 {
-std::string Bytes(std::initializer_list<unsigned char> values)
-{
-    return std::string(values.begin(), values.end());
-}
-
 TEST(KelMsgWire, LayoutCrcAndBuilders)
 {
     const CKelMsg message(0x0201, 0x0301, "AB", 2);
     std::string wire;
     message.GetMessageData(wire);
     // CRC = 01 ^ 02 ^ 01 ^ 03 ^ 41 ^ 42 = 02; the length word is not included.
-    EXPECT_EQ(Bytes({0x07, 0x00, 0x01, 0x02, 0x01, 0x03, 0x41, 0x42, 0x02}), wire);
+    EXPECT_EQ(FromHex("07 00 01 02 01 03 41 42 02"), wire);
     EXPECT_TRUE(message.IsValid() && message.IsCRCValid() && !message.IsConfirmation());
 
     char buffer[16];
@@ -40,7 +38,7 @@ TEST(KelMsgWire, LayoutCrcAndBuilders)
 TEST(KelMsgParse, LengthAndCrcEdgeCases)
 {
     CKelMsg message;
-    const std::string noData = Bytes({0x05, 0x00, 0x02, 0x82, 0x09, 0x00, 0x82 ^ 0x02 ^ 0x09});
+    const std::string noData = FromHex("05 00 02 82 09 00 89"); // CRC 82 ^ 02 ^ 09
     EXPECT_TRUE(message.SetMessage(noData.data(), 7));
     EXPECT_EQ(0x8202, message.GetCommand());
     EXPECT_EQ(9, message.GetNumber());
@@ -48,7 +46,7 @@ TEST(KelMsgParse, LengthAndCrcEdgeCases)
     EXPECT_TRUE(message.IsCRCValid());
 
     // Six bytes or fewer clear the message.
-    const std::string six = Bytes({0x05, 0x00, 0x01, 0x02, 0x01, 0x00});
+    const std::string six = FromHex("05 00 01 02 01 00");
     EXPECT_FALSE(message.SetMessage(six.data(), 6));
     EXPECT_EQ(5, message.GetLength());
     EXPECT_EQ(0, message.GetCommand() + message.GetNumber() + message.GetCRC());
