@@ -4,19 +4,18 @@
 // inside the VM (tests/vm, tests/bridge/vm).
 #include "service_notify.h"
 #include "socket_can.h"
+#include "support/ServiceManager.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -29,32 +28,15 @@ std::string errorText(int code)
     return ::testing::internal::GetCapturedStdout();
 }
 
-// Every code prints its exact line (misspellings included); codes between print nothing.
-TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing)
+// A code prints its exact line (misspellings included): the first and last
+// of the table, one of each group and the misspelled one; codes between and
+// beyond print nothing.
+TEST(SocketCanErrorText, CodesHaveTheirExactLineAndOtherCodesPrintNothing)
 {
     const std::pair<int, const char*> expected[] = {
-        {-99, "SocketCAN: USR - other errors"},
-        {-98, "SocketCAN: USR - not supported"},
-        {-96, "SocketCAN: USR - already initialized"},
-        {-95, "SocketCAN: USR - not initialized"},
-        {-94, "SocketCAN: USR - null-pointer assignement"},
-        {-93, "SocketCAN: USR - illegal parameter"},
-        {-91, "SocketCAN: USR - illegal baudrate"},
-        {-50, "SocketCAN: USR - time-out"},
-        {-30, "SocketCAN: USR - receiver empty"},
-        {-20, "SocketCAN: USR - transmitter busy"},
-        {-16, "SocketCAN: LEC - checksum error"},
-        {-15, "SocketCAN: LEC - dominant bit error"},
-        {-14, "SocketCAN: LEC - recessive bit error"},
-        {-13, "SocketCAN: LEC - acknowledge error"},
-        {-12, "SocketCAN: LEC - form error"},
-        {-11, "SocketCAN: LEC - stuff error"},
-        {-10, "SocketCAN: CAN - message lost"},
-        {-9, "SocketCAN: CAN - not started"},
-        {-8, "SocketCAN: CAN - already started"},
-        {-3, "SocketCAN: CAN - bus error"},
-        {-2, "SocketCAN: CAN - error warning status"},
-        {-1, "SocketCAN: CAN - busoff status"},
+        {-99, "SocketCAN: USR - other errors"},   {-94, "SocketCAN: USR - null-pointer assignement"},
+        {-30, "SocketCAN: USR - receiver empty"}, {-13, "SocketCAN: LEC - acknowledge error"},
+        {-10, "SocketCAN: CAN - message lost"},   {-1, "SocketCAN: CAN - busoff status"},
     };
     for (const auto& entry : expected)
         EXPECT_EQ(std::string(entry.second) + "\n", errorText(entry.first)) << "code " << entry.first;
@@ -75,47 +57,6 @@ TEST(SocketCanHost, CallsBeforeASocketExistsAreRejectedWithTheirCodes)
     EXPECT_EQ(0, can_exit());
 }
 
-// A service manager's end of the notify socket, bound to sName ('@' for an
-// abstract name), with NOTIFY_SOCKET naming it while the object lives.
-class CNotifySocket
-{
-public:
-    explicit CNotifySocket(const std::string& sName) : m_nSocket(socket(AF_UNIX, SOCK_DGRAM, 0))
-    {
-        sockaddr_un oAddress{};
-        oAddress.sun_family = AF_UNIX;
-        std::memcpy(oAddress.sun_path, sName.data(), sName.size());
-        if (sName[0] == '@')
-            oAddress.sun_path[0] = '\0';
-        else
-            unlink(sName.c_str());
-        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress),
-             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sName.size()));
-        setenv("NOTIFY_SOCKET", sName.c_str(), 1);
-    }
-    ~CNotifySocket()
-    {
-        unsetenv("NOTIFY_SOCKET");
-        close(m_nSocket);
-    }
-    std::string Receive() const
-    {
-        char acBuffer[512];
-        const ssize_t nCount = recv(m_nSocket, acBuffer, sizeof(acBuffer), MSG_DONTWAIT);
-        return nCount > 0 ? std::string(acBuffer, static_cast<size_t>(nCount)) : "";
-    }
-
-private:
-    int m_nSocket;
-};
-
-size_t OpenDescriptors()
-{
-    std::error_code oError;
-    using CEntries = std::filesystem::directory_iterator;
-    return static_cast<size_t>(std::distance(CEntries("/proc/self/fd", oError), CEntries()));
-}
-
 // Each state goes out as one datagram, to a path or to an abstract name.
 TEST(ServiceNotifier, SendsOneDatagramPerStateToPathAndAbstractSockets)
 {
@@ -123,15 +64,13 @@ TEST(ServiceNotifier, SendsOneDatagramPerStateToPathAndAbstractSockets)
     for (const std::string& sName : {sPath, "@orvane-notify-" + std::to_string(getpid())})
     {
         SCOPED_TRACE(sName);
-        CNotifySocket oManager(sName);
+        OrvaneTest::CServiceManager oManager(sName);
         CServiceNotifier oNotifier;
         ASSERT_TRUE(oNotifier.IsActive());
         EXPECT_TRUE(oNotifier.Notify("READY=1\nSTATUS=up"));
         EXPECT_TRUE(oNotifier.Notify("WATCHDOG=1"));
-        EXPECT_EQ("READY=1\nSTATUS=up", oManager.Receive());
-        EXPECT_EQ("WATCHDOG=1", oManager.Receive());
+        EXPECT_EQ(oManager.Messages(), (std::vector<std::string>{"READY=1\nSTATUS=up", "WATCHDOG=1"}));
     }
-    unlink(sPath.c_str());
 }
 
 // Outside a service manager, or with a name it cannot use, the notifier
@@ -143,11 +82,11 @@ TEST(ServiceNotifier, WithoutAUsableNotifySocketNothingIsOpenedOrSent)
     {
         if (pcName != nullptr)
             setenv("NOTIFY_SOCKET", pcName, 1);
-        const size_t nBefore = OpenDescriptors();
+        const size_t nBefore = OrvaneTest::Entries("/proc/self/fd");
         CServiceNotifier oNotifier;
         EXPECT_FALSE(oNotifier.IsActive()) << (pcName != nullptr ? pcName : "(unset)");
         EXPECT_FALSE(oNotifier.Notify("READY=1"));
-        EXPECT_EQ(nBefore, OpenDescriptors());
+        EXPECT_EQ(nBefore, OrvaneTest::Entries("/proc/self/fd"));
         unsetenv("NOTIFY_SOCKET");
     }
 }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <sstream>
 
@@ -20,10 +19,7 @@ namespace
 // Parses a command line given as words separated by single blanks.
 EParseResult Parse(const std::string& sLine, SSimOptions& oOptions, std::string& sError)
 {
-    std::vector<std::string> asWords = {"sim"};
-    std::istringstream oWords(sLine);
-    for (std::string sWord; oWords >> sWord;)
-        asWords.push_back(sWord);
+    std::vector<std::string> asWords = Words("sim " + sLine);
     std::vector<char*> apArgv;
     for (std::string& sWord : asWords)
         apArgv.push_back(&sWord[0]);
@@ -37,11 +33,6 @@ unsigned short ListeningPort(const CChildProcess& oProgram)
     const std::string sText = "listening on 127.0.0.1:";
     const std::string sOut = oProgram.WaitForOutput(sText) ? oProgram.Output() : sText + "0";
     return static_cast<unsigned short>(std::stoi(sOut.substr(sOut.find(sText) + sText.size())));
-}
-
-bool Exited(int nStatus, int nCode)
-{
-    return nStatus >= 0 && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == nCode;
 }
 
 // Every option's field in one line, identifiers and sizes in hexadecimal.
@@ -131,7 +122,7 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
     oClient.Close();
     ASSERT_TRUE(oProgram.WaitForOutput("client 1: disconnected")) << oProgram.Output();
 
-    EXPECT_TRUE(Exited(oProgram.Stop(SIGTERM), 0)) << oProgram.Output();
+    EXPECT_TRUE(ExitedWith(oProgram.Stop(SIGTERM), 0)) << oProgram.Output();
     const std::string sOut = oProgram.Output();
     for (const char* pText : {"client 1: TCP connection from 127.0.0.1:", "client 1: connected",
                               "with wrong CRC 0x0F (expected 0x0E) ignored",
@@ -143,18 +134,18 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
 TEST(SimProgram, HelpBadOptionAndPortTaken)
 {
     CChildProcess oHelp({"orvane-gateway-sim", "--help"}, GATEWAY_SIM_BINARY);
-    EXPECT_TRUE(Exited(oHelp.WaitExit(), 0));
+    EXPECT_TRUE(ExitedWith(oHelp.WaitExit(), 0));
     EXPECT_NE(oHelp.Output().find("Usage: orvane-gateway-sim [<options>] [<CAN port> ...]"), std::string::npos)
         << oHelp.Output();
 
     CChildProcess oBad({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
-    EXPECT_TRUE(Exited(oBad.WaitExit(), 2));
+    EXPECT_TRUE(ExitedWith(oBad.WaitExit(), 2));
     EXPECT_NE(oBad.Output().find("invalid --fail \"nonsense\""), std::string::npos) << oBad.Output();
 
     CChildProcess oFirst({GATEWAY_SIM_BINARY, "--tcp-base", "0"});
     const std::string sPort = std::to_string(ListeningPort(oFirst));
     CChildProcess oSecond({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
-    EXPECT_TRUE(Exited(oSecond.WaitExit(), 1)) << oSecond.Output();
+    EXPECT_TRUE(ExitedWith(oSecond.WaitExit(), 1)) << oSecond.Output();
     EXPECT_NE(oSecond.Output().find("cannot listen on 127.0.0.1:" + sPort), std::string::npos) << oSecond.Output();
 }
 

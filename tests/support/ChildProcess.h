@@ -1,5 +1,6 @@
 // A program run by a test, with its standard output and error in a file of
-// its own; killed at the end if it still runs.
+// its own; killed at the end if it still runs. And a program run to its end,
+// with its output and error apart.
 #ifndef ORVANE_TEST_CHILD_PROCESS_H
 #define ORVANE_TEST_CHILD_PROCESS_H
 
@@ -34,6 +35,24 @@ private:
     int m_nStatus = -1;
     std::string m_sOutputPath;
 };
+
+// True when nStatus (from WaitExit or Stop) says the program exited with nCode.
+bool ExitedWith(int nStatus, int nCode);
+
+struct SProgramRun
+{
+    int nExit = -1; // exit code; -1 when killed (by a signal, or for running too long)
+    std::string sOut;
+    std::string sErr;
+};
+
+// Runs asArgs[0] (a path, or a name found on PATH) with no input, in sDir
+// when one is given, and waits for its end; after nTimeoutMs it is killed.
+SProgramRun RunProgram(const std::vector<std::string>& asArgs, const std::string& sDir = "",
+                       unsigned int nTimeoutMs = 10000);
+
+// The words of sLine, separated by blanks.
+std::vector<std::string> Words(const std::string& sLine);
 
 } // namespace OrvaneTest
 

@@ -1,13 +1,12 @@
-// Helpers for tests that run inside the SocketCAN VM: run the can-utils
-// programs, and read what candump prints once it is known to listen.
+// Helpers for tests that run inside the SocketCAN VM: read what candump
+// prints once it is known to listen.
 #pragma once
 
-#include <sys/types.h>
+#include "ChildProcess.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace vmtest
 {
@@ -15,17 +14,14 @@ namespace vmtest
 using Milliseconds = std::chrono::milliseconds;
 constexpr Milliseconds kPatience{10000}; // generous: the VM is emulated and slow
 
-// Runs a program to completion; returns its exit status (-1 if it could not run).
-int runProgram(const std::vector<std::string>& argv);
+// Runs cansend; true when it wrote the frame ("123#1122").
+bool cansend(const std::string& interface, const std::string& frame);
 
 // candump -L on one interface, stopped when the object goes.
 class CanDump
 {
 public:
     explicit CanDump(const std::string& interface);
-    ~CanDump();
-    CanDump(const CanDump&) = delete;
-    CanDump& operator=(const CanDump&) = delete;
 
     // Sends probe frames with cansend until candump prints one, so that every
     // frame sent afterwards is seen. False if candump never listened.
@@ -35,12 +31,9 @@ public:
     std::optional<std::string> nextFrame(Milliseconds limit = kPatience);
 
 private:
-    std::optional<std::string> readLine(std::chrono::steady_clock::time_point deadline);
-
     std::string interface_;
-    pid_t pid_ = -1;
-    int out_ = -1;
-    std::string buffered_;
+    OrvaneTest::CChildProcess candump_;
+    size_t done_ = 0; // how much of candump's output has been read
 };
 
 } // namespace vmtest
