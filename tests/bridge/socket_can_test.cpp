@@ -1,10 +1,9 @@
 // Host-side checks of the bridge's parts that need no CAN in the kernel:
-// can_error's texts, the checks made before a socket exists, and the
-// messages to a service manager. The tests on a real SocketCAN stack run
-// inside the VM (tests/vm, tests/bridge/vm).
+// can_error's texts and the messages to a service manager. The tests on a
+// real SocketCAN stack run inside the VM (tests/vm, tests/bridge/vm).
 #include "service_notify.h"
 #include "socket_can.h"
-#include "support/ServiceManager.h"
+#include "support/BridgeProcesses.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -42,19 +41,6 @@ TEST(SocketCanErrorText, CodesHaveTheirExactLineAndOtherCodesPrintNothing)
         EXPECT_EQ(std::string(entry.second) + "\n", errorText(entry.first)) << "code " << entry.first;
     for (int code : {0, 1, -4, -17, -92, -97, -100, -10000})
         EXPECT_EQ("", errorText(code)) << "code " << code;
-}
-
-TEST(SocketCanHost, CallsBeforeASocketExistsAreRejectedWithTheirCodes)
-{
-    const can_socket_params_t params{"orvnone0", 29, 3, 1};
-    _can_msg_t msg{};
-    EXPECT_EQ(-95, can_start(-1));
-    EXPECT_EQ(-95, can_transmit(&msg));
-    EXPECT_EQ(-95, can_receive(&msg));
-    EXPECT_EQ(-93, can_init(0, &params, nullptr, 0, false, false)); // channel must be -1
-    EXPECT_EQ(-94, can_init(-1, nullptr, nullptr, 0, false, false));
-    EXPECT_EQ(-1, socket_can::Descriptor());
-    EXPECT_EQ(0, can_exit());
 }
 
 // Each state goes out as one datagram, to a path or to an abstract name.

@@ -133,4 +133,55 @@ std::vector<std::string> Words(const std::string& sLine)
     return asWords;
 }
 
+namespace
+{
+const std::string PROBE = "1FFFFFFF#5EED";
+}
+
+bool CanSend(const std::string& sInterface, const std::string& sFrame)
+{
+    return RunProgram({"cansend", sInterface, sFrame}).nExit == 0;
+}
+
+CCanDump::CCanDump(const std::string& sInterface) : m_sInterface(sInterface), m_oCandump({"candump", "-L", sInterface})
+{
+}
+
+bool CCanDump::WaitUntilListening()
+{
+    const std::string sLine = PROBE + "\n";
+    size_t nAt = std::string::npos;
+    // A probe sent before candump bound its socket is never printed: send
+    // another one whenever candump stays quiet for a while.
+    for (int nProbe = 0; nProbe < 50 && CanSend(m_sInterface, PROBE); ++nProbe)
+    {
+        if (WaitUntil([&] { return (nAt = m_oCandump.Output().find(sLine, m_nDone)) != std::string::npos; }, 200))
+        {
+            m_nDone = nAt + sLine.size();
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string CCanDump::NextFrame(unsigned int nTimeoutMs)
+{
+    std::string sFrame;
+    WaitUntil(
+        [&] {
+            // Lines look like "(time) vcan0 123#11".
+            const std::string sOutput = m_oCandump.Output();
+            for (size_t nEnd; sFrame.empty() && (nEnd = sOutput.find('\n', m_nDone)) != std::string::npos;
+                 m_nDone = nEnd + 1)
+            {
+                const std::string sLine = sOutput.substr(m_nDone, nEnd - m_nDone);
+                if (sLine.substr(sLine.rfind(' ') + 1) != PROBE)
+                    sFrame = sLine.substr(sLine.rfind(' ') + 1);
+            }
+            return !sFrame.empty();
+        },
+        nTimeoutMs);
+    return sFrame;
+}
+
 } // namespace OrvaneTest

@@ -1,6 +1,7 @@
 // A program run by a test, with its standard output and error in a file of
-// its own; killed at the end if it still runs. And a program run to its end,
-// with its output and error apart.
+// its own; killed at the end if it still runs. A program run to its end, with
+// its output and error apart. And, inside the SocketCAN VM, cansend and
+// candump.
 #ifndef ORVANE_TEST_CHILD_PROCESS_H
 #define ORVANE_TEST_CHILD_PROCESS_H
 
@@ -53,6 +54,29 @@ SProgramRun RunProgram(const std::vector<std::string>& asArgs, const std::string
 
 // The words of sLine, separated by blanks.
 std::vector<std::string> Words(const std::string& sLine);
+
+// Runs cansend; true when it wrote sFrame ("123#1122") on sInterface.
+bool CanSend(const std::string& sInterface, const std::string& sFrame);
+
+// candump -L on one interface, stopped when the object goes.
+class CCanDump
+{
+public:
+    explicit CCanDump(const std::string& sInterface);
+
+    // Sends probe frames with cansend until candump prints one, so that every
+    // frame sent afterwards is seen. False if candump never listened.
+    bool WaitUntilListening();
+    // The next frame that is not a probe as candump logs it, without time
+    // stamp and interface (e.g. "123#1122", "1F334455#R"); "" when none comes
+    // within nTimeoutMs.
+    std::string NextFrame(unsigned int nTimeoutMs = 10000);
+
+private:
+    std::string m_sInterface;
+    CChildProcess m_oCandump;
+    size_t m_nDone = 0; // how much of candump's output has been read
+};
 
 } // namespace OrvaneTest
 

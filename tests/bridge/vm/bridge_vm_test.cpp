@@ -2,7 +2,6 @@
 // orvane-gateway-sim with its bus on vcan1, both on 127.0.0.1; frames sent with
 // cansend and seen with candump, the bridge's output read as it is written.
 #include "support/BridgeProcesses.h"
-#include "support/can_tools.h"
 
 #include "OrvaneDllCan.h"
 
@@ -13,8 +12,6 @@
 #include <tuple>
 
 using namespace OrvaneTest;
-using vmtest::CanDump;
-using vmtest::cansend;
 
 namespace
 {
@@ -148,16 +145,16 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
 
     // Frames while the gateway is away are dropped, and the retries go on
     // (their pace is measured under traffic in the fault tests).
-    CanDump oDump("vcan1");
-    ASSERT_TRUE(oDump.waitUntilListening());
+    CCanDump oDump("vcan1");
+    ASSERT_TRUE(oDump.WaitUntilListening());
     for (const char* sFrame : {"0AA#01", "0AB#0203", "1000000A#R"})
-        ASSERT_TRUE(cansend("vcan0", sFrame));
+        ASSERT_TRUE(CanSend("vcan0", sFrame));
     ASSERT_TRUE(WaitForBridge(NOT_ESTABLISHED, Count(BridgeOutput(), NOT_ESTABLISHED) + 2));
 
     StartSim();
     ASSERT_TRUE(WaitForBridge(ESTABLISHED, 2));
-    ASSERT_TRUE(cansend("vcan0", "2BB#CAFE"));
-    EXPECT_EQ(oDump.nextFrame().value_or("nothing"), "2BB#CAFE") << "frames of the outage were not dropped";
+    ASSERT_TRUE(CanSend("vcan0", "2BB#CAFE"));
+    EXPECT_EQ(oDump.NextFrame(), "2BB#CAFE") << "frames of the outage were not dropped";
     // SIGUSR1: one line of counters, and the bridge goes on.
     m_poBridge->Signal(SIGUSR1);
     ASSERT_TRUE(WaitForBridge("reconnects=1 state=connected\n"));
@@ -169,10 +166,10 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
     EXPECT_GE(LastCounter(sOutput, "to_gateway"), 501);
     EXPECT_GE(LastCounter(sOutput, "dropped"), 3);
     EXPECT_EQ(LastCounter(sOutput, "from_gateway"), 0);
-    CanDump oLocal("vcan0");
-    ASSERT_TRUE(oLocal.waitUntilListening());
-    ASSERT_TRUE(cansend("vcan1", "3CC#BEEF"));
-    EXPECT_EQ(oLocal.nextFrame().value_or("nothing"), "3CC#BEEF") << "vcan1 -> vcan0";
+    CCanDump oLocal("vcan0");
+    ASSERT_TRUE(oLocal.WaitUntilListening());
+    ASSERT_TRUE(CanSend("vcan1", "3CC#BEEF"));
+    EXPECT_EQ(oLocal.NextFrame(), "3CC#BEEF") << "vcan1 -> vcan0";
 
     EXPECT_EQ(Count(sOutput, LOST), 1);
     EXPECT_EQ(Count(sOutput, "Orvane Error:"), Count(sOutput, NOT_ESTABLISHED));
@@ -187,7 +184,7 @@ TEST_F(BridgeVm, FrozenGatewayIsFoundByTheAliveProtocolAndReconnected)
     StartSim({"--freeze-after", "2"});
     StartBridge();
     ASSERT_TRUE(WaitForBridge(ESTABLISHED));
-    ASSERT_TRUE(cansend("vcan0", "123#01"));
+    ASSERT_TRUE(CanSend("vcan0", "123#01"));
     ASSERT_TRUE(m_poSim->WaitForOutput("frozen after 2 telegrams", PATIENCE_MS));
     ASSERT_TRUE(WaitForBridge(LOST, 1, 15000)) << "not noticed within about one alive period of 5 s";
     ASSERT_TRUE(WaitForBridge(ESTABLISHED, 2));
