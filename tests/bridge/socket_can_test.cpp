@@ -27,15 +27,32 @@ std::string errorText(int code)
     return ::testing::internal::GetCapturedStdout();
 }
 
-// A code prints its exact line (misspellings included): the first and last
-// of the table, one of each group and the misspelled one; codes between and
-// beyond print nothing.
-TEST(SocketCanErrorText, CodesHaveTheirExactLineAndOtherCodesPrintNothing)
+// Every code prints its exact line (misspellings included); codes between print nothing.
+TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing)
 {
     const std::pair<int, const char*> expected[] = {
-        {-99, "SocketCAN: USR - other errors"},   {-94, "SocketCAN: USR - null-pointer assignement"},
-        {-30, "SocketCAN: USR - receiver empty"}, {-13, "SocketCAN: LEC - acknowledge error"},
-        {-10, "SocketCAN: CAN - message lost"},   {-1, "SocketCAN: CAN - busoff status"},
+        {-99, "SocketCAN: USR - other errors"},
+        {-98, "SocketCAN: USR - not supported"},
+        {-96, "SocketCAN: USR - already initialized"},
+        {-95, "SocketCAN: USR - not initialized"},
+        {-94, "SocketCAN: USR - null-pointer assignement"},
+        {-93, "SocketCAN: USR - illegal parameter"},
+        {-91, "SocketCAN: USR - illegal baudrate"},
+        {-50, "SocketCAN: USR - time-out"},
+        {-30, "SocketCAN: USR - receiver empty"},
+        {-20, "SocketCAN: USR - transmitter busy"},
+        {-16, "SocketCAN: LEC - checksum error"},
+        {-15, "SocketCAN: LEC - dominant bit error"},
+        {-14, "SocketCAN: LEC - recessive bit error"},
+        {-13, "SocketCAN: LEC - acknowledge error"},
+        {-12, "SocketCAN: LEC - form error"},
+        {-11, "SocketCAN: LEC - stuff error"},
+        {-10, "SocketCAN: CAN - message lost"},
+        {-9, "SocketCAN: CAN - not started"},
+        {-8, "SocketCAN: CAN - already started"},
+        {-3, "SocketCAN: CAN - bus error"},
+        {-2, "SocketCAN: CAN - error warning status"},
+        {-1, "SocketCAN: CAN - busoff status"},
     };
     for (const auto& entry : expected)
         EXPECT_EQ(std::string(entry.second) + "\n", errorText(entry.first)) << "code " << entry.first;

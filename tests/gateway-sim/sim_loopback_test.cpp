@@ -76,8 +76,7 @@ TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
 {
     m_oOptions.anCanPorts = {0, 1};
     StartWith(3);
-    CRawPeer& oPort1 = m_aoClients[3];
-    ASSERT_TRUE(oPort1.Open(Port(1)));
+    ASSERT_TRUE(m_aoClients[3].Open(Port(1))); // a client of CAN port 1
     Talk(0, WRITE_123, {{1, IND_123}, {2, IND_123}});
     // In the order written.
     Talk(1, Hex(eCmdWrite, 1, "01 00 00 00 00 AA") + " " + Hex(eCmdWrite, 2, "02 00 00 00 00 BB"),
@@ -91,13 +90,6 @@ TEST_F(SimLoopbackTest, FramesReachTheOtherClientsOfTheirPortOnly)
     Talk(3, GET_CONFIG, {{3, GET_CONFIG_CNF}});
     EXPECT_EQ(Counters().nFramesIn.load(), 3u);
     EXPECT_TRUE(WaitUntil([&] { return Counters().nFramesOut.load() == 6u; }));
-}
-
-TEST_F(SimLoopbackTest, EchoIndicatesAWriteBackToItsSender)
-{
-    m_oOptions.bEcho = true;
-    StartWith(2);
-    Talk(0, WRITE_123, {{0, IND_123}, {1, IND_123}});
 }
 
 TEST_F(SimLoopbackTest, GlobalsRoundTripAndTimeStampsOnlyForClientsThatSwitchedThemOn)
@@ -150,10 +142,12 @@ TEST_F(SimLoopbackTest, LoadGeneratorFeedsTheBusWithACounter)
 
 // ---- fault injection ----
 
-TEST_F(SimLoopbackTest, InjectedDeviceErrorForOneCommand)
+TEST_F(SimLoopbackTest, EchoAndAnInjectedDeviceErrorForOneCommand)
 {
+    m_oOptions.bEcho = true;
     m_oOptions.oFaults.aoFailCommands[eCmdSetGlobals] = 0x24;
-    StartWith(1);
+    StartWith(2);
+    Talk(0, WRITE_123, {{0, IND_123}, {1, IND_123}}); // the sender hears its own write too
     Talk(0, SET_GLOBALS, {{0, "06 00 07 82 03 00 24 A2"}});
     Talk(0, GET_CONFIG, {{0, GET_CONFIG_CNF}});
     EXPECT_EQ(Counters().nInjectedErrors.load(), 1u);

@@ -27,14 +27,6 @@ EParseResult Parse(const std::string& sLine, SSimOptions& oOptions, std::string&
     return ParseSimOptions(static_cast<int>(asWords.size()), apArgv.data(), oOptions, sError);
 }
 
-// The TCP port the program announces once it listens; 0 if it does not.
-unsigned short ListeningPort(const CChildProcess& oProgram)
-{
-    const std::string sText = "listening on 127.0.0.1:";
-    const std::string sOut = oProgram.WaitForOutput(sText) ? oProgram.Output() : sText + "0";
-    return static_cast<unsigned short>(std::stoi(sOut.substr(sOut.find(sText) + sText.size())));
-}
-
 // Every option's field in one line, identifiers and sizes in hexadecimal.
 std::string Describe(const SSimOptions& o)
 {
@@ -113,9 +105,13 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
 TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
 {
     CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
-    const unsigned short nPort = ListeningPort(oProgram);
+    const std::string sListening = "listening on 127.0.0.1:"; // the port the system chose follows
+    ASSERT_TRUE(oProgram.WaitForOutput(sListening)) << oProgram.Output();
+    const std::string sOutput = oProgram.Output();
+    const int nPort = std::stoi(sOutput.substr(sOutput.find(sListening) + sListening.size()));
+    const std::string sPort = std::to_string(nPort);
     CRawPeer oClient;
-    ASSERT_TRUE(oClient.Open(nPort)) << oProgram.Output();
+    ASSERT_TRUE(oClient.Open(static_cast<unsigned short>(nPort))) << sOutput;
     ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F")); // wrong CRC
     ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02")); // GET_CONFIG
     EXPECT_EQ(oClient.ReceiveHex(), "08 00 06 82 06 00 00 00 00 82");
@@ -123,10 +119,9 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
     ASSERT_TRUE(oProgram.WaitForOutput("client 1: disconnected")) << oProgram.Output();
 
     // A second simulator cannot listen on the port taken.
-    const SProgramRun oSecond = RunProgram({GATEWAY_SIM_BINARY, "--tcp-base", std::to_string(nPort)});
+    const SProgramRun oSecond = RunProgram({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
     EXPECT_EQ(oSecond.nExit, 1);
-    EXPECT_NE(oSecond.sErr.find("cannot listen on 127.0.0.1:" + std::to_string(nPort)), std::string::npos)
-        << oSecond.sErr;
+    EXPECT_NE(oSecond.sErr.find("cannot listen on 127.0.0.1:" + sPort), std::string::npos) << oSecond.sErr;
 
     EXPECT_TRUE(ExitedWith(oProgram.Stop(SIGTERM), 0)) << oProgram.Output();
     const std::string sOut = oProgram.Output();

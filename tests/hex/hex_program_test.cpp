@@ -1,5 +1,6 @@
 // orvane-hex as a program: its command line, messages and exit statuses, and
 // conversions end to end. The image model has tests of its own.
+#include "support/Bytes.h"
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
@@ -72,9 +73,7 @@ TEST_F(HexProgram, InfoListsBlocksAndTotal)
 TEST_F(HexProgram, ConvertsThroughAllThreeForms)
 {
     // One block at 0: bin -> srec -> intel -> bin gives the same bytes back.
-    std::string sData;
-    for (int i = 0; i < 300; ++i)
-        sData.push_back(static_cast<char>(i * 7 + 1));
+    const std::string sData = OrvaneTest::Pattern(300, 1);
     Write("in.bin", sData);
     ASSERT_EQ(Run("convert --to srec in.bin a.s19").nExit, 0);
     EXPECT_EQ(File("a.s19").substr(0, 2), "S1");

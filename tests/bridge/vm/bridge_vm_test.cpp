@@ -5,7 +5,6 @@
 
 #include "OrvaneDllCan.h"
 
-#include <atomic>
 #include <cstring>
 #include <sstream>
 #include <thread>
@@ -128,19 +127,16 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
     ASSERT_TRUE(WaitForBridge(ESTABLISHED));
     constexpr unsigned int COUNT = 20000;
     CRawCan oReceiver("vcan1");
-    std::atomic<bool> bSent{false};
     std::thread oSender([&] {
         CRawCan oSocket("vcan0", false);
         for (unsigned int i = 0; i < COUNT; ++i)
             oSocket.Send(BurstFrame(i));
-        bSent = true;
     });
     can_frame oFrame{};
     for (int i = 0; i < 500; ++i)
         ASSERT_TRUE(oReceiver.Receive(oFrame));
     StopSim();
     oSender.join();
-    ASSERT_TRUE(bSent.load());
     ASSERT_TRUE(WaitForBridge(LOST));
 
     // Frames while the gateway is away are dropped, and the retries go on
