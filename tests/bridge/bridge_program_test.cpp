@@ -1,51 +1,21 @@
 // orvane-bridge as a program on this machine: command-line outcomes with their
 // exact output and status; valid lines (always naming 127.0.0.1) get as far as
 // opening the SocketCAN interface.
+#include "support/ChildProcess.h"
+
 #include <gtest/gtest.h>
 
 #include <linux/can.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace
 {
-
-struct SRun
-{
-    int nStatus = -1; // exit status; 1000 + signal number when killed by a signal
-    std::string sOut;
-    std::string sErr;
-};
-
-std::string ReadFile(const std::string& sPath)
-{
-    std::ifstream oFile(sPath);
-    std::stringstream oText;
-    oText << oFile.rdbuf();
-    unlink(sPath.c_str());
-    return oText.str();
-}
-
-// Runs the bridge (the shell execs it) with no input and its standard output
-// and error in files of their own; a bridge still running after 10 s is killed
-// (status 137) rather than hanging the test.
-SRun RunBridge(const std::string& sArgs)
-{
-    const std::string sBase = "/tmp/bridge-program-test-" + std::to_string(getpid());
-    const std::string sCommand = "exec timeout -s KILL 10 " ORVANE_BRIDGE_BINARY " " + sArgs;
-    const int nWait = std::system((sCommand + " </dev/null >" + sBase + ".out 2>" + sBase + ".err").c_str());
-    const int nStatus = WIFEXITED(nWait) ? WEXITSTATUS(nWait) : 1000 + WTERMSIG(nWait);
-    return {nStatus, ReadFile(sBase + ".out"), ReadFile(sBase + ".err")};
-}
 
 const std::string USAGE =
     "Usage: orvane-bridge <interface> [<options>]\n"
@@ -103,7 +73,6 @@ TEST(BridgeProgram, CommandLineOutcomes)
         {"-i 127.0.0.1 -x 1 nocan7", 1, IP, USAGE},
         {"-i 127.0.0.1 -h nocan7", 1, IP, USAGE},
         {"-i 127.0.0.1 --bogus nocan7", 1, IP, USAGE, true},
-        {"-i 127.0.0.1 nocan7 -b", 1, IP, USAGE, true},
         {"--version -i 127.0.0.1 -b 0 nocan7", 0, "Version:0.2.0\n", ""}, // before anything is opened or checked
         // Valid lines get as far as the SocketCAN interface: interface first,
         // hexadecimal bit rate, 15-character address; long options, octal bit rate.
@@ -122,20 +91,15 @@ TEST(BridgeProgram, CommandLineOutcomes)
     for (const SCase& oCase : aoCases)
     {
         SCOPED_TRACE(oCase.pcArgs);
-        const SRun oRun = RunBridge(oCase.pcArgs);
-        EXPECT_EQ(oRun.nStatus, oCase.nStatus);
+        const OrvaneTest::SProgramRun oRun =
+            OrvaneTest::RunProgram(OrvaneTest::Words(ORVANE_BRIDGE_BINARY " " + std::string(oCase.pcArgs)));
+        EXPECT_EQ(oRun.nExit, oCase.nStatus);
         EXPECT_EQ(oRun.sOut, oCase.sOut);
-        if (oCase.bGetoptLine)
-        {
-            const size_t nLineEnd = oRun.sErr.find('\n');
-            ASSERT_NE(nLineEnd, std::string::npos) << oRun.sErr;
-            EXPECT_NE(oRun.sErr.find("orvane-bridge: "), std::string::npos) << oRun.sErr;
-            EXPECT_EQ(oRun.sErr.substr(nLineEnd + 1), oCase.sErr);
-        }
-        else
-        {
-            EXPECT_EQ(oRun.sErr, oCase.sErr);
-        }
+        // getopt's own complaint, when there is one, is the first line.
+        const size_t nOwn = oCase.bGetoptLine ? oRun.sErr.find('\n') + 1 : 0;
+        EXPECT_EQ(oRun.sErr.substr(0, nOwn).find("orvane-bridge: ") != std::string::npos, oCase.bGetoptLine)
+            << oRun.sErr;
+        EXPECT_EQ(oRun.sErr.substr(nOwn), oCase.sErr);
     }
 }
 

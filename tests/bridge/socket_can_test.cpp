@@ -1,22 +1,20 @@
 // Host-side checks of the bridge's parts that need no CAN in the kernel:
-// can_error's texts, the checks made before a socket exists, and the
-// messages to a service manager. The tests on a real SocketCAN stack run
-// inside the VM (tests/vm, tests/bridge/vm).
+// can_error's texts and the messages to a service manager. The tests on a
+// real SocketCAN stack run inside the VM (tests/vm, tests/bridge/vm).
 #include "service_notify.h"
 #include "socket_can.h"
+#include "support/BridgeProcesses.h"
+#include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace
 {
@@ -62,60 +60,6 @@ TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing)
         EXPECT_EQ("", errorText(code)) << "code " << code;
 }
 
-TEST(SocketCanHost, CallsBeforeASocketExistsAreRejectedWithTheirCodes)
-{
-    const can_socket_params_t params{"orvnone0", 29, 3, 1};
-    _can_msg_t msg{};
-    EXPECT_EQ(-95, can_start(-1));
-    EXPECT_EQ(-95, can_transmit(&msg));
-    EXPECT_EQ(-95, can_receive(&msg));
-    EXPECT_EQ(-93, can_init(0, &params, nullptr, 0, false, false)); // channel must be -1
-    EXPECT_EQ(-94, can_init(-1, nullptr, nullptr, 0, false, false));
-    EXPECT_EQ(-1, socket_can::Descriptor());
-    EXPECT_EQ(0, can_exit());
-}
-
-// A service manager's end of the notify socket, bound to sName ('@' for an
-// abstract name), with NOTIFY_SOCKET naming it while the object lives.
-class CNotifySocket
-{
-public:
-    explicit CNotifySocket(const std::string& sName) : m_nSocket(socket(AF_UNIX, SOCK_DGRAM, 0))
-    {
-        sockaddr_un oAddress{};
-        oAddress.sun_family = AF_UNIX;
-        std::memcpy(oAddress.sun_path, sName.data(), sName.size());
-        if (sName[0] == '@')
-            oAddress.sun_path[0] = '\0';
-        else
-            unlink(sName.c_str());
-        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress),
-             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sName.size()));
-        setenv("NOTIFY_SOCKET", sName.c_str(), 1);
-    }
-    ~CNotifySocket()
-    {
-        unsetenv("NOTIFY_SOCKET");
-        close(m_nSocket);
-    }
-    std::string Receive() const
-    {
-        char acBuffer[512];
-        const ssize_t nCount = recv(m_nSocket, acBuffer, sizeof(acBuffer), MSG_DONTWAIT);
-        return nCount > 0 ? std::string(acBuffer, static_cast<size_t>(nCount)) : "";
-    }
-
-private:
-    int m_nSocket;
-};
-
-size_t OpenDescriptors()
-{
-    std::error_code oError;
-    using CEntries = std::filesystem::directory_iterator;
-    return static_cast<size_t>(std::distance(CEntries("/proc/self/fd", oError), CEntries()));
-}
-
 // Each state goes out as one datagram, to a path or to an abstract name.
 TEST(ServiceNotifier, SendsOneDatagramPerStateToPathAndAbstractSockets)
 {
@@ -123,15 +67,13 @@ TEST(ServiceNotifier, SendsOneDatagramPerStateToPathAndAbstractSockets)
     for (const std::string& sName : {sPath, "@orvane-notify-" + std::to_string(getpid())})
     {
         SCOPED_TRACE(sName);
-        CNotifySocket oManager(sName);
+        OrvaneTest::CServiceManager oManager(sName);
         CServiceNotifier oNotifier;
         ASSERT_TRUE(oNotifier.IsActive());
         EXPECT_TRUE(oNotifier.Notify("READY=1\nSTATUS=up"));
         EXPECT_TRUE(oNotifier.Notify("WATCHDOG=1"));
-        EXPECT_EQ("READY=1\nSTATUS=up", oManager.Receive());
-        EXPECT_EQ("WATCHDOG=1", oManager.Receive());
+        EXPECT_EQ(oManager.Messages(), (std::vector<std::string>{"READY=1\nSTATUS=up", "WATCHDOG=1"}));
     }
-    unlink(sPath.c_str());
 }
 
 // Outside a service manager, or with a name it cannot use, the notifier
@@ -143,11 +85,11 @@ TEST(ServiceNotifier, WithoutAUsableNotifySocketNothingIsOpenedOrSent)
     {
         if (pcName != nullptr)
             setenv("NOTIFY_SOCKET", pcName, 1);
-        const size_t nBefore = OpenDescriptors();
+        const size_t nBefore = OrvaneTest::Entries("/proc/self/fd");
         CServiceNotifier oNotifier;
         EXPECT_FALSE(oNotifier.IsActive()) << (pcName != nullptr ? pcName : "(unset)");
         EXPECT_FALSE(oNotifier.Notify("READY=1"));
-        EXPECT_EQ(nBefore, OpenDescriptors());
+        EXPECT_EQ(nBefore, OrvaneTest::Entries("/proc/self/fd"));
         unsetenv("NOTIFY_SOCKET");
     }
 }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <sstream>
 
@@ -20,28 +19,12 @@ namespace
 // Parses a command line given as words separated by single blanks.
 EParseResult Parse(const std::string& sLine, SSimOptions& oOptions, std::string& sError)
 {
-    std::vector<std::string> asWords = {"sim"};
-    std::istringstream oWords(sLine);
-    for (std::string sWord; oWords >> sWord;)
-        asWords.push_back(sWord);
+    std::vector<std::string> asWords = Words("sim " + sLine);
     std::vector<char*> apArgv;
     for (std::string& sWord : asWords)
         apArgv.push_back(&sWord[0]);
     apArgv.push_back(nullptr);
     return ParseSimOptions(static_cast<int>(asWords.size()), apArgv.data(), oOptions, sError);
-}
-
-// The TCP port the program announces once it listens; 0 if it does not.
-unsigned short ListeningPort(const CChildProcess& oProgram)
-{
-    const std::string sText = "listening on 127.0.0.1:";
-    const std::string sOut = oProgram.WaitForOutput(sText) ? oProgram.Output() : sText + "0";
-    return static_cast<unsigned short>(std::stoi(sOut.substr(sOut.find(sText) + sText.size())));
-}
-
-bool Exited(int nStatus, int nCode)
-{
-    return nStatus >= 0 && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == nCode;
 }
 
 // Every option's field in one line, identifiers and sizes in hexadecimal.
@@ -122,16 +105,25 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
 TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
 {
     CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
-    const unsigned short nPort = ListeningPort(oProgram);
+    const std::string sListening = "listening on 127.0.0.1:"; // the port the system chose follows
+    ASSERT_TRUE(oProgram.WaitForOutput(sListening)) << oProgram.Output();
+    const std::string sOutput = oProgram.Output();
+    const int nPort = std::stoi(sOutput.substr(sOutput.find(sListening) + sListening.size()));
+    const std::string sPort = std::to_string(nPort);
     CRawPeer oClient;
-    ASSERT_TRUE(oClient.Open(nPort)) << oProgram.Output();
+    ASSERT_TRUE(oClient.Open(static_cast<unsigned short>(nPort))) << sOutput;
     ASSERT_TRUE(oClient.SendHex("05 00 08 02 04 00 0F")); // wrong CRC
     ASSERT_TRUE(oClient.SendHex("05 00 06 02 06 00 02")); // GET_CONFIG
     EXPECT_EQ(oClient.ReceiveHex(), "08 00 06 82 06 00 00 00 00 82");
     oClient.Close();
     ASSERT_TRUE(oProgram.WaitForOutput("client 1: disconnected")) << oProgram.Output();
 
-    EXPECT_TRUE(Exited(oProgram.Stop(SIGTERM), 0)) << oProgram.Output();
+    // A second simulator cannot listen on the port taken.
+    const SProgramRun oSecond = RunProgram({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
+    EXPECT_EQ(oSecond.nExit, 1);
+    EXPECT_NE(oSecond.sErr.find("cannot listen on 127.0.0.1:" + sPort), std::string::npos) << oSecond.sErr;
+
+    EXPECT_TRUE(ExitedWith(oProgram.Stop(SIGTERM), 0)) << oProgram.Output();
     const std::string sOut = oProgram.Output();
     for (const char* pText : {"client 1: TCP connection from 127.0.0.1:", "client 1: connected",
                               "with wrong CRC 0x0F (expected 0x0E) ignored",
@@ -140,22 +132,14 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
         EXPECT_NE(sOut.find(pText), std::string::npos) << pText << "\n" << sOut;
 }
 
-TEST(SimProgram, HelpBadOptionAndPortTaken)
+TEST(SimProgram, HelpAndBadOption)
 {
-    CChildProcess oHelp({"orvane-gateway-sim", "--help"}, GATEWAY_SIM_BINARY);
-    EXPECT_TRUE(Exited(oHelp.WaitExit(), 0));
-    EXPECT_NE(oHelp.Output().find("Usage: orvane-gateway-sim [<options>] [<CAN port> ...]"), std::string::npos)
-        << oHelp.Output();
-
-    CChildProcess oBad({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
-    EXPECT_TRUE(Exited(oBad.WaitExit(), 2));
-    EXPECT_NE(oBad.Output().find("invalid --fail \"nonsense\""), std::string::npos) << oBad.Output();
-
-    CChildProcess oFirst({GATEWAY_SIM_BINARY, "--tcp-base", "0"});
-    const std::string sPort = std::to_string(ListeningPort(oFirst));
-    CChildProcess oSecond({GATEWAY_SIM_BINARY, "--tcp-base", sPort});
-    EXPECT_TRUE(Exited(oSecond.WaitExit(), 1)) << oSecond.Output();
-    EXPECT_NE(oSecond.Output().find("cannot listen on 127.0.0.1:" + sPort), std::string::npos) << oSecond.Output();
+    const SProgramRun oHelp = RunProgram({GATEWAY_SIM_BINARY, "--help"});
+    EXPECT_EQ(oHelp.nExit, 0);
+    EXPECT_EQ(oHelp.sOut.rfind("Usage: " GATEWAY_SIM_BINARY " [<options>] [<CAN port> ...]", 0), 0u) << oHelp.sOut;
+    const SProgramRun oBad = RunProgram({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
+    EXPECT_EQ(oBad.nExit, 2);
+    EXPECT_NE(oBad.sErr.find("invalid --fail \"nonsense\""), std::string::npos) << oBad.sErr;
 }
 
 } // namespace

@@ -1,24 +1,18 @@
 // orvane-hex as a program: its command line, messages and exit statuses, and
 // conversions end to end. The image model has tests of its own.
+#include "support/Bytes.h"
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <string>
 #include <utility>
 
 namespace
 {
 
-struct SRun
-{
-    int nExit = -1; // exit status, -1 when it did not exit normally
-    std::string sOut;
-    std::string sErr;
-};
+using OrvaneTest::SProgramRun;
 
 class HexProgram : public ::testing::Test
 {
@@ -26,12 +20,10 @@ protected:
     void SetUp() override { ASSERT_FALSE(m_oDir.Path().empty()); }
     std::string File(const std::string& sName) const { return m_oDir.Read(sName); }
     void Write(const std::string& sName, const std::string& sText) const { m_oDir.Write(sName, sText); }
-    // Runs the program in the test's folder, its output in two files there.
-    SRun Run(const std::string& sArgs) const
+    // Runs the program in the test's folder.
+    SProgramRun Run(const std::string& sArgs) const
     {
-        const int nStatus =
-            std::system(("cd " + m_oDir.Path() + " && " HEX_BINARY " " + sArgs + " >stdout 2>stderr").c_str());
-        return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, File("stdout"), File("stderr")};
+        return OrvaneTest::RunProgram(OrvaneTest::Words(HEX_BINARY " " + sArgs), m_oDir.Path());
     }
 
     OrvaneTest::CTempDir m_oDir;
@@ -46,13 +38,13 @@ const char* const kTwoBlocks = ":0400000001020304F2\n:020000040001F9\n:02000000A
 
 TEST_F(HexProgram, HelpAndBadCommandLines)
 {
-    const SRun oHelp = Run("--help");
+    const SProgramRun oHelp = Run("--help");
     EXPECT_EQ(oHelp.nExit, 0);
     EXPECT_EQ(oHelp.sOut.rfind("Usage: orvane-hex info [<options>] <file>\n", 0), 0u) << oHelp.sOut;
-    for (const char* pcArgs :
-         {"", "list x", "info a b", "convert a b", "convert --to elf a b", "info --to bin a", "info --bogus a"})
+    for (const char* pcArgs : {"", "list x", "info a b", "convert a b", "convert --to bin a b c",
+                               "convert --to elf a b", "info --to bin a", "info --bogus a"})
     {
-        const SRun oRun = Run(pcArgs);
+        const SProgramRun oRun = Run(pcArgs);
         EXPECT_EQ(oRun.nExit, 2) << pcArgs;
         EXPECT_EQ(oRun.sOut, "");
         EXPECT_NE(oRun.sErr.find("\n\nUsage: "), std::string::npos) << oRun.sErr;
@@ -62,7 +54,7 @@ TEST_F(HexProgram, HelpAndBadCommandLines)
 TEST_F(HexProgram, InfoListsBlocksAndTotal)
 {
     Write("two.hex", kTwoBlocks);
-    const SRun oRun = Run("info two.hex");
+    const SProgramRun oRun = Run("info two.hex");
     EXPECT_EQ(oRun.nExit, 0) << oRun.sErr;
     EXPECT_EQ(oRun.sOut,
               "two.hex: Intel hex, 2 blocks\n"
@@ -81,9 +73,7 @@ TEST_F(HexProgram, InfoListsBlocksAndTotal)
 TEST_F(HexProgram, ConvertsThroughAllThreeForms)
 {
     // One block at 0: bin -> srec -> intel -> bin gives the same bytes back.
-    std::string sData;
-    for (int i = 0; i < 300; ++i)
-        sData.push_back(static_cast<char>(i * 7 + 1));
+    const std::string sData = OrvaneTest::Pattern(300, 1);
     Write("in.bin", sData);
     ASSERT_EQ(Run("convert --to srec in.bin a.s19").nExit, 0);
     EXPECT_EQ(File("a.s19").substr(0, 2), "S1");
@@ -98,11 +88,11 @@ TEST_F(HexProgram, ConvertsThroughAllThreeForms)
 
 TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
 {
-    const SRun oMissing = Run("info missing.hex");
+    const SProgramRun oMissing = Run("info missing.hex");
     EXPECT_EQ(oMissing.nExit, 1);
     EXPECT_EQ(oMissing.sErr, "orvane-hex: File <missing.hex> could not be opened.\n");
     Write("two.hex", kTwoBlocks);
-    const SRun oTwo = Run("convert --to bin two.hex out.bin");
+    const SProgramRun oTwo = Run("convert --to bin two.hex out.bin");
     EXPECT_EQ(oTwo.nExit, 1);
     EXPECT_NE(oTwo.sErr.find("orvane-hex: Data could not be saved in binary format"), std::string::npos) << oTwo.sErr;
 
@@ -113,11 +103,11 @@ TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
     for (const auto& oCase : {std::make_pair("sum.hex", "File <sum.hex>: checksum error."),
                               std::make_pair("junk.hex", "junk.hex: bad lines")})
     {
-        const SRun oBad = Run(std::string("info ") + oCase.first);
+        const SProgramRun oBad = Run(std::string("info ") + oCase.first);
         EXPECT_EQ(oBad.nExit, 1) << oCase.first;
         EXPECT_NE(oBad.sErr.find(oCase.second), std::string::npos) << oBad.sErr;
         EXPECT_NE(oBad.sErr.find("--ignore-errors keeps the data"), std::string::npos) << oBad.sErr;
-        const SRun oKept = Run(std::string("info -k ") + oCase.first);
+        const SProgramRun oKept = Run(std::string("info -k ") + oCase.first);
         EXPECT_EQ(oKept.nExit, 0) << oCase.first;
         EXPECT_NE(oKept.sOut.find("Total: 4 byte"), std::string::npos) << oKept.sOut;
     }

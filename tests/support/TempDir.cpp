@@ -41,4 +41,11 @@ std::string ReadFile(const std::string& sPath)
     return oText.str();
 }
 
+size_t Entries(const std::string& sFolder)
+{
+    std::error_code oError;
+    using CEntries = std::filesystem::directory_iterator;
+    return static_cast<size_t>(std::distance(CEntries(sFolder, oError), CEntries()));
+}
+
 } // namespace OrvaneTest

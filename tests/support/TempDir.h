@@ -1,8 +1,9 @@
-// A temporary folder of one test, removed with everything in it; and reading
-// a whole file.
+// A temporary folder of one test, removed with everything in it; reading a
+// whole file and counting a folder's entries.
 #ifndef ORVANE_TEST_TEMP_DIR_H
 #define ORVANE_TEST_TEMP_DIR_H
 
+#include <cstddef>
 #include <string>
 
 namespace OrvaneTest
@@ -27,6 +28,8 @@ private:
 
 // The whole file, or "" when it cannot be read.
 std::string ReadFile(const std::string& sPath);
+// How many entries the folder has (0 when it cannot be read).
+size_t Entries(const std::string& sFolder);
 
 } // namespace OrvaneTest
 

@@ -1,5 +1,6 @@
 #include "TraceViewer.h"
 
+#include "RawPeer.h"
 #include "TraceServer.h"
 #include "TraceTelegram.h"
 
@@ -14,11 +15,6 @@ namespace OrvaneTest
 
 namespace
 {
-
-sockaddr_in Loopback(unsigned short nPort)
-{
-    return sockaddr_in{AF_INET, htons(nPort), {htonl(INADDR_LOOPBACK)}, {}};
-}
 
 void PutLE(std::string& sOut, unsigned long nValue, int nBytes)
 {

@@ -1,5 +1,7 @@
-// For the VM tests: orvane-bridge on vcan0 and orvane-gateway-sim with its bus
-// on vcan1, both on 127.0.0.1, with their output shown when a test fails.
+// For the bridge's tests: in the VM, orvane-bridge on vcan0 and
+// orvane-gateway-sim with its bus on vcan1, both on 127.0.0.1, with their
+// output shown when a test fails, and raw CAN sockets of the test itself; a
+// service manager's end of the notify socket.
 #ifndef ORVANE_TEST_BRIDGE_PROCESSES_H
 #define ORVANE_TEST_BRIDGE_PROCESSES_H
 
@@ -8,9 +10,19 @@
 
 #include <gtest/gtest.h>
 
+#include <linux/can.h>
+#include <linux/can/raw.h>
+#include <net/if.h>
+#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,10 +43,107 @@ inline int Count(const std::string& sText, const std::string& sPart)
     return nCount;
 }
 
-inline bool ExitedWith(int nStatus, int nCode)
+// A raw CAN socket of the test itself, for bursts far beyond what cansend
+// and candump keep up with. A receiving one gets a buffer that holds every
+// burst, so nothing is lost in the test's own socket.
+class CRawCan
 {
-    return nStatus >= 0 && WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == nCode;
-}
+public:
+    explicit CRawCan(const char* pcInterface, bool bReceive = true) : m_nSocket(socket(PF_CAN, SOCK_RAW, CAN_RAW))
+    {
+        const int nBuffer = 16 << 20;
+        if (bReceive)
+            setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUFFORCE, &nBuffer, sizeof(nBuffer));
+        else
+            setsockopt(m_nSocket, SOL_CAN_RAW, CAN_RAW_FILTER, nullptr, 0);
+        sockaddr_can oAddress{};
+        oAddress.can_family = AF_CAN;
+        oAddress.can_ifindex = static_cast<int>(if_nametoindex(pcInterface));
+        EXPECT_EQ(bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress), sizeof(oAddress)), 0) << pcInterface;
+    }
+    ~CRawCan() { close(m_nSocket); }
+    CRawCan(const CRawCan&) = delete;
+    CRawCan& operator=(const CRawCan&) = delete;
+
+    // Writes as fast as the socket takes frames, waiting only while it is full.
+    bool Send(const can_frame& oFrame)
+    {
+        for (;;)
+        {
+            if (write(m_nSocket, &oFrame, sizeof(oFrame)) == static_cast<ssize_t>(sizeof(oFrame)))
+                return true;
+            if (errno != ENOBUFS && errno != EAGAIN)
+                return false;
+            pollfd oWait{m_nSocket, POLLOUT, 0};
+            poll(&oWait, 1, 10);
+        }
+    }
+    // The next frame, or false when none comes within nTimeoutMs.
+    bool Receive(can_frame& oFrame, int nTimeoutMs = PATIENCE_MS)
+    {
+        pollfd oWait{m_nSocket, POLLIN, 0};
+        return poll(&oWait, 1, nTimeoutMs) == 1 &&
+            read(m_nSocket, &oFrame, sizeof(oFrame)) == static_cast<ssize_t>(sizeof(oFrame));
+    }
+
+private:
+    int m_nSocket;
+};
+
+// A service manager's end of the notify socket, bound to a path or ('@'
+// first) an abstract name, with NOTIFY_SOCKET naming it while the object
+// lives: every datagram received, in order.
+class CServiceManager
+{
+public:
+    explicit CServiceManager(const std::string& sName) : m_sName(sName), m_nSocket(socket(AF_UNIX, SOCK_DGRAM, 0))
+    {
+        sockaddr_un oAddress{};
+        oAddress.sun_family = AF_UNIX;
+        std::memcpy(oAddress.sun_path, sName.data(), sName.size());
+        if (sName[0] == '@')
+            oAddress.sun_path[0] = '\0';
+        unlink(sName.c_str());
+        bind(m_nSocket, reinterpret_cast<sockaddr*>(&oAddress),
+             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sName.size()));
+        setenv("NOTIFY_SOCKET", sName.c_str(), 1);
+    }
+    ~CServiceManager()
+    {
+        unsetenv("NOTIFY_SOCKET");
+        close(m_nSocket);
+        unlink(m_sName.c_str());
+    }
+    CServiceManager(const CServiceManager&) = delete;
+    CServiceManager& operator=(const CServiceManager&) = delete;
+
+    // The datagrams received so far.
+    const std::vector<std::string>& Messages()
+    {
+        char acBuffer[512];
+        ssize_t nCount;
+        while ((nCount = recv(m_nSocket, acBuffer, sizeof(acBuffer), MSG_DONTWAIT)) > 0)
+            m_asMessages.emplace_back(acBuffer, static_cast<size_t>(nCount));
+        return m_asMessages;
+    }
+    // How many datagrams so far contain sPart.
+    int Count(const std::string& sPart)
+    {
+        int nCount = 0;
+        for (const std::string& sMessage : Messages())
+            nCount += sMessage.find(sPart) != std::string::npos ? 1 : 0;
+        return nCount;
+    }
+    bool WaitFor(const std::string& sPart, int nCount, unsigned int nTimeoutMs)
+    {
+        return WaitUntil([&] { return Count(sPart) >= nCount; }, nTimeoutMs);
+    }
+
+private:
+    std::string m_sName;
+    int m_nSocket;
+    std::vector<std::string> m_asMessages;
+};
 
 class CBridgeProcesses : public ::testing::Test
 {
