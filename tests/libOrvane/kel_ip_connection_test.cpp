@@ -1,5 +1,9 @@
-// IP connection against a raw loopback peer that checks the exact bytes:
-// framing, connect results, loss, disconnecting and the alive protocol.
+// The connection message's layout, CRC and parsing rules, then the IP
+// connection against a raw loopback peer that checks the exact bytes:
+// framing, connect results, loss, disconnecting and the alive protocol, whose
+// rules of one pass are checked without I/O first.
+#include "KelAliveRules.h"
+#include "KelByteOrder.h"
 #include "KelIPConnection.h"
 #include "KelMsg.h"
 #include "libKelThread.h"
@@ -73,6 +77,70 @@ struct MessageConnectionTest : ::testing::Test, CPeeredConnection
     void SetUp() override { ASSERT_EQ(eKelIPSuccess, Connect(true)); }
 };
 
+TEST(KelMsgWire, LayoutCrcAndBuilders)
+{
+    const CKelMsg message(0x0201, 0x0301, "AB", 2);
+    std::string wire;
+    message.GetMessageData(wire);
+    // CRC = 01 ^ 02 ^ 01 ^ 03 ^ 41 ^ 42 = 02; the length word is not included.
+    EXPECT_EQ(FromHex("07 00 01 02 01 03 41 42 02"), wire);
+    EXPECT_TRUE(message.IsValid() && message.IsCRCValid() && !message.IsConfirmation());
+
+    char buffer[16];
+    ASSERT_EQ(9u, CKelMsg::Build(buffer, sizeof(buffer), 0x0201, 0x0301, "AB", 2));
+    EXPECT_EQ(wire, std::string(buffer, 9));
+    EXPECT_EQ(0u, CKelMsg::Build(buffer, 8, 0x0201, 0x0301, "AB", 2));
+    EXPECT_EQ(0u, message.WriteTo(buffer, 8));
+
+    const CKelMsg empty(0x8002, 0, nullptr, 4); // null data: no data at all
+    EXPECT_EQ(5, empty.GetLength());
+    EXPECT_EQ(7u, empty.GetWireSize());
+    EXPECT_TRUE(empty.IsConfirmation());
+
+    // The connection commands of id 2 are checked byte for byte further down.
+    EXPECT_EQ(0x0202, CKelMsg::Command(0x82, CKelMsg::eDisconnectReq)); // low seven bits of the id
+}
+
+TEST(KelMsgParse, LengthAndCrcEdgeCases)
+{
+    CKelMsg message;
+    const std::string noData = FromHex("05 00 02 82 09 00 89"); // CRC 82 ^ 02 ^ 09
+    EXPECT_TRUE(message.SetMessage(noData.data(), 7));
+    EXPECT_EQ(0x8202, message.GetCommand());
+    EXPECT_EQ(9, message.GetNumber());
+    EXPECT_TRUE(message.GetData().empty());
+    EXPECT_TRUE(message.IsCRCValid());
+
+    // Six bytes or fewer clear the message.
+    const std::string six = FromHex("05 00 01 02 01 00");
+    EXPECT_FALSE(message.SetMessage(six.data(), 6));
+    EXPECT_EQ(5, message.GetLength());
+    EXPECT_EQ(0, message.GetCommand() + message.GetNumber() + message.GetCRC());
+
+    std::string wire;
+    CKelMsg(0x020D, 0, "\xE8\x03\x00\x00", 4).GetMessageData(wire);
+    CKelMsg parsed(wire.data(), static_cast<unsigned short>(wire.size()));
+    EXPECT_TRUE(parsed.IsValid() && parsed.IsCRCValid());
+    EXPECT_EQ(std::string("\xE8\x03\x00\x00", 4), parsed.GetData());
+
+    std::string badCrc = wire;
+    badCrc.back() = static_cast<char>(badCrc.back() ^ 0x10);
+    EXPECT_TRUE(parsed.SetMessage(badCrc.data(), static_cast<unsigned short>(badCrc.size())));
+    EXPECT_FALSE(parsed.IsCRCValid());
+    std::string badLength = wire;
+    badLength[0] = static_cast<char>(badLength[0] + 1);
+    EXPECT_FALSE(parsed.SetMessage(badLength.data(), static_cast<unsigned short>(badLength.size())));
+
+    // The copy-free check says what parsing says.
+    const struct
+    {
+        const std::string& bytes;
+        bool intact;
+    } checks[] = {{noData, true}, {six, false}, {wire, true}, {badCrc, false}, {badLength, false}};
+    for (const auto& check : checks)
+        EXPECT_EQ(check.intact, CKelMsg::IsIntact(check.bytes.data(), static_cast<unsigned short>(check.bytes.size())))
+            << ::testing::PrintToString(check.bytes);
+}
 TEST(KelIPConnectionFraming, PeerBytesArriveAsWholeMessages)
 {
     const std::string small = Frame(Pattern(11, 1)), tiny = Frame(Pattern(3, 9)), kilo = Frame(Pattern(1000, 5));
@@ -181,16 +249,27 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
     EXPECT_EQ(0, connection.ConnectIndCount(true));
 }
 
-TEST_F(MessageConnectionTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectServesTheNewSocket)
+// Round 1 ends by the peer's close, round 2 (on the new socket) by a hook
+// that throws, which ends the connection from this side.
+TEST_F(MessageConnectionTest, PeerCloseOrThrowingHookEndsTheConnectionOnceAndReconnectServesTheNewSocket)
 {
-    for (int round = 1; round <= 3; ++round)
+    for (int round = 1; round <= 2; ++round)
     {
         ASSERT_TRUE(round == 1 || Connect(true) == eKelIPSuccess); // round 1: connected by SetUp
         const std::string message = Frame(Pattern(4, static_cast<unsigned char>(round)));
         ASSERT_TRUE(m_oPeer.Send(message));
         ASSERT_TRUE(m_oConnection.WaitForMessages(static_cast<size_t>(round)));
         EXPECT_EQ(message, m_oConnection.Messages().back());
-        m_oPeer.Close();
+        if (round == 1)
+            m_oPeer.Close();
+        else
+        {
+            m_oConnection.m_fOnData = [](CRecordingConnection&, const std::string&) {
+                throw std::runtime_error("hook");
+            };
+            ASSERT_TRUE(m_oPeer.Send(message));
+            EXPECT_TRUE(m_oPeer.WaitClosed());
+        }
         ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, round));
         EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetReadThreadState() == CKelThread::eFinished; }));
         EXPECT_EQ(CKelIPBase::eDisconnected, m_oConnection.GetState());
@@ -200,16 +279,6 @@ TEST_F(MessageConnectionTest, EveryPeerCloseEndsTheConnectionOnceAndReconnectSer
         EXPECT_EQ(eKelIPWrongState, m_oConnection.CloseConnection());
         EXPECT_EQ(round, m_oConnection.ConnectIndCount(false));
     }
-}
-
-TEST_F(MessageConnectionTest, HookThatThrowsEndsTheConnectionAndItsReadThread)
-{
-    m_oConnection.m_fOnData = [](CRecordingConnection&, const std::string&) { throw std::runtime_error("hook"); };
-    ASSERT_TRUE(m_oPeer.Send(Frame(Pattern(4, 1))));
-    ASSERT_TRUE(m_oConnection.WaitForConnectInd(false, 1));
-    EXPECT_TRUE(WaitUntil([&] { return m_oConnection.GetReadThreadState() == CKelThread::eFinished; }));
-    EXPECT_EQ(CKelIPBase::eDisconnected, m_oConnection.GetState());
-    EXPECT_TRUE(m_oPeer.WaitClosed());
 }
 
 TEST(KelIPConnectionLoss, SendTimeOutEndsTheConnection)
@@ -270,6 +339,43 @@ TEST_F(MessageConnectionTest, PeerDisconnectRequestIsConfirmedAndEndsTheConnecti
 }
 
 // ------------------------------------------------------------------ alive protocol
+
+TEST(KelAliveRules, DecisionOfOnePass)
+{
+    const unsigned int off = CKelIPConnection::eAliveOff, active = CKelIPConnection::eAliveActive,
+                       passive = CKelIPConnection::eAlivePassive;
+    const struct
+    {
+        const char* what;
+        unsigned int mode, tick, lastSend, lastReceive;
+        CKelAliveRules::EAction expected;
+    } rows[] = {
+        {"off: silence is no reason to act", off, 100, 0, 0, CKelAliveRules::eNothing},
+        // Lost after more than four silent ticks, on either side.
+        {"active, 4 ticks silent", active, 4, 3, 0, CKelAliveRules::eSendRequest},
+        {"active, 5 ticks silent", active, 5, 4, 0, CKelAliveRules::eLinkLost},
+        {"passive, 4 ticks silent: it never asks", passive, 4, 0, 0, CKelAliveRules::eNothing},
+        {"passive, 5 ticks silent", passive, 5, 0, 0, CKelAliveRules::eLinkLost},
+        // The active side asks after more than two ticks without a send or
+        // without a receive.
+        {"active, sent 2 ticks ago", active, 10, 8, 10, CKelAliveRules::eNothing},
+        {"active, sent 3 ticks ago", active, 10, 7, 10, CKelAliveRules::eSendRequest},
+        {"active, received 2 ticks ago", active, 10, 10, 8, CKelAliveRules::eNothing},
+        {"active, received 3 ticks ago", active, 10, 10, 7, CKelAliveRules::eSendRequest},
+        // A receive noted with the tick of before a reset of the counters
+        // does not make the link look silent.
+        {"receive mark ahead of the tick", active, 1, 0, 7, CKelAliveRules::eNothing},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(row.expected, CKelAliveRules::Decide(row.mode, row.tick, row.lastSend, row.lastReceive)) << row.what;
+}
+
+TEST(KelAliveRules, TickIsAQuarterPeriodButAtLeastTenMs)
+{
+    const unsigned int rows[][2] = {{1000, 250}, {44, 11}, {40, 10}, {20, 10}};
+    for (const auto& row : rows)
+        EXPECT_EQ(row[1], CKelAliveRules::TickMs(row[0])) << "period " << row[0];
+}
 
 TEST_F(MessageConnectionTest, AnsweredAliveKeepsTheConnectionAndSilenceEndsItOnce)
 {
@@ -390,3 +496,14 @@ TEST_F(MessageConnectionTest, PeerAliveRequestsSetThePassiveMode)
     EXPECT_EQ(300u, periodAtData.load());
 }
 } // namespace
+
+TEST(KelByteOrder, EveryWidthAndSignLittleEndian)
+{
+    EXPECT_EQ(KelToLE(static_cast<short>(-2)), std::string("\xFE\xFF", 2));
+    EXPECT_EQ(KelToLE(0x80000001u), std::string("\x01\x00\x00\x80", 4));
+    EXPECT_EQ(KelToLE(0x0102030405060708LL), std::string("\x08\x07\x06\x05\x04\x03\x02\x01", 8));
+    const unsigned char acBytes[] = {0xFE, 0xFF, 0xFF, 0x80, 0x55};
+    EXPECT_EQ(KelGetLE<short>(acBytes), -2);
+    EXPECT_EQ(KelGetLE<unsigned int>(acBytes + 1), 0x5580FFFFu);
+    EXPECT_EQ(KelGetLE<int>(acBytes), static_cast<int>(0x80FFFFFEu));
+}
