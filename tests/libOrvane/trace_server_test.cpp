@@ -16,7 +16,6 @@
 #include <atomic>
 #include <cstdio>
 #include <ctime>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -140,41 +139,6 @@ TEST_F(TraceServerTest, OtherRequestsAnswerOrReportButMakeNoViewer)
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF));
 }
 
-TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
-{
-    ASSERT_TRUE(m_oViewer.Activate(0x10, {0, 0, 0, 0xFFFFFFFF}));
-    const int kActivations = 10;
-    std::atomic<int> sent{0}, unexpected{0};
-    std::vector<std::thread> senders;
-    for (int t = 0; t < 3; ++t)
-        senders.emplace_back([&] {
-            for (int i = 0; i < 200; ++i)
-            {
-                const int result = Send(0x10, 3, 0x1);
-                if (result == 0 || result == -6) // -6: counted, but the socket buffer was full
-                    ++sent;
-                else if (result != -3)
-                    ++unexpected;
-            }
-        });
-    // Level 0x10 toggles while the senders run; each activation traces itself.
-    for (int i = 0; i < kActivations; ++i)
-        m_oViewer.Send(CTraceViewer::ActivateRequest(i % 2 == 0 ? 0x04 : 0x14, {0, 0x02, 0, 0xFFFFFFFF}));
-    for (std::thread& sender : senders)
-        sender.join();
-    CTraceViewer asker; // the viewer's socket may be full
-    const Bytes answer = asker.RoundTrip();
-    ASSERT_FALSE(answer.empty());
-
-    EXPECT_EQ(0, unexpected.load());
-    // One counter value per telegram: sends, the first categories answer and
-    // all activations come before the last categories answer.
-    EXPECT_EQ(static_cast<unsigned short>(sent.load() + 1 + kActivations), Parsed(answer).GetCounter());
-    std::set<unsigned int> counters;
-    for (Bytes bytes = m_oViewer.Receive(0); !bytes.empty(); bytes = m_oViewer.Receive(0))
-        EXPECT_TRUE(counters.insert(Parsed(bytes).GetCounter()).second);
-}
-
 TEST_F(TraceServerTest, DisableResetsEverything)
 {
     ASSERT_TRUE(m_oViewer.Activate(0x10, std::vector<unsigned int>(32, 0xFFFFFFFF)));
@@ -187,8 +151,7 @@ TEST_F(TraceServerTest, DisableResetsEverything)
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF));
     CTraceViewer next;
     next.Send(CTraceViewer::ActivateRequest(0x04, {0, 0x02}));
-    const Bytes first = next.Receive();
-    EXPECT_EQ(0, Parsed(first).GetCounter());
+    EXPECT_EQ(0, Parsed(next.Receive()).GetCounter());
 }
 
 TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
@@ -278,27 +241,21 @@ TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
         });
     for (int round = 0; round < 20 && !HasFailure(); ++round)
     {
-        if (round > 0)
-        {
-            ASSERT_EQ(0, CTraceServer::Init(0));
-        }
         CTraceViewer viewer;
         viewer.Send(CTraceViewer::ActivateRequest(0x14, {0, 0x02, 0, 0x1}));
         ASSERT_FALSE(viewer.Receive().empty());
         ASSERT_EQ(0, CTraceServer::Disable());
         const int victim = socket(AF_INET, SOCK_DGRAM, 0);
         // Each sender finishes the call it was in and makes one more.
-        unsigned int seen[3];
-        for (int i = 0; i < 3; ++i)
-            seen[i] = senders.calls[i].load();
-        for (int i = 0; i < 3; ++i)
-            while (senders.calls[i].load() < seen[i] + 2)
+        for (std::atomic<unsigned int>& count : senders.calls)
+            for (const unsigned int seen = count.load(); count.load() < seen + 2;)
                 std::this_thread::yield();
         sockaddr_in address = {};
         socklen_t length = sizeof(address);
         getsockname(victim, reinterpret_cast<sockaddr*>(&address), &length);
         close(victim);
         EXPECT_EQ(0, address.sin_port) << "round " << round << ": a trace message went out on a closed socket";
+        ASSERT_EQ(0, CTraceServer::Init(0)); // for the next round, and for TearDown
     }
     EXPECT_EQ(0, senders.unexpected.load());
 }
@@ -365,9 +322,6 @@ TEST(TraceActivateRequest, CrcCoversHeaderAndEveryDataByteButTheLast)
 {
     // 0x0F ^ 0x01 (length, type) ^ 0x14 ^ 0x02 (level, count) ^ 0x02 ^ 0xFF x4 (masks) = 0x1A
     const CTraceActivateReqTelegram request = ActivateRequest(0x14, 2, {0x00000002, 0xFFFFFFFF}, Byte(0x1A));
-    EXPECT_EQ(0x14, request.GetTraceLevel());
-    EXPECT_EQ(2, request.GetBitmaskCount());
-    EXPECT_EQ(0xFFFFFFFFu, request.GetFilterBitmask(1));
     EXPECT_EQ(0x1A, request.GetCrc());
     EXPECT_EQ(0x1A, request.CalcCrc());
     // The counter counts (0x12 ^ 0x34), the CRC byte itself does not.
@@ -407,7 +361,6 @@ TEST(TraceConfirmations, ActivateAndGetCategoriesLayouts)
     EXPECT_EQ(0xFF, Parse<CTraceActivateCnfTelegram>(FromHex("04 00 01 80 00 00 00")).GetReturnCode());
 
     CTraceGetCategoriesCnfTelegram categories;
-    EXPECT_EQ(FromHex("05 00 02 80 00 00 00"), Wire(categories)); // no names: count 0 alone
     categories.SetCategoryName(0, 3, "Gen");
     categories.SetCategoryName(2, 40, std::string(40, 'n').c_str()); // cut to 32 bytes
     categories.SetCategoryName(32, 3, "Out");                        // ignored
