@@ -1,5 +1,8 @@
-// Mutex, event and thread primitives, exercised with real threads. That every
-// timed wait runs its full time-out is checked in kel_wall_clock_test.
+// Mutex, event and thread primitives, exercised with real threads, and
+// every timed wait of the library running its full time-out whatever the
+// wall clock does (see the wall-clock section at the end).
+#include "KelSendTurns.h"
+#include "KelSocketWait.h"
 #include "libKelMutex.h"
 #include "libKelThread.h"
 #include "support/Wait.h"
@@ -7,14 +10,18 @@
 #include <gtest/gtest.h>
 
 #include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 using OrvaneTest::WaitUntil;
 
@@ -58,16 +65,15 @@ TEST(KelMutex, LockWaitsForTheHolderOrGivesUpAtItsTimeout)
 {
     CKelMutex mutex;
     ASSERT_TRUE(mutex.Lock(KEL_INFINITE));
-    std::atomic<int> zeroTimeout{-1}, timed{-1}, acquired{-1};
+    // A finite lock that times out is checked with the wall clock below.
+    std::atomic<int> zeroTimeout{-1}, acquired{-1};
     std::thread other([&] {
         zeroTimeout = mutex.Lock(0);
-        timed = mutex.Lock(150);
         acquired = mutex.Lock(KEL_INFINITE);
         mutex.Unlock();
     });
-    ASSERT_TRUE(WaitUntil([&] { return timed.load() != -1; }));
+    ASSERT_TRUE(WaitUntil([&] { return zeroTimeout.load() != -1; }));
     EXPECT_EQ(0, zeroTimeout.load());
-    EXPECT_EQ(0, timed.load());
     EXPECT_EQ(-1, acquired.load()); // still blocked behind the holder
     EXPECT_TRUE(mutex.Unlock());
     other.join();
@@ -105,13 +111,12 @@ TEST(KelEvent, SignalIsStickyConsumedOnceAndReleasesEveryWaiter)
 TEST(KelEvent, MultiWaitTakesTheLowestSignalledIndexOrTimesOut)
 {
     CKelEvent a, b, c;
-    std::vector<CKelEvent*> events{&a, &b, &c}, none;
+    std::vector<CKelEvent*> events{&a, &b, &c};
     c.Signal();
     b.Signal();
     EXPECT_EQ(1, CKelEvent::Wait(events, 0));
     EXPECT_EQ(2, CKelEvent::Wait(events, 0));
     EXPECT_EQ(-1, CKelEvent::Wait(events, 0));
-    EXPECT_EQ(-1, CKelEvent::Wait(none, 30));
 
     std::atomic<int> index{-2};
     std::thread waiter([&] { index = CKelEvent::Wait(events, 20000); });
@@ -123,8 +128,8 @@ TEST(KelEvent, MultiWaitTakesTheLowestSignalledIndexOrTimesOut)
 namespace
 {
 // Loops until termination is requested, returns, or leaves Initialize or
-// Run in one of the ways foreign code might. Records its runs, its stack
-// size and what a second termination test sees.
+// Run in one of the ways foreign code might. Records its runs and what a
+// second termination test sees.
 class CTestThread : public CKelThread
 {
 public:
@@ -137,7 +142,7 @@ public:
         eThrowInInitialize,
         ePthreadExit
     };
-    explicit CTestThread(EWay way, unsigned int requestedStack = 0) : CKelThread(requestedStack), m_eWay(way) {}
+    explicit CTestThread(EWay way) : m_eWay(way) {}
     ~CTestThread() override { Terminate(); }
     bool WaitFinished()
     {
@@ -145,7 +150,6 @@ public:
     }
 
     std::atomic<int> initialized{0}, runs{0}, secondTestAfterRequest{-1};
-    std::atomic<size_t> stack{0};
 
 protected:
     void Initialize() override
@@ -157,14 +161,6 @@ protected:
     void Run() override
     {
         ++runs;
-        pthread_attr_t attributes;
-        if (pthread_getattr_np(pthread_self(), &attributes) == 0)
-        {
-            size_t size = 0;
-            pthread_attr_getstacksize(&attributes, &size);
-            stack = size;
-            pthread_attr_destroy(&attributes);
-        }
         if (m_eWay == eThrowStd)
             throw std::runtime_error("callback failed");
         if (m_eWay == eThrowOther)
@@ -181,7 +177,7 @@ private:
 };
 } // namespace
 
-TEST(KelThread, StartHandshakeTerminationRestartAndStackSize)
+TEST(KelThread, StartHandshakeTerminationAndRestart)
 {
     CTestThread thread(CTestThread::eLoop);
     thread.Terminate(); // no thread yet: nothing happens
@@ -197,36 +193,23 @@ TEST(KelThread, StartHandshakeTerminationRestartAndStackSize)
     thread.Terminate();
     EXPECT_EQ(2, thread.runs.load());
 
-    // A thread whose Run returned by itself starts again as well. glibc may
-    // hand out a cached stack larger than asked for: only lower bounds hold.
-    pthread_attr_t defaults;
-    pthread_attr_init(&defaults);
-    size_t defaultSize = 0;
-    pthread_attr_getstacksize(&defaults, &defaultSize);
-    pthread_attr_destroy(&defaults);
-    for (const unsigned int stackSize : {0u, 4 * static_cast<unsigned int>(defaultSize)})
+    // A thread whose Run returned by itself starts again as well.
+    CTestThread once(CTestThread::eReturn);
+    for (int start = 1; start <= 2; ++start)
     {
-        CTestThread once(CTestThread::eReturn, stackSize);
-        for (int start = 1; start <= 2; ++start)
-        {
-            ASSERT_TRUE(once.Start());
-            ASSERT_TRUE(once.WaitFinished());
-        }
-        EXPECT_EQ(2, once.runs.load());
-        EXPECT_GE(once.stack.load(), stackSize == 0 ? defaultSize : stackSize);
+        ASSERT_TRUE(once.Start());
+        ASSERT_TRUE(once.WaitFinished());
     }
-
-    // The destructor ends a running thread.
-    auto* running = new CTestThread(CTestThread::eLoop);
-    ASSERT_TRUE(running->Start());
-    delete running;
+    EXPECT_EQ(2, once.runs.load());
 }
 
 TEST(KelThread, TimeHelpersNormaliseNanoseconds)
 {
     long s0 = 0, ns0 = 0, s = 0, ns = 0;
     CKelThread::GetTimeCurrent(&s0, &ns0);
-    EXPECT_EQ(0, ns0 % 1000); // microsecond resolution
+    EXPECT_EQ(0, ns0 % 1000);                    // microsecond resolution
+    CKelThread::GetTime(&s, &ns, 0, 999999999L); // a carry for every reading but one
+    EXPECT_TRUE(ns >= 0 && ns < 1000000000L) << ns;
     CKelThread::GetTime(&s, &ns, 2, 1999999999L);
     EXPECT_TRUE(ns >= 0 && ns < 1000000000L) << ns;
     // now + 3.999999999 s, give or take the time between the two reads
@@ -268,4 +251,146 @@ TEST(KelThread, EscapingExceptionEndsOnlyTheThreadWithOneLineOnStderr)
         thread.Terminate();
         EXPECT_EQ(CKelThread::eFinished, thread.GetState());
     }
+}
+
+// ------------------------------------------------------------------ wall clock
+// Every timed wait of the library runs its full time-out whatever the wall
+// clock does. The process's wall-clock reads are answered with the kernel's
+// value plus an offset, optionally from the second read on (the machine's
+// clock is never touched): a wait that takes its deadline from the wall clock
+// sees the step between two reads or while it waits, and -1 h cuts it to
+// nothing, +1 h stretches it by an hour.
+
+namespace
+{
+std::atomic<long long> g_nWallOffsetSeconds{0};
+std::atomic<int> g_nUnshiftedReads{0}; // wall-clock reads still answered with the true time
+
+time_t WallOffset()
+{
+    int unshifted = g_nUnshiftedReads.load();
+    while (unshifted > 0)
+    {
+        if (g_nUnshiftedReads.compare_exchange_weak(unshifted, unshifted - 1))
+            return 0;
+    }
+    return static_cast<time_t>(g_nWallOffsetSeconds.load());
+}
+} // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
+{
+    const long result = syscall(SYS_clock_gettime, clock, now);
+    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
+        now->tv_sec += WallOffset();
+    return static_cast<int>(result);
+}
+
+extern "C" int gettimeofday(timeval* now, void* zone) noexcept
+{
+    const long result = syscall(SYS_gettimeofday, now, zone);
+    if (result == 0)
+        now->tv_sec += WallOffset();
+    return static_cast<int>(result);
+}
+
+namespace
+{
+using Clock = std::chrono::steady_clock;
+const unsigned int kTimeoutMs = 200;
+const long long kHourSeconds = 3600;
+
+struct SPrimitives
+{
+    CKelMutex mutex;
+    CKelEvent event;
+    CKelSendTurns turns;
+};
+
+class WallClockOffset
+{
+public:
+    explicit WallClockOffset(long long seconds, int unshiftedReads = 0)
+    {
+        g_nUnshiftedReads.store(unshiftedReads);
+        g_nWallOffsetSeconds.store(seconds);
+    }
+    ~WallClockOffset()
+    {
+        g_nWallOffsetSeconds.store(0);
+        g_nUnshiftedReads.store(0);
+    }
+};
+} // namespace
+
+TEST(KelWallClock, TimedWaitsRunTheirFullTimeOutWhateverTheWallClockSays)
+{
+    {
+        // Without this the rest would pass for any implementation.
+        timeval before;
+        syscall(SYS_gettimeofday, &before, nullptr);
+        WallClockOffset offset(kHourSeconds);
+        timeval shifted;
+        gettimeofday(&shifted, nullptr);
+        ASSERT_GE(shifted.tv_sec, before.tv_sec + kHourSeconds);
+        const auto systemNow = std::chrono::system_clock::now().time_since_epoch();
+        ASSERT_GE(std::chrono::duration_cast<std::chrono::seconds>(systemNow).count(), before.tv_sec + kHourSeconds);
+    }
+
+    // `hold` makes the wait block, `wait` waits kTimeoutMs on a thread of its
+    // own (true: it got through), `release` frees the hold or the wait.
+    const struct
+    {
+        const char* name;
+        std::function<void(SPrimitives&)> hold;
+        std::function<bool(SPrimitives&)> wait;
+        std::function<void(SPrimitives&)> release;
+    } cases[] = {
+        {"CKelMutex::Lock", [](SPrimitives& p) { p.mutex.Lock(KEL_INFINITE); },
+         [](SPrimitives& p) { return p.mutex.Lock(kTimeoutMs) && p.mutex.Unlock(); },
+         [](SPrimitives& p) { p.mutex.Unlock(); }},
+        {"CKelEvent::Wait", [](SPrimitives&) {}, [](SPrimitives& p) { return p.event.Wait(kTimeoutMs); },
+         [](SPrimitives& p) { p.event.Signal(); }},
+        {"CKelEvent::Wait on several", [](SPrimitives&) {},
+         [](SPrimitives& p) {
+             std::vector<CKelEvent*> events{&p.event};
+             return CKelEvent::Wait(events, kTimeoutMs) != -1;
+         },
+         [](SPrimitives& p) { p.event.Signal(); }},
+        {"CKelSendTurns::Begin", [](SPrimitives& p) { p.turns.Begin(CKelDeadline(KEL_INFINITE)); },
+         [](SPrimitives& p) {
+             const bool turn = p.turns.Begin(CKelDeadline(kTimeoutMs));
+             if (turn)
+                 p.turns.End();
+             return turn;
+         },
+         [](SPrimitives& p) { p.turns.End(); }},
+    };
+    for (const auto& row : cases)
+        for (const int unshiftedReads : {0, 1})
+            for (const long long offsetSeconds : {-kHourSeconds, kHourSeconds})
+            {
+                SCOPED_TRACE(std::string(row.name) + ": wall clock " + std::to_string(offsetSeconds) + " s from read " +
+                             std::to_string(unshiftedReads + 1));
+                SPrimitives primitives;
+                row.hold(primitives);
+                std::atomic<int> result{-1};
+                std::atomic<long long> elapsedMs{-1};
+                bool finished = false;
+                {
+                    WallClockOffset offset(offsetSeconds, unshiftedReads);
+                    std::thread waiter([&] {
+                        const auto start = Clock::now();
+                        const bool through = row.wait(primitives);
+                        elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+                        result = through ? 1 : 0;
+                    });
+                    finished = WaitUntil([&] { return result.load() != -1; });
+                    row.release(primitives);
+                    waiter.join();
+                }
+                EXPECT_TRUE(finished) << "the wait was stretched";
+                EXPECT_EQ(0, result.load()) << "the wait did not time out";
+                EXPECT_GE(elapsedMs.load(), static_cast<long long>(kTimeoutMs) - 5) << "the wait was cut";
+            }
 }

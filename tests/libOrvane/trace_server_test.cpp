@@ -1,8 +1,9 @@
-// The trace server, driven over UDP on 127.0.0.1 by a test viewer.
+// The trace server, driven over UDP on 127.0.0.1 by a test viewer, and the
+// trace telegrams' wire layouts.
+#include "KelByteOrder.h"
 #include "TraceServer.h"
 #include "TraceTelegram.h"
 
-#include "libKelMutex.h"
 #include "support/Bytes.h"
 #include "support/TraceViewer.h"
 
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <cstdio>
 #include <ctime>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,11 +23,14 @@
 namespace
 {
 using Bytes = std::string;
+using OrvaneTest::Byte;
 using OrvaneTest::CTraceViewer;
+using OrvaneTest::Frame;
 using OrvaneTest::FromHex;
+using OrvaneTest::U32;
 
 // A received trace message, parsed by the telegram class (its layout is
-// pinned byte for byte in trace_telegram_test).
+// pinned byte for byte at the end of this file).
 CTraceMessageTelegram Parsed(const Bytes& bytes)
 {
     return CTraceMessageTelegram(static_cast<unsigned short>(bytes.size()), bytes.data());
@@ -133,44 +136,7 @@ TEST_F(TraceServerTest, OtherRequestsAnswerOrReportButMakeNoViewer)
     EXPECT_EQ("received unexpected telegram with type 0x00\n"
               "received unexpected telegram with type 0x4001\n",
               testing::internal::GetCapturedStderr());
-    EXPECT_EQ(0, CTraceServer::m_nAddrLen.load());
-}
-
-TEST_F(TraceServerTest, ConcurrentSendersWhileTheViewerReactivates)
-{
-    ASSERT_TRUE(m_oViewer.Activate(0x10, {0, 0, 0, 0xFFFFFFFF}));
-    const int kActivations = 10;
-    std::atomic<int> sent{0}, unexpected{0};
-    std::vector<std::thread> senders;
-    for (int t = 0; t < 3; ++t)
-        senders.emplace_back([&] {
-            for (int i = 0; i < 200; ++i)
-            {
-                const int result = Send(0x10, 3, 0x1);
-                if (result == 0 || result == -6) // -6: counted, but the socket buffer was full
-                    ++sent;
-                else if (result != -3)
-                    ++unexpected;
-            }
-        });
-    // Level 0x10 toggles while the senders run; each activation traces itself.
-    for (int i = 0; i < kActivations; ++i)
-        m_oViewer.Send(CTraceViewer::ActivateRequest(i % 2 == 0 ? 0x04 : 0x14, {0, 0x02, 0, 0xFFFFFFFF}));
-    for (std::thread& sender : senders)
-        sender.join();
-    CTraceViewer asker; // the viewer's socket may be full
-    ASSERT_FALSE(asker.RoundTrip().empty());
-
-    EXPECT_EQ(0, unexpected.load());
-    {
-        // One counter value per telegram: sends, the first categories answer,
-        // all activations, the last categories answer.
-        CKelLockGuard lock(CTraceServer::m_oTelegramCounterMutex);
-        EXPECT_EQ(static_cast<unsigned short>(sent.load() + 1 + kActivations + 1), CTraceServer::m_nTelegramCounter);
-    }
-    std::set<unsigned int> counters;
-    for (Bytes bytes = m_oViewer.Receive(0); !bytes.empty(); bytes = m_oViewer.Receive(0))
-        EXPECT_TRUE(counters.insert(Parsed(bytes).GetCounter()).second);
+    EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF));
 }
 
 TEST_F(TraceServerTest, DisableResetsEverything)
@@ -185,8 +151,7 @@ TEST_F(TraceServerTest, DisableResetsEverything)
     EXPECT_EQ(-2, Send(0x10, 3, 0xFFFFFFFF));
     CTraceViewer next;
     next.Send(CTraceViewer::ActivateRequest(0x04, {0, 0x02}));
-    const Bytes first = next.Receive();
-    EXPECT_EQ(0, Parsed(first).GetCounter());
+    EXPECT_EQ(0, Parsed(next.Receive()).GetCounter());
 }
 
 TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
@@ -243,7 +208,6 @@ TEST_F(TraceServerTest, InitMessagesAndTraceportOption)
     EXPECT_EQ(-2, CTraceServer::Init(holder.Port()));
     EXPECT_EQ("CTraceServer: Could not bind to port " + std::to_string(holder.Port()) + ".\n",
               testing::internal::GetCapturedStderr());
-    EXPECT_EQ(-1, CTraceServer::m_nSocket.load());
 }
 
 TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
@@ -277,27 +241,194 @@ TEST_F(TraceServerTest, DisableNeverLetsASenderUseTheClosedDescriptor)
         });
     for (int round = 0; round < 20 && !HasFailure(); ++round)
     {
-        if (round > 0)
-        {
-            ASSERT_EQ(0, CTraceServer::Init(0));
-        }
         CTraceViewer viewer;
         viewer.Send(CTraceViewer::ActivateRequest(0x14, {0, 0x02, 0, 0x1}));
         ASSERT_FALSE(viewer.Receive().empty());
         ASSERT_EQ(0, CTraceServer::Disable());
         const int victim = socket(AF_INET, SOCK_DGRAM, 0);
         // Each sender finishes the call it was in and makes one more.
-        unsigned int seen[3];
-        for (int i = 0; i < 3; ++i)
-            seen[i] = senders.calls[i].load();
-        for (int i = 0; i < 3; ++i)
-            while (senders.calls[i].load() < seen[i] + 2)
+        for (std::atomic<unsigned int>& count : senders.calls)
+            for (const unsigned int seen = count.load(); count.load() < seen + 2;)
                 std::this_thread::yield();
         sockaddr_in address = {};
         socklen_t length = sizeof(address);
         getsockname(victim, reinterpret_cast<sockaddr*>(&address), &length);
         close(victim);
         EXPECT_EQ(0, address.sin_port) << "round " << round << ": a trace message went out on a closed socket";
+        ASSERT_EQ(0, CTraceServer::Init(0)); // for the next round, and for TearDown
     }
     EXPECT_EQ(0, senders.unexpected.load());
+}
+
+// ------------------------------------------------------------------ telegrams
+// Wire layouts, parse rules and CRC, checked against bytes written out by hand.
+
+namespace
+{
+Bytes Wire(const CTraceTelegram& telegram)
+{
+    const std::vector<char> bytes = telegram.Serialize();
+    return Bytes(bytes.begin(), bytes.end());
+}
+
+Bytes DataOf(const CTraceTelegram& telegram)
+{
+    return Bytes(telegram.GetData(), telegram.GetDataLen());
+}
+
+template <typename T>
+T Parse(const Bytes& bytes)
+{
+    return T(static_cast<unsigned short>(bytes.size()), bytes.data());
+}
+
+// A parsed activate request: level, mask count, masks, then `tail` bytes.
+CTraceActivateReqTelegram ActivateRequest(unsigned char level, unsigned char count,
+                                          const std::vector<unsigned int>& masks, const Bytes& tail,
+                                          unsigned short counter = 0)
+{
+    Bytes data = FromHex("01 00") + KelToLE(counter) + Byte(level) + Byte(count);
+    for (unsigned int mask : masks)
+        data += U32(mask);
+    return Parse<CTraceActivateReqTelegram>(Frame(data + tail));
+}
+} // namespace
+
+TEST(TraceFrame, DataIsBoundedByTheLengthFieldAndTheReceivedBytes)
+{
+    const struct
+    {
+        Bytes datagram;
+        unsigned short type, counter;
+        Bytes data;
+    } cases[] = {
+        {FromHex("05 00 02 00 07 00"), 0, 0, ""}, // 6 bytes: an empty telegram of type 0
+        {FromHex("06 00 02 80 34 12 AA BB CC"), 0x8002, 0x1234, FromHex("AA BB")},
+        {FromHex("40 00 01 00 00 00 AA BB"), 0x0001, 0, FromHex("AA BB")}, // length overstated
+        {FromHex("02 00 01 00 00 00 AA"), 0x0001, 0, ""},                  // length below 4
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(OrvaneTest::ToHex(c.datagram));
+        const CTraceTelegram frame = Parse<CTraceTelegram>(c.datagram);
+        EXPECT_EQ(c.type, frame.GetType());
+        EXPECT_EQ(c.counter, frame.GetCounter());
+        EXPECT_EQ(c.data, DataOf(frame));
+    }
+    EXPECT_EQ(0, CTraceTelegram(10, nullptr).GetType());
+}
+
+TEST(TraceActivateRequest, CrcCoversHeaderAndEveryDataByteButTheLast)
+{
+    // 0x0F ^ 0x01 (length, type) ^ 0x14 ^ 0x02 (level, count) ^ 0x02 ^ 0xFF x4 (masks) = 0x1A
+    const CTraceActivateReqTelegram request = ActivateRequest(0x14, 2, {0x00000002, 0xFFFFFFFF}, Byte(0x1A));
+    EXPECT_EQ(0x1A, request.GetCrc());
+    EXPECT_EQ(0x1A, request.CalcCrc());
+    // The counter counts (0x12 ^ 0x34), the CRC byte itself does not.
+    EXPECT_EQ(0x1A ^ 0x26, ActivateRequest(0x14, 2, {0x00000002, 0xFFFFFFFF}, Byte(0), 0x1234).CalcCrc());
+    EXPECT_EQ(0x1A ^ 0x80, ActivateRequest(0x14, 2, {0x80000002, 0xFFFFFFFF}, Byte(0)).CalcCrc());
+}
+
+TEST(TraceActivateRequest, MaskCountIsLimitedByTheDataAndBy32)
+{
+    // Count 5, but 3 masks and one byte: the CRC position (2 + 20) lies beyond the data.
+    const CTraceActivateReqTelegram three = ActivateRequest(0x01, 5, {0x11111111, 0x22222222, 0x33333333}, Byte(0x5A));
+    EXPECT_EQ(3, three.GetBitmaskCount());
+    EXPECT_EQ(0x33333333u, three.GetFilterBitmask(2));
+    EXPECT_EQ(0u, three.GetFilterBitmask(3));
+    EXPECT_EQ(0, three.GetCrc());
+
+    // Count 40 with 40 masks: 32 are used and the CRC is read right after them.
+    std::vector<unsigned int> masks;
+    for (unsigned int i = 0; i < 40; ++i)
+        masks.push_back(0xA0000000u + i);
+    const CTraceActivateReqTelegram capped = ActivateRequest(0x02, 40, masks, Byte(0));
+    EXPECT_EQ(32, capped.GetBitmaskCount());
+    EXPECT_EQ(0xA000001Fu, capped.GetFilterBitmask(31));
+    EXPECT_EQ(0u, capped.GetFilterBitmask(32));
+    EXPECT_EQ(0x20, capped.GetCrc()); // low byte of mask 32
+
+    EXPECT_EQ(0, ActivateRequest(0x1F, 1, {}, Byte(0x07)).GetTraceLevel()); // the level needs 6 data bytes
+}
+
+TEST(TraceConfirmations, ActivateAndGetCategoriesLayouts)
+{
+    CTraceActivateCnfTelegram activate;
+    EXPECT_EQ(FromHex("05 00 01 80 00 00 FF"), Wire(activate)); // 0xFF until a code is set
+    activate.SetReturnCode(0);
+    EXPECT_EQ(FromHex("05 00 01 80 00 00 00"), Wire(activate));
+    EXPECT_EQ(0x00, Parse<CTraceActivateCnfTelegram>(Wire(activate)).GetReturnCode());
+    EXPECT_EQ(0xFF, Parse<CTraceActivateCnfTelegram>(FromHex("04 00 01 80 00 00 00")).GetReturnCode());
+
+    CTraceGetCategoriesCnfTelegram categories;
+    categories.SetCategoryName(0, 3, "Gen");
+    categories.SetCategoryName(2, 40, std::string(40, 'n').c_str()); // cut to 32 bytes
+    categories.SetCategoryName(32, 3, "Out");                        // ignored
+    EXPECT_EQ(FromHex("03 03") + "Gen" + FromHex("00 20") + std::string(32, 'n'), DataOf(categories));
+    const CTraceGetCategoriesCnfTelegram parsed = Parse<CTraceGetCategoriesCnfTelegram>(Wire(categories));
+    EXPECT_EQ(3, parsed.GetCategoriesCount());
+    EXPECT_EQ(std::string(32, 'n'), parsed.GetCategoryName(2));
+}
+
+TEST(TraceStatusTelegrams, LayoutAndTolerantParse)
+{
+    Bytes request = FromHex("09 00 03 00 00 00 07 78 56 34 12");
+    EXPECT_EQ(7, Parse<CStatusReqTelegram>(request).GetCategory());
+    EXPECT_EQ(0x12345678u, Parse<CStatusReqTelegram>(request).GetFilterBitmask());
+    request[0] = 0x0A;
+    request += Byte(0);
+    EXPECT_EQ(0u, Parse<CStatusReqTelegram>(request).GetFilterBitmask()); // only exactly 5 data bytes count
+
+    const Bytes expected = FromHex("1E 00 03 80 00 00"            // header, data 26
+                                   "04 03 02 01 0C 0B 0A 00 05"   // time, category
+                                   "44 33 22 11 BE BA FE CA"      // mask, value
+                                   "02 00 61 62 03 00 78 79 7A"); // name "ab", value text "xyz"
+    CStatusCnfTelegram confirmation = Parse<CStatusCnfTelegram>(expected);
+    confirmation.SetCategory(5); // the same value: rebuilds the bytes from the parsed fields
+    EXPECT_EQ(expected, Wire(confirmation));
+
+    Bytes cut = expected.substr(0, expected.size() - 1); // inside the value text: it keeps what is there
+    --cut[0];
+    EXPECT_EQ("xy", Parse<CStatusCnfTelegram>(cut).GetValue());
+    cut.resize(16); // inside the mask: it and later fields read 0
+    cut[0] = 14;
+    const CStatusCnfTelegram early = Parse<CStatusCnfTelegram>(cut);
+    EXPECT_EQ(0x000A0B0Cu, early.GetMicroseconds());
+    EXPECT_TRUE(early.GetFilterBitmask() == 0 && early.GetStatusValue() == 0 && early.GetName().empty());
+
+    // A name too long for the length field is cut and leaves the value no
+    // room (a cut value is checked with the trace message); each length word
+    // counts exactly the bytes that follow it.
+    const std::string name(0xFFFF, 'n');
+    CStatusCnfTelegram big;
+    big.SetName(0xFFFF, name.c_str());
+    big.SetValue(5, "value");
+    const Bytes data = DataOf(big);
+    ASSERT_EQ(CTraceTelegram::MAX_DATA_LEN, data.size());
+    EXPECT_EQ(CTraceTelegram::MAX_DATA_LEN - 21, KelGetLE<unsigned short>(&data[17]));
+    EXPECT_EQ(0, KelGetLE<unsigned short>(&data[data.size() - 2]));
+}
+
+TEST(TraceMessage, LayoutParseAndCut)
+{
+    CTraceMessageTelegram message;
+    EXPECT_EQ(Bytes(21, '\0'), DataOf(message)); // empty: the 21 fixed bytes
+
+    const Bytes expected = FromHex("1E 00 01 40 EF BE"            // length 30, type, counter
+                                   "01 00 00 65 3F 42 0F 00"      // seconds, microseconds
+                                   "10 03 01 00 00 80"            // level, category, filter mask
+                                   "01 34 12"                     // flags, line
+                                   "03 00 66 2E 63 02 00 68 69"); // "f.c", "hi"
+    message = Parse<CTraceMessageTelegram>(expected);
+    message.SetFlags(0x01); // the same value: rebuilds the bytes from the parsed fields
+    EXPECT_EQ(expected, Wire(message));
+
+    const std::string file(100, 'f');
+    const std::string text(0xFFFF, 't');
+    message.SetFileName(static_cast<unsigned short>(file.size()), file.c_str());
+    message.SetMessageText(static_cast<unsigned short>(text.size()), text.c_str());
+    EXPECT_EQ(CTraceTelegram::MAX_DATA_LEN, message.GetDataLen()); // cut to fit the length field
+    const CTraceMessageTelegram cut = Parse<CTraceMessageTelegram>(Wire(message));
+    EXPECT_EQ(file, cut.GetFileName());
+    EXPECT_EQ(CTraceTelegram::MAX_DATA_LEN - 21u - 100u, cut.GetMessageText().size());
 }
