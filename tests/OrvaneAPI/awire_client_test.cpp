@@ -190,8 +190,9 @@ TEST_P(AWireFileWrite, WholeFileWrittenAndVerified)
 INSTANTIATE_TEST_SUITE_P(PageSizes, AWireFileWrite, ::testing::Values(0, 1, 2));
 
 // A block reported failed ends the writing: step -1 and 100 percent once,
-// then the writer is gone and single writes work again.
-TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
+// then the writer is gone and single writes work again. A file that cannot
+// be read fails too.
+TEST(AWireFileWriteFaults, FailingBlockOrUnreadableFileEndsTheFile)
 {
     SAWireSettings oSettings;
     oSettings.nFailBlock = 1;
@@ -215,7 +216,7 @@ TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
     EXPECT_EQ(oClient.WriteBlock(0x100, 1, acByte, nId), 0);
     std::remove(sFile.c_str());
 
-    // A file that cannot be read fails at the first poll, nothing written.
+    // An unreadable file fails at the first poll, nothing written.
     const std::size_t nWrites = oClient.m_oModel.WriteLengths().size();
     nStep = FileStep::ePrepared;
     ASSERT_EQ(oClient.WriteFile(::testing::TempDir() + "awire_no_such_file.hex"), 0);
