@@ -2,8 +2,9 @@
 // the client's requests go straight to the programmer model, its
 // confirmations come back through DataInd, and a peer thread completes the
 // block writes later with write-status indications, as the read thread
-// would deliver them.
+// would deliver them. Last, one file over TCP to the simulator on 127.0.0.1.
 #include "AWirePortModel.h"
+#include "GatewaySim.h"
 #include "OrvaneClientAWire.h"
 #include "OrvaneProtocol.h"
 #include "support/AWireFiles.h"
@@ -133,15 +134,10 @@ private:
 
 } // namespace
 
-// The chunks of the page sizes read are pinned by the whole-file writes.
-TEST(AWireChunks, NoPageSizeGivesTheLargestChunk)
-{
-    EXPECT_EQ(CWriteFileThread::ChunkSize(0), 32768u);
-}
-
 // A whole file through the programmer: chunked by the page size read with
 // GET_CONFIG, the first chunk of a block ending on a chunk boundary, never
 // more than two writes outstanding, every byte in the flash as in the file.
+// No page size read gives the largest chunk.
 struct SChunkCase
 {
     unsigned int nPageSize;
@@ -160,7 +156,7 @@ TEST_P(AWireFileWrite, WholeFileWrittenAndVerified)
          {{0x1010, std::vector<unsigned char>(0x20000)}, {0x40000, std::vector<unsigned char>(5000)}},
          {0x6FF0, 0x8000, 0x8000, 0x8000, 0x1010, 5000}},
         {3000, {{0x1010, std::vector<unsigned char>(100000)}}, {25888, 30000, 30000, 14112}},
-        {40000, {{0, std::vector<unsigned char>(70000)}}, {32768, 32768, 4464}},
+        {0, {{0, std::vector<unsigned char>(70000)}}, {32768, 32768, 4464}},
     };
     SChunkCase& oCase = aoCases[GetParam()];
     SAWireSettings oSettings;
@@ -194,8 +190,9 @@ TEST_P(AWireFileWrite, WholeFileWrittenAndVerified)
 INSTANTIATE_TEST_SUITE_P(PageSizes, AWireFileWrite, ::testing::Values(0, 1, 2));
 
 // A block reported failed ends the writing: step -1 and 100 percent once,
-// then the writer is gone and single writes work again.
-TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
+// then the writer is gone and single writes work again. A file that cannot
+// be read fails too.
+TEST(AWireFileWriteFaults, FailingBlockOrUnreadableFileEndsTheFile)
 {
     SAWireSettings oSettings;
     oSettings.nFailBlock = 1;
@@ -218,19 +215,15 @@ TEST(AWireFileWriteFaults, FailingBlockEndsTheFile)
     const char acByte[1] = {0x5A};
     EXPECT_EQ(oClient.WriteBlock(0x100, 1, acByte, nId), 0);
     std::remove(sFile.c_str());
-}
 
-TEST(AWireFileWriteFaults, UnreadableFileFailsAtFirstPoll)
-{
-    CPeerClient oClient{SAWireSettings()};
-    FileStep::EFileStep nStep = FileStep::ePrepared;
-    unsigned char nPercent = 0;
-    EXPECT_EQ(oClient.GetWriteFileStatus(nStep, nPercent), 255);
+    // An unreadable file fails at the first poll, nothing written.
+    const std::size_t nWrites = oClient.m_oModel.WriteLengths().size();
+    nStep = FileStep::ePrepared;
     ASSERT_EQ(oClient.WriteFile(::testing::TempDir() + "awire_no_such_file.hex"), 0);
     ASSERT_TRUE(
         WaitUntil([&] { return oClient.GetWriteFileStatus(nStep, nPercent) != 0 || nStep == FileStep::eFailed; }));
     EXPECT_EQ(nStep, FileStep::eFailed);
-    EXPECT_TRUE(oClient.m_oModel.WriteLengths().empty());
+    EXPECT_EQ(oClient.m_oModel.WriteLengths().size(), nWrites);
 }
 
 // While a file is written, single writes are refused; the writer can be
@@ -351,4 +344,36 @@ TEST(AWireCommands, ConfigReadVerify)
     ASSERT_EQ(oClient.Erase(4), 0); // page 4 of 1024 bytes: 0x1000..0x13FF
     EXPECT_EQ(oClient.m_oModel.Flash(0x1000, 6), std::string(6, '\xFF'));
     EXPECT_EQ(oClient.EraseUserPage(), 0);
+}
+
+// Over TCP: block writes confirmed at once and finished later by the
+// simulator's own completer, write-status indications through the read
+// thread, a gap between the blocks left erased.
+TEST(AWireSim, WholeFileWithAGapWrittenOverTcpAndVerified)
+{
+    SSimOptions oOptions;
+    oOptions.nTcpBase = 0; // free ports on 127.0.0.1
+    oOptions.anAWirePorts = {0};
+    oOptions.oAWire.nPageSize = 3000;
+    oOptions.nAWireDelayMs = 1;
+    oOptions.bQuiet = true;
+    CGatewaySim oSim(oOptions, nullptr);
+    std::string sError;
+    ASSERT_TRUE(oSim.Start(sError)) << sError;
+    COrvaneClientAWire oClient(5000);
+    ASSERT_EQ(oClient.Connect("127.0.0.1", oSim.AWireTcpPort(0), CKelIPBase::eTCP, true), 0);
+
+    std::vector<SImageBlock> aoBlocks = {{0x1010, std::vector<unsigned char>(70000)},
+                                         {0x40000, std::vector<unsigned char>(5000)}};
+    const std::string sFile = WriteHexFile("awire_sim_whole.hex", aoBlocks);
+    ASSERT_EQ(oClient.WriteFile(sFile), 0);
+    std::vector<unsigned char> anPercent;
+    EXPECT_EQ(PollToEnd(oClient, anPercent), FileStep::eDone);
+    CAWirePortModel& oFlash = oSim.AWireModel(0);
+    for (const SImageBlock& oBlock : aoBlocks)
+        EXPECT_TRUE(oFlash.Flash(oBlock.nAddress, oBlock.acData.size()) ==
+                    std::string(oBlock.acData.begin(), oBlock.acData.end()))
+            << "block at 0x" << std::hex << oBlock.nAddress;
+    EXPECT_EQ(oFlash.Flash(0x1010 + 70000, 1), "\xFF") << "the gap stays erased";
+    std::remove(sFile.c_str());
 }

@@ -1,7 +1,8 @@
 // The CAN side of the application interface. First the indication decoders
 // and the CAN client fed telegrams written out by hand through DataInd (which
 // callback gets which fields, what the queues keep, what the pollers report);
-// then the plain functions against the gateway simulator on 127.0.0.1.
+// then the plain functions and the client itself against the gateway
+// simulator on 127.0.0.1.
 #include "DeviceManager.h"
 #include "OrvaneCanIndication.h"
 #include "OrvaneClientCANDll.h"
@@ -14,8 +15,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace OrvaneCan;
@@ -93,34 +98,21 @@ void OnUndefined(int nId, unsigned char nByte0, unsigned char nByte1, unsigned c
 
 TEST(CanIndicationDecode, FramesTimeStampsAndLengthLimits)
 {
-    struct SCase
-    {
-        const char* pName;
-        std::vector<unsigned char> anPayload;
-        std::string sExpected; // identifier, flags, data, raw length, seconds, microseconds
-    };
-    const SCase aoCases[] = {
-        // 0x18FF0001, flags 0x05 (extended, time stamp), data 11 22 33,
-        // seconds 0x01020304, microseconds 999999 = 0x0F423F.
-        {"stamped",
-         {0x01, 0x00, 0xFF, 0x18, 0x05, 0x11, 0x22, 0x33, 0x04, 0x03, 0x02, 0x01, 0x3F, 0x42, 0x0F, 0x00},
-         "419364865 5 \x11\x22\x33 11 16909060 999999"},
-        {"plain", {0x23, 0x01, 0x00, 0x00, 0x00, 0xAA, 0xBB}, "291 0 \xAA\xBB 2 0 0"},
-        // The flags byte is sign-extended; stamp bit set but only 3 bytes
-        // behind the header: length 0, no stamp.
-        {"short stamp", {0x7F, 0x00, 0x00, 0x00, 0x84, 0x01, 0x02, 0x03}, "127 -124  3 0 0"},
-        {"remote, empty", {0x00, 0x02, 0x00, 0x00, 0x02}, "512 2  0 0 0"},
-    };
-    for (const SCase& oCase : aoCases)
-    {
+    // Identifier, flags, data, raw length, seconds, microseconds.
+    const auto Decoded = [](const std::vector<unsigned char>& anPayload) {
         SFrameInd oInd; // points into oMsg
-        const COrvaneMsg oMsg = Ind(eIndFrame, oCase.anPayload);
-        ASSERT_TRUE(DecodeFrame(oMsg, oInd)) << oCase.pName;
-        EXPECT_EQ(Out(oInd.nIdentifier, oInd.nFlags, Bytes(oInd.pcData, oInd.nLength), oInd.nRawLength,
-                      oInd.oTime.tv_sec, oInd.oTime.tv_usec),
-                  oCase.sExpected)
-            << oCase.pName;
-    }
+        const COrvaneMsg oMsg = Ind(eIndFrame, anPayload);
+        EXPECT_TRUE(DecodeFrame(oMsg, oInd));
+        return Out(oInd.nIdentifier, oInd.nFlags, Bytes(oInd.pcData, oInd.nLength), oInd.nRawLength, oInd.oTime.tv_sec,
+                   oInd.oTime.tv_usec);
+    };
+    // 0x18FF0001, flags 0x05 (extended, time stamp), data 11 22 33,
+    // seconds 0x01020304, microseconds 999999 = 0x0F423F.
+    EXPECT_EQ(Decoded({0x01, 0x00, 0xFF, 0x18, 0x05, 0x11, 0x22, 0x33, 0x04, 0x03, 0x02, 0x01, 0x3F, 0x42, 0x0F, 0x00}),
+              "419364865 5 \x11\x22\x33 11 16909060 999999");
+    // The flags byte is sign-extended; stamp bit set but only 3 bytes
+    // behind the header: length 0, no stamp.
+    EXPECT_EQ(Decoded({0x7F, 0x00, 0x00, 0x00, 0x84, 0x01, 0x02, 0x03}), "127 -124  3 0 0");
 
     // At most 64 data bytes, counted after the stamp.
     const auto Frame = [](unsigned char nFlags, std::size_t nBytes) {
@@ -347,40 +339,14 @@ namespace
 
 constexpr int TIMEOUT_MS = 5000;
 
-bool WaitCalls(std::size_t nCount)
-{
-    return WaitUntil([nCount] { return Calls().size() >= nCount; });
-}
-
-class DllCanTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(m_oSim.Started()) << m_oSim.Error();
-        ClearCalls();
-    }
-    void TearDown() override
-    {
-        for (int nHandle : m_anHandles)
-            CANCloseDevice(nHandle);
-    }
-    int Open(int bConfirm = 0)
-    {
-        int nHandle = -1;
-        EXPECT_EQ(CANOpenDevice(&nHandle, bConfirm, 0, m_oSim.CanPort(), HOST, TIMEOUT_MS), 0);
-        m_anHandles.push_back(nHandle);
-        return nHandle;
-    }
-    CApiSim m_oSim;
-    std::vector<int> m_anHandles;
-};
-
 } // namespace
 
-TEST_F(DllCanTest, OpenConfigureAndReadBack)
+TEST(DllCan, OpenConfigureAndReadBack)
 {
-    const int nHandle = Open();
+    CApiSim oSim;
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    int nHandle = -1, nConfirmed = -1;
+    ASSERT_EQ(CANOpenDevice(&nHandle, 0, 0, oSim.CanPort(), HOST, TIMEOUT_MS), 0);
     EXPECT_EQ(CANDeviceConnectState(nHandle), CAN_STATE_CONNECTED);
     EXPECT_EQ(CANSetGlobals(nHandle, 250000, 'N', 1, 0, 1), 0);
     unsigned int nBaudrate = 0;
@@ -406,11 +372,76 @@ TEST_F(DllCanTest, OpenConfigureAndReadBack)
     EXPECT_EQ(CANWrite(nHandle, 0x123, "\x01", 1, 0), 0);
 
     // With data confirmations a write waits for the gateway's transmit time.
-    const int nConfirmed = Open(1);
+    ASSERT_EQ(CANOpenDevice(&nConfirmed, 1, 0, oSim.CanPort(), HOST, TIMEOUT_MS), 0);
     nSeconds = 0;
     EXPECT_EQ(CANWriteEx(nConfirmed, 0x123, "\x01", 1, 0, &nSeconds, &nMicroseconds), 0);
     EXPECT_GE(nSeconds, 1000);
     EXPECT_LT(nSeconds, 100000) << "the gateway's clock, set above, not the local one";
+    EXPECT_EQ(CANCloseDevice(nHandle), 0);
+    EXPECT_EQ(CANCloseDevice(nConfirmed), 0);
+}
+
+// COrvaneClientCAN itself on a connection to the simulator: requests from
+// several threads, and a peer that stops answering or goes away.
+namespace
+{
+
+std::unique_ptr<COrvaneClientCAN> SimClient(CApiSim& oSim, bool bConfirmData, int nTimeout = TIMEOUT_MS)
+{
+    std::unique_ptr<COrvaneClientCAN> oClient(new COrvaneClientCAN(nTimeout));
+    EXPECT_EQ(oClient->Connect(HOST, oSim.Sim().TcpPort(0), CKelIPBase::eTCP, true), 0);
+    EXPECT_EQ(oClient->Open(bConfirmData, false), 0);
+    return oClient;
+}
+
+} // namespace
+
+TEST(CanClientSim, ConcurrentRequestsOnOneClient)
+{
+    CApiSim oSim;
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    auto oClient = SimClient(oSim, true);
+    ASSERT_EQ(oClient->CANopenSetConfig(1), 0);
+    std::atomic<int> nWrong{0};
+    std::vector<std::thread> aoThreads;
+    for (unsigned char nNode = 1; nNode <= 4; ++nNode)
+        aoThreads.emplace_back([&, nNode] {
+            for (unsigned short i = 0; i < 40; ++i)
+            {
+                unsigned char nResult = 0xFF;
+                unsigned int nAbort = 0, nValue = 0;
+                const unsigned int nWritten = nNode * 0x100u + i;
+                if (oClient->CANopenSendSDOWrite(nNode, 0, i, 0, 100, nWritten, nResult, nAbort) != 0 ||
+                    oClient->Write(nNode, "\x01", 1, 0, nullptr, nullptr) != 0 ||
+                    oClient->CANopenSendSDORead(nNode, i, 0, 100, nResult, nValue) != 0 || nValue != nWritten)
+                    ++nWrong;
+            }
+        });
+    for (std::thread& oThread : aoThreads)
+        oThread.join();
+    EXPECT_EQ(nWrong.load(), 0);
+}
+
+TEST(CanClientSim, PeerThatStopsAnsweringOrGoesAway)
+{
+    GatewaySim::SSimOptions oOptions;
+    oOptions.oFaults.nFreezeAfter = 1; // answers Open's SET_CONFIG, then nothing
+    CApiSim oSim(oOptions);
+    ASSERT_TRUE(oSim.Started()) << oSim.Error();
+    auto oClient = SimClient(oSim, false, 300);
+    unsigned int nBaud;
+    unsigned char nMode;
+    bool bTerm, bHigh, bStamp;
+    EXPECT_EQ(oClient->GetGlobals(nBaud, nMode, bTerm, bHigh, bStamp), ORVANE_ERR_TCP_TIMEOUT);
+
+    // A request waiting while the gateway goes away ends with its time-out.
+    std::thread oWaiting([&] { EXPECT_EQ(oClient->SetPowerRelais(true), ORVANE_ERR_TCP_TIMEOUT); });
+    EXPECT_TRUE(WaitUntil([&] { return oSim.Sim().Counters().nIgnoredFrozen.load() == 2; }));
+    oSim.Sim().Stop();
+    oWaiting.join();
+    EXPECT_TRUE(WaitUntil([&] { return oClient->GetConnectState() != CKelIPBase::eConnected; }));
+    EXPECT_EQ(oClient->SetPowerRelais(true), ORVANE_ERR_TCP_NOT_CONNECTED);
+    EXPECT_EQ(oClient->Write(1, nullptr, 0, 0, nullptr, nullptr), ORVANE_ERR_TCP_NOT_CONNECTED);
 }
 
 // Batches against a raw peer on 127.0.0.1, through a handle of the C
@@ -525,23 +556,19 @@ TEST(CanBatch, IndicationsCutAnywhereReachTheCallbackInOrderBeforeTheirReadEnd)
         ASSERT_TRUE(oClient.oPeer.Send(sBatch.substr(nCut)));
         ASSERT_TRUE(WaitUntil([&] { return !Calls().empty() && Calls().back() == sEnd && Calls().size() > 3; }))
             << ::testing::PrintToString(Calls());
-        std::vector<std::string> asFrames;
-        bool bFrameSinceEnd = false;
-        for (const std::string& sCall : Calls())
-        {
-            if (sCall != sEnd)
-                asFrames.push_back(sCall);
-            else
-                EXPECT_TRUE(bFrameSinceEnd) << "a read end without a frame before it";
-            bFrameSinceEnd = sCall != sEnd;
-        }
-        EXPECT_EQ(asFrames, asExpected);
+        // A read end comes only after a frame: never first, never twice in a
+        // row (the frames differ from each other).
+        std::vector<std::string> asCalls = Calls();
+        EXPECT_NE(asCalls.front(), sEnd);
+        EXPECT_EQ(std::adjacent_find(asCalls.begin(), asCalls.end()), asCalls.end());
+        asCalls.erase(std::remove(asCalls.begin(), asCalls.end(), sEnd), asCalls.end());
+        EXPECT_EQ(asCalls, asExpected);
     }
     // Switched off, frames still come one by one.
     ClearCalls();
     ASSERT_EQ(CANSetReadEndCallback(oClient.nHandle, nullptr), 0);
     ASSERT_TRUE(oClient.oPeer.Send(sBatch));
-    ASSERT_TRUE(WaitCalls(3));
+    ASSERT_TRUE(WaitUntil([] { return Calls().size() >= 3; }));
     EXPECT_EQ(Calls(), asExpected);
 }
 

@@ -27,20 +27,6 @@ using CCOM = CScripted<COrvaneClientTestSystemCOM>;
 using CIO = CScripted<COrvaneClientTestSystemIO>;
 using CPWR = CScripted<COrvaneClientTestSystemPWR>;
 
-std::string Payload(CI2C& oClient)
-{
-    return oClient.LastSent().GetData();
-}
-
-// Bytes (i * 7 + 3) & 0xFF.
-std::string Pattern(std::size_t nCount)
-{
-    std::string s;
-    for (std::size_t i = 0; i < nCount; ++i)
-        s.push_back(static_cast<char>((i * 7 + 3) & 0xFF));
-    return s;
-}
-
 // The device answers 0x21 (next piece, please) nAsks times, then 0.
 void AskForPieces(CCOM& oClient, int nAsks)
 {
@@ -63,7 +49,7 @@ TEST(I2CClient, BaudrateInKilohertzAndStoredOnlyOnSuccess)
     EXPECT_EQ(oClient.LastRequest(), Req(0x107, Hex("80 1a 06 00")));
     EXPECT_EQ(oClient.GetStoredBaudrate(), 400000u);
     ASSERT_EQ(oClient.SetBaudrate(1000), 0);
-    EXPECT_EQ(Payload(oClient), Hex("e8 03 00 00"));
+    EXPECT_EQ(oClient.LastSent().GetData(), Hex("e8 03 00 00"));
 
     oClient.ReplyWith("21");
     EXPECT_EQ(oClient.SetBaudrate(400), 0x121);
@@ -125,14 +111,13 @@ TEST(I2CClient, ReadAndWriteTransfers)
     EXPECT_EQ(Out(r, nValue), "289 85");
     oClient.ReplyWith("00 77");
     r = oClient.RAWGet(3, nValue);
-    EXPECT_EQ(Out(r, nValue, Payload(oClient)), "0 119 \x03");
+    EXPECT_EQ(Out(r, nValue, oClient.LastSent().GetData()), "0 119 \x03");
     EXPECT_EQ(oClient.RAWSend(0x12, 0x34), 0);
     EXPECT_EQ(oClient.LastRequest(), Req(0x116, Hex("12 34")));
 }
 
 TEST(I2CClient, EEPromSlaveAddressAndOffset)
 {
-    EXPECT_EQ(COrvaneClientI2C::GetEEPROMSlaveAddress(2, 0x1FF, 0x0008), 0xA4);
     EXPECT_EQ(COrvaneClientI2C::GetEEPROMSlaveAddress(0, 0x7FF, 0x0308), 0xAE);
     EXPECT_EQ(COrvaneClientI2C::GetEEPROMSlaveAddress(1, 0x1FFFF, 0x0510), 0xAA);
     // Scheme 0x600: one chip bit at bit 1, block bits shifted by offset - 2.
@@ -142,7 +127,6 @@ TEST(I2CClient, EEPromSlaveAddressAndOffset)
 
     // The block bits stay in the offset; most significant byte first.
     EXPECT_EQ(COrvaneClientI2C::ToOffset(0xFF1234, 0x0309), Hex("00 00 02 34"));
-    EXPECT_EQ(COrvaneClientI2C::ToOffset(0xFF1234, 0x0010), Hex("00 00 12 34"));
     EXPECT_EQ(COrvaneClientI2C::ToOffset(0x12345678, 0x0018), Hex("00 34 56 78"));
 }
 
@@ -152,16 +136,13 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
     CI2C oClient;
     char acBuffer[16] = {};
     unsigned short nReceived = 0;
-    std::string sData;
-    for (int i = 0; i < 16; ++i)
-        sData.push_back(static_cast<char>(0x40 + i));
+    const std::string sData = Hex("40 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f");
 
     // 19 bytes for 16 asked: a word in front, the data from byte 3.
     oClient.ReplyWith("00 aa bb 40 41 42 43 44 45 46 47 48 49 4a 4b 4c 4d 4e 4f");
     EXPECT_EQ(oClient.ReadEEProm(2, 0x1234, 0x0008, acBuffer, 16, nReceived), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x112);
     // Slave 0xA4, offset size 1, offset 0x34, count 16.
-    EXPECT_EQ(Payload(oClient), Hex("a4 00 01 00 00 00 34 10 00"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x112, Hex("a4 00 01 00 00 00 34 10 00")));
     EXPECT_EQ(Out(nReceived, Bytes(acBuffer, 16)), Out(16, sData));
 
     // 17 bytes: the data from byte 1.
@@ -170,7 +151,7 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
     EXPECT_EQ(oClient.ReadEEProm(0, 0x1234, 0x0309, acBuffer, 16, nReceived), 0);
     // Nine offset bits: slave 0xA2 with block 1, offset size 2, the block
     // bits kept in the offset.
-    EXPECT_EQ(Payload(oClient), Hex("a2 00 02 00 00 02 34 10 00"));
+    EXPECT_EQ(oClient.LastSent().GetData(), Hex("a2 00 02 00 00 02 34 10 00"));
     EXPECT_EQ(Out(nReceived, Bytes(acBuffer, 16)), Out(16, sData));
 
     // An empty confirmation gives no data.
@@ -180,9 +161,8 @@ TEST(I2CClient, EEPromRequestsAndReadCopyStart)
 
     oClient.ReplyWith("00");
     EXPECT_EQ(oClient.WriteEEProm(1, 0x1FF, 0x0108, "\x01\x02", 2), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0x113);
     // Scheme 0x100: chip 1 at bit 2, block bit (address bit 8) at bit 1.
-    EXPECT_EQ(Payload(oClient), Hex("a6 00 01 00 00 01 ff 01 02"));
+    EXPECT_EQ(oClient.LastRequest(), Req(0x113, Hex("a6 00 01 00 00 01 ff 01 02")));
     EXPECT_EQ(oClient.WriteEEPromPollAck(1, 0x1FF, 0x0108, "\x01", 1, 0x0302), 0);
     EXPECT_EQ(oClient.LastRequest(), Req(0x119, Hex("a6 00 02 03 01 00 00 01 ff 01")));
 }
@@ -206,7 +186,7 @@ TEST(I2CClient, SequenceForms)
     I2CCommand aoCommands[] = {{0xA0, 2, acWrite}, {0xA1, 2, acFirst}, {0xA1, 2, acSecond}};
     oClient.ReplyWith("21 09 00 11 22 33 44");
     EXPECT_EQ(oClient.WriteSequence(aoCommands, 3, nStatus), 0x121);
-    EXPECT_EQ(Payload(oClient), Hex("04 00 a0 00 02 00 10 20 a1 00 02 00 a1 00 02 00"));
+    EXPECT_EQ(oClient.LastSent().GetData(), Hex("04 00 a0 00 02 00 10 20 a1 00 02 00 a1 00 02 00"));
     EXPECT_EQ(Out(nStatus, Bytes(acFirst, 2), Bytes(acSecond, 2)), "9 \x11\x22 \x11\x22");
 
     // Three bytes returned for two reads of 2: the second gets one.
@@ -287,7 +267,6 @@ TEST(SPIClient, SequenceSentNowCollectedLaterById)
 
 TEST(SPIClient, EEPromAddressing)
 {
-    EXPECT_EQ(COrvaneClientSPI::GetEEPROMSlaveAddress(2, 0x1FF, 0x008), 0xA4);
     EXPECT_EQ(COrvaneClientSPI::GetEEPROMSlaveAddress(0, 0x7FF, 0x308), 0xAE);
     EXPECT_EQ(COrvaneClientSPI::GetEEPROMSlaveAddress(3, 0x100, 0x108), 0xAE);
     // Only bits 8-9 select the scheme here.
@@ -348,7 +327,7 @@ TEST(RenesasClient, ReadingConfirmations)
 
 TEST(TestSystemCOM, UploadInPiecesWhileTheDeviceAsks)
 {
-    const std::string sContent = Pattern(70000);
+    const std::string sContent = OrvaneTest::Pattern(70000, 3);
     const OrvaneTest::CTempDir oDir;
     const std::string sPath = oDir.Write("upload.cfg", sContent);
     const std::string sName = COrvaneClientTestSystemCOM::GetFileName(sPath);
@@ -357,8 +336,8 @@ TEST(TestSystemCOM, UploadInPiecesWhileTheDeviceAsks)
     EXPECT_EQ(oClient.SendFile(sPath), 0);
     const std::vector<COrvaneMsg> aoSent = oClient.Sent();
     ASSERT_EQ(aoSent.size(), 3u);
-    // CRC-32 0xe0290e8e (zlib.crc32 of the pattern), size 70000.
-    const std::string sHeader = Hex("8e 0e 29 e0 70 11 01 00") + static_cast<char>(sName.size()) + sName;
+    // CRC-32 0xa66abd52 (zlib.crc32 of the pattern), size 70000.
+    const std::string sHeader = Hex("52 bd 6a a6 70 11 01 00") + static_cast<char>(sName.size()) + sName;
     EXPECT_EQ(aoSent[0].GetCmdCode(), 0xDD3);
     EXPECT_EQ(aoSent[0].GetData(), sHeader + sContent.substr(0, 32768));
     EXPECT_EQ(aoSent[1].GetCmdCode(), 0xDD4);
@@ -392,17 +371,15 @@ TEST(TestSystemCOM, EmptyMissingAndNamedFiles)
     EXPECT_EQ(oClient.SentCount(), 1u);
 
     EXPECT_EQ(COrvaneClientTestSystemCOM::GetFileName("C:\\cfg/sub\\setup.cfg"), "setup.cfg");
-    EXPECT_EQ(COrvaneClientTestSystemCOM::GetFileName("setup.cfg"), "setup.cfg");
     EXPECT_EQ(COrvaneClientTestSystemCOM::GetFileName("cfg/"), "");
 
     const std::string sFoxPath = oDir.Write("fox.cfg", "The quick brown fox jumps over the lazy dog");
     oClient.ReplyWith("00");
     EXPECT_EQ(oClient.InstallConfig(sFoxPath, "night"), 0);
-    EXPECT_EQ(oClient.LastSent().GetCmdCode(), 0xDD5);
     // CRC-32 0x414fa339: zlib.crc32(b"The quick brown fox jumps over the lazy dog").
     const std::string sFox = COrvaneClientTestSystemCOM::GetFileName(sFoxPath);
-    EXPECT_EQ(oClient.LastSent().GetData(),
-              Hex("39 a3 4f 41") + static_cast<char>(sFox.size()) + sFox + Hex("05") + "night");
+    EXPECT_EQ(oClient.LastRequest(),
+              Req(0xDD5, Hex("39 a3 4f 41") + static_cast<char>(sFox.size()) + sFox + Hex("05") + "night"));
 }
 
 TEST(TestSystemCOM, ConfigurationNames)

@@ -1,15 +1,27 @@
 // Handles: numbering across successful and failed opens, an open whose
 // configuration fails, and closing a handle while other threads use it or
 // while its callbacks run. Handle numbers are checked relative to the first
-// one a test gets, so the tests also pass when repeated.
+// one a test gets, so the tests also pass when repeated. Last, the kinds
+// other than CAN, each against a loopback listener that answers the connect
+// handshake for the kind's connection identifier.
 #include "DeviceManager.h"
+#include "KelIPServerContainer.h"
+#include "OrvaneClientAWire.h"
+#include "OrvaneClientI2C.h"
+#include "OrvaneClientRenesas.h"
+#include "OrvaneClientSPI.h"
+#include "OrvaneClientTestSystem.h"
 #include "OrvaneDllCan.h"
 #include "OrvaneErrors.h"
+#include "OrvaneProtocol.h"
 #include "support/ApiSim.h"
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -57,9 +69,7 @@ TEST(DeviceManager, HandlesCountEveryAttemptPastTheParameterCheck)
 
     ASSERT_EQ(Open(oSim.CanPort(), &nHandle), 0);
     EXPECT_EQ(nHandle, nFirst + 6);
-    const std::shared_ptr<CDevice> poDevice = CDeviceManager::GetDevice(nHandle);
-    ASSERT_TRUE(poDevice);
-    EXPECT_EQ(poDevice->GetPort(), 5001 + 100 * oSim.CanPort());
+    ASSERT_TRUE(CDeviceManager::GetDevice(nHandle));
     const int nClosed = nHandle;
     EXPECT_EQ(CANCloseDevice(nClosed), 0);
     EXPECT_EQ(CANWrite(nClosed, 1, "a", 1, 0), CAN_ERROR_INVALID_HANDLE);
@@ -188,6 +198,71 @@ TEST(DeviceManager, CallbackClosesItsOwnHandle)
     CDeviceManager::WaitForReleasedDevices();
     EXPECT_TRUE(WaitUntil([&] { return oSim.ConnectedClients() == 1; }));
     EXPECT_EQ(CANCloseDevice(nWriter), 0);
+}
+
+// A listener on the TCP port of some port number of nType, found by trying
+// port numbers from one that differs between processes.
+struct SListener
+{
+    std::unique_ptr<CKelIPServerContainer> m_poContainer;
+    unsigned char m_nPort = 0;
+
+    explicit SListener(unsigned char nType)
+    {
+        for (int nTry = 0; nTry < 90; ++nTry)
+        {
+            const unsigned char nPort = static_cast<unsigned char>(10 + (getpid() + nTry) % 90);
+            std::unique_ptr<CKelIPServerContainer> poContainer(
+                new CKelIPServerContainer(nType, 4, OrvaneTcpPort(nType, nPort), false));
+            poContainer->StartListening();
+            if (poContainer->IsServerListening())
+            {
+                m_poContainer = std::move(poContainer);
+                m_nPort = nPort;
+                return;
+            }
+        }
+    }
+};
+
+template <class TClient>
+bool IsA(int nHandle)
+{
+    const CDeviceManager::CDeviceRef poDevice = CDeviceManager::GetDevice(nHandle);
+    return poDevice && dynamic_cast<TClient*>(poDevice->GetClient()) != nullptr;
+}
+
+TEST(DeviceKinds, EachBuiltKindOpensOnItsPort)
+{
+    struct SKind
+    {
+        unsigned char nType;
+        bool (*fnIsA)(int);
+    };
+    const SKind aoKinds[] = {
+        {eOrvaneI2C, IsA<COrvaneClientI2C>},
+        {eOrvaneSPI, IsA<COrvaneClientSPI>},
+        {eOrvaneRenesas, IsA<COrvaneClientRenesas>},
+        {eOrvaneTestSystemIO, IsA<COrvaneClientTestSystemIO>},
+        {eOrvaneTestSystemPWR, IsA<COrvaneClientTestSystemPWR>},
+        {eOrvaneTestSystemCOM, IsA<COrvaneClientTestSystemCOM>},
+        {eOrvaneAWire, IsA<COrvaneClientAWire>},
+    };
+    for (const SKind& oKind : aoKinds)
+    {
+        SCOPED_TRACE(+oKind.nType);
+        SListener oListener(oKind.nType);
+        ASSERT_TRUE(oListener.m_poContainer) << "no free port";
+        int nHandle = 0;
+        ASSERT_EQ(CDeviceManager::OpenDevice(&nHandle, HOST, TIMEOUT_MS, oKind.nType, oListener.m_nPort, 1, true), 0);
+        EXPECT_TRUE(oKind.fnIsA(nHandle));
+        const CDeviceManager::CDeviceRef poDevice = CDeviceManager::GetDevice(nHandle);
+        ASSERT_TRUE(poDevice);
+        EXPECT_EQ(poDevice->GetPort(), OrvaneTcpPort(oKind.nType, oListener.m_nPort));
+        EXPECT_EQ(poDevice->GetClient()->GetConnectState(), 3);
+        EXPECT_EQ(poDevice->GetClient()->GetDeviceType(), oKind.nType);
+        EXPECT_EQ(CDeviceManager::CloseDevice(nHandle), 0);
+    }
 }
 
 } // namespace
