@@ -73,7 +73,19 @@ long long LastCounter(const std::string& sOutput, const std::string& sName)
     return nAt == std::string::npos ? -1 : std::atoll(sOutput.c_str() + nAt + sName.size() + 2);
 }
 
-using BridgeVm = CBridgeProcesses;
+class BridgeVm : public CBridgeProcesses
+{
+protected:
+    // SIGINT and SIGHUP (SIGTERM: the fault tests) end the bridge soon with
+    // status 0, its device closed with a disconnect request.
+    void ExpectEndedBy(int nSignal)
+    {
+        const int nDisconnects = Count(m_poSim->Output(), ": disconnected");
+        m_poBridge->Signal(nSignal);
+        EXPECT_TRUE(ExitedWith(m_poBridge->WaitExit(3000), 0)) << strsignal(nSignal) << ": no status 0 within 3 s";
+        EXPECT_TRUE(WaitUntil([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
+    }
+};
 
 // -t 2 means on, -s x off; with -d 1 the gateway adds its time stamp to every
 // frame it indicates. Bursts queue up in the sockets, so frames cross in
@@ -114,6 +126,7 @@ TEST_F(BridgeVm, OptionsReachTheGatewayAndBurstsCrossInBatchesInOrderBothWays)
     EXPECT_TRUE(WaitForBridge(
         "counters: to_gateway=3000 from_gateway=3000 dropped=0 kernel_dropped=0 reconnects=0 state=connected\n"));
     EXPECT_EQ(UnexplainedLines(BridgeOutput()), "");
+    ExpectEndedBy(SIGINT);
 }
 
 // The gateway goes while a burst is crossing: the loss is reported once, the
@@ -170,6 +183,7 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
     EXPECT_EQ(Count(sOutput, LOST), 1);
     EXPECT_EQ(Count(sOutput, "Orvane Error:"), Count(sOutput, NOT_ESTABLISHED));
     EXPECT_EQ(UnexplainedLines(sOutput), "");
+    ExpectEndedBy(SIGHUP);
 }
 
 // The simulator answers nothing after its second telegram (the bit-rate
@@ -185,28 +199,6 @@ TEST_F(BridgeVm, FrozenGatewayIsFoundByTheAliveProtocolAndReconnected)
     ASSERT_TRUE(WaitForBridge(LOST, 1, 15000)) << "not noticed within about one alive period of 5 s";
     ASSERT_TRUE(WaitForBridge(ESTABLISHED, 2));
     EXPECT_EQ(Count(BridgeOutput(), LOST), 1);
-}
-
-// SIGINT, SIGTERM and SIGHUP end the bridge soon with status 0.
-TEST_F(BridgeVm, SignalsEndTheBridgeSoonWithStatusZero)
-{
-    StartSim();
-    for (const int nSignal : {SIGINT, SIGTERM, SIGHUP})
-    {
-        SCOPED_TRACE(strsignal(nSignal));
-        const bool bGatewayUp = nSignal != SIGHUP;
-        if (!bGatewayUp)
-            StopSim();
-        const int nDisconnects = Count(m_poSim->Output(), ": disconnected");
-        StartBridge();
-        ASSERT_TRUE(WaitForBridge(bGatewayUp ? ESTABLISHED : NOT_ESTABLISHED));
-        m_poBridge->Signal(nSignal);
-        EXPECT_TRUE(ExitedWith(m_poBridge->WaitExit(3000), 0)) << "not ended with status 0 within 3 s";
-        if (bGatewayUp) // the device was closed with a disconnect request
-        {
-            EXPECT_TRUE(WaitUntil([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
-        }
-    }
 }
 
 } // namespace
