@@ -93,8 +93,17 @@ TEST(SimOptions, BadCommandLinesAreRefused)
     }
 }
 
-TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
+TEST(SimProgram, HelpBadOptionAndServingUntilSigtermThenCounters)
 {
+    const SProgramRun oHelp = RunProgram({GATEWAY_SIM_BINARY, "--help"});
+    EXPECT_EQ(oHelp.nExit, 0);
+    EXPECT_EQ(oHelp.sOut.rfind("Usage: " GATEWAY_SIM_BINARY " [<options>] [<CAN port> ...]", 0), 0u) << oHelp.sOut;
+    for (const char* pcPorts : {"5001 + 100 * P", "5013 + 100 * P"}) // the CAN and aWire ports of port P
+        EXPECT_NE(oHelp.sOut.find(pcPorts), std::string::npos) << pcPorts;
+    const SProgramRun oBad = RunProgram({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
+    EXPECT_EQ(oBad.nExit, 2);
+    EXPECT_NE(oBad.sErr.find("invalid --fail \"nonsense\""), std::string::npos) << oBad.sErr;
+
     CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
     const std::string sListening = "listening on 127.0.0.1:"; // the port the system chose follows
     ASSERT_TRUE(oProgram.WaitForOutput(sListening)) << oProgram.Output();
@@ -121,18 +130,6 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
                               "counters: telegrams=2 confirmations=1 frames_in=0 frames_out=0",
                               "errors=1 (crc=1 length=0 unknown_command=0)"})
         EXPECT_NE(sOut.find(pText), std::string::npos) << pText << "\n" << sOut;
-}
-
-TEST(SimProgram, HelpAndBadOption)
-{
-    const SProgramRun oHelp = RunProgram({GATEWAY_SIM_BINARY, "--help"});
-    EXPECT_EQ(oHelp.nExit, 0);
-    EXPECT_EQ(oHelp.sOut.rfind("Usage: " GATEWAY_SIM_BINARY " [<options>] [<CAN port> ...]", 0), 0u) << oHelp.sOut;
-    for (const char* pcPorts : {"5001 + 100 * P", "5013 + 100 * P"}) // the CAN and aWire ports of port P
-        EXPECT_NE(oHelp.sOut.find(pcPorts), std::string::npos) << pcPorts;
-    const SProgramRun oBad = RunProgram({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
-    EXPECT_EQ(oBad.nExit, 2);
-    EXPECT_NE(oBad.sErr.find("invalid --fail \"nonsense\""), std::string::npos) << oBad.sErr;
 }
 
 } // namespace
