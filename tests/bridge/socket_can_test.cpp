@@ -60,26 +60,18 @@ TEST(SocketCanErrorText, EveryCodeHasItsExactLineAndOtherCodesPrintNothing)
         EXPECT_EQ("", errorText(code)) << "code " << code;
 }
 
-// Each state goes out as one datagram, to a path or to an abstract name.
-TEST(ServiceNotifier, SendsOneDatagramPerStateToPathAndAbstractSockets)
+// Each state goes out as one datagram; here to an abstract name (the VM tests
+// of the bridge use a path). Outside a service manager, or with a name it
+// cannot use, the notifier opens nothing and sends nothing.
+TEST(ServiceNotifier, SendsOneDatagramPerStateOnlyToAUsableSocket)
 {
-    const std::string sPath = "/tmp/orvane-notify-" + std::to_string(getpid());
-    for (const std::string& sName : {sPath, "@orvane-notify-" + std::to_string(getpid())})
-    {
-        SCOPED_TRACE(sName);
-        OrvaneTest::CServiceManager oManager(sName);
-        CServiceNotifier oNotifier;
-        ASSERT_TRUE(oNotifier.IsActive());
-        EXPECT_TRUE(oNotifier.Notify("READY=1\nSTATUS=up"));
-        EXPECT_TRUE(oNotifier.Notify("WATCHDOG=1"));
-        EXPECT_EQ(oManager.Messages(), (std::vector<std::string>{"READY=1\nSTATUS=up", "WATCHDOG=1"}));
-    }
-}
+    OrvaneTest::CServiceManager oManager("@orvane-notify-" + std::to_string(getpid()));
+    CServiceNotifier oActive;
+    ASSERT_TRUE(oActive.IsActive());
+    EXPECT_TRUE(oActive.Notify("READY=1\nSTATUS=up"));
+    EXPECT_TRUE(oActive.Notify("WATCHDOG=1"));
+    EXPECT_EQ(oManager.Messages(), (std::vector<std::string>{"READY=1\nSTATUS=up", "WATCHDOG=1"}));
 
-// Outside a service manager, or with a name it cannot use, the notifier
-// opens nothing and sends nothing.
-TEST(ServiceNotifier, WithoutAUsableNotifySocketNothingIsOpenedOrSent)
-{
     unsetenv("NOTIFY_SOCKET");
     for (const char* pcName : {static_cast<const char*>(nullptr), "", "relative/socket", "@"})
     {

@@ -79,7 +79,7 @@ TEST(SimOptions, DefaultsAndEveryOption)
     }
 }
 
-TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
+TEST(SimOptions, BadCommandLinesAreRefused)
 {
     for (const char* pcLine :
          {"--fail 0x207", "--fail 0x207=0", "--fail x=1", "--max-clients 0", "--load -5", "646", "1 1",
@@ -91,19 +91,19 @@ TEST(SimOptions, BadCommandLinesAreRefusedAndHelpNamesEveryOption)
         EXPECT_EQ(Parse(pcLine, oOptions, sError), EParseResult::eError) << pcLine;
         EXPECT_FALSE(sError.empty());
     }
-    SSimOptions oOptions;
-    std::string sError;
-    EXPECT_EQ(Parse("--help", oOptions, sError), EParseResult::eHelp);
-    const std::string sHelp = HelpText("orvane-gateway-sim");
-    for (const char* pWord :
-         {"--bind", "--tcp-base", "--echo", "--socketcan", "--load", "--max-clients", "--fail", "--freeze-after",
-          "--close-after", "5001 + 100 * P", "SIGTERM", "--awire", "--awire-flash", "--awire-page", "--awire-delay",
-          "--awire-fail-block", "--awire-fail-status", "5013 + 100 * P"})
-        EXPECT_NE(sHelp.find(pWord), std::string::npos) << pWord;
 }
 
-TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
+TEST(SimProgram, HelpBadOptionAndServingUntilSigtermThenCounters)
 {
+    const SProgramRun oHelp = RunProgram({GATEWAY_SIM_BINARY, "--help"});
+    EXPECT_EQ(oHelp.nExit, 0);
+    EXPECT_EQ(oHelp.sOut.rfind("Usage: " GATEWAY_SIM_BINARY " [<options>] [<CAN port> ...]", 0), 0u) << oHelp.sOut;
+    for (const char* pcPorts : {"5001 + 100 * P", "5013 + 100 * P"}) // the CAN and aWire ports of port P
+        EXPECT_NE(oHelp.sOut.find(pcPorts), std::string::npos) << pcPorts;
+    const SProgramRun oBad = RunProgram({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
+    EXPECT_EQ(oBad.nExit, 2);
+    EXPECT_NE(oBad.sErr.find("invalid --fail \"nonsense\""), std::string::npos) << oBad.sErr;
+
     CChildProcess oProgram({"orvane-gateway-sim", "--tcp-base", "0"}, GATEWAY_SIM_BINARY);
     const std::string sListening = "listening on 127.0.0.1:"; // the port the system chose follows
     ASSERT_TRUE(oProgram.WaitForOutput(sListening)) << oProgram.Output();
@@ -130,16 +130,6 @@ TEST(SimProgram, ServesUntilSigtermThenPrintsCounters)
                               "counters: telegrams=2 confirmations=1 frames_in=0 frames_out=0",
                               "errors=1 (crc=1 length=0 unknown_command=0)"})
         EXPECT_NE(sOut.find(pText), std::string::npos) << pText << "\n" << sOut;
-}
-
-TEST(SimProgram, HelpAndBadOption)
-{
-    const SProgramRun oHelp = RunProgram({GATEWAY_SIM_BINARY, "--help"});
-    EXPECT_EQ(oHelp.nExit, 0);
-    EXPECT_EQ(oHelp.sOut.rfind("Usage: " GATEWAY_SIM_BINARY " [<options>] [<CAN port> ...]", 0), 0u) << oHelp.sOut;
-    const SProgramRun oBad = RunProgram({GATEWAY_SIM_BINARY, "--fail", "nonsense"});
-    EXPECT_EQ(oBad.nExit, 2);
-    EXPECT_NE(oBad.sErr.find("invalid --fail \"nonsense\""), std::string::npos) << oBad.sErr;
 }
 
 } // namespace

@@ -18,8 +18,6 @@ class HexProgram : public ::testing::Test
 {
 protected:
     void SetUp() override { ASSERT_FALSE(m_oDir.Path().empty()); }
-    std::string File(const std::string& sName) const { return m_oDir.Read(sName); }
-    void Write(const std::string& sName, const std::string& sText) const { m_oDir.Write(sName, sText); }
     // Runs the program in the test's folder.
     SProgramRun Run(const std::string& sArgs) const
     {
@@ -53,7 +51,7 @@ TEST_F(HexProgram, HelpAndBadCommandLines)
 
 TEST_F(HexProgram, InfoListsBlocksAndTotal)
 {
-    Write("two.hex", kTwoBlocks);
+    m_oDir.Write("two.hex", kTwoBlocks);
     const SProgramRun oRun = Run("info two.hex");
     EXPECT_EQ(oRun.nExit, 0) << oRun.sErr;
     EXPECT_EQ(oRun.sOut,
@@ -62,7 +60,7 @@ TEST_F(HexProgram, InfoListsBlocksAndTotal)
               "0x00000000  0x00000003  4 byte\n"
               "0x00010000  0x00010001  2 byte\n"
               "Total: 6 byte\n");
-    Write("k.bin", std::string(2048, '\x5A'));
+    m_oDir.Write("k.bin", std::string(2048, '\x5A'));
     EXPECT_EQ(Run("info k.bin").sOut,
               "k.bin: binary, 1 block\n"
               "Start       End         Size\n"
@@ -74,16 +72,16 @@ TEST_F(HexProgram, ConvertsThroughAllThreeForms)
 {
     // One block at 0: bin -> srec -> intel -> bin gives the same bytes back.
     const std::string sData = OrvaneTest::Pattern(300, 1);
-    Write("in.bin", sData);
+    m_oDir.Write("in.bin", sData);
     ASSERT_EQ(Run("convert --to srec in.bin a.s19").nExit, 0);
-    EXPECT_EQ(File("a.s19").substr(0, 2), "S1");
+    EXPECT_EQ(m_oDir.Read("a.s19").substr(0, 2), "S1");
     ASSERT_EQ(Run("convert a.s19 -t intel b.hex").nExit, 0);
-    EXPECT_EQ(File("b.hex").substr(0, 9), ":10000000");
+    EXPECT_EQ(m_oDir.Read("b.hex").substr(0, 9), ":10000000");
     ASSERT_EQ(Run("convert --to=bin b.hex c.bin").nExit, 0);
-    EXPECT_EQ(File("c.bin"), sData);
+    EXPECT_EQ(m_oDir.Read("c.bin"), sData);
     // --from overrides detection: the text file read as binary.
     ASSERT_EQ(Run("convert --from bin --to bin b.hex d.bin").nExit, 0);
-    EXPECT_EQ(File("d.bin"), File("b.hex"));
+    EXPECT_EQ(m_oDir.Read("d.bin"), m_oDir.Read("b.hex"));
 }
 
 TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
@@ -91,15 +89,15 @@ TEST_F(HexProgram, ReportsFailuresAndKeepsDataOnlyWhenAsked)
     const SProgramRun oMissing = Run("info missing.hex");
     EXPECT_EQ(oMissing.nExit, 1);
     EXPECT_EQ(oMissing.sErr, "orvane-hex: File <missing.hex> could not be opened.\n");
-    Write("two.hex", kTwoBlocks);
+    m_oDir.Write("two.hex", kTwoBlocks);
     const SProgramRun oTwo = Run("convert --to bin two.hex out.bin");
     EXPECT_EQ(oTwo.nExit, 1);
     EXPECT_NE(oTwo.sErr.find("orvane-hex: Data could not be saved in binary format"), std::string::npos) << oTwo.sErr;
 
     // A bad checksum (F3 for F2) and a line that cannot be read take
     // different ways; both fail the load unless --ignore-errors keeps the data.
-    Write("sum.hex", ":0400000001020304F3\n:00000001FF\n");
-    Write("junk.hex", ":0400000001020304F2\njunk\n");
+    m_oDir.Write("sum.hex", ":0400000001020304F3\n:00000001FF\n");
+    m_oDir.Write("junk.hex", ":0400000001020304F2\njunk\n");
     for (const auto& oCase : {std::make_pair("sum.hex", "File <sum.hex>: checksum error."),
                               std::make_pair("junk.hex", "junk.hex: bad lines")})
     {

@@ -16,6 +16,9 @@ namespace OrvaneTest
 namespace
 {
 
+// What CCanDump sends to see that candump listens.
+const std::string PROBE = "1FFFFFFF#5EED";
+
 // A file name of its own for each output of this test process.
 std::string OutputPath(const char* pcSuffix)
 {
@@ -131,11 +134,6 @@ std::vector<std::string> Words(const std::string& sLine)
     for (std::string sWord; oWords >> sWord;)
         asWords.push_back(sWord);
     return asWords;
-}
-
-namespace
-{
-const std::string PROBE = "1FFFFFFF#5EED";
 }
 
 bool CanSend(const std::string& sInterface, const std::string& sFrame)

@@ -21,19 +21,13 @@ long long NowMs()
         .count();
 }
 
-// Waits until nSocket is readable; false when the deadline passed first.
+// Waits until nSocket is readable, or has an error that the next call
+// reports; false when the deadline passed first.
 bool WaitReadable(int nSocket, long long nDeadlineMs)
 {
-    for (;;)
-    {
-        const long long nLeft = nDeadlineMs - NowMs();
-        pollfd oEntry{nSocket, POLLIN, 0};
-        const int nResult = poll(&oEntry, 1, nLeft > 0 ? static_cast<int>(nLeft) : 0);
-        if (nResult != 0)
-            return true; // readable, or an error that the next call reports
-        if (nLeft <= 0)
-            return false;
-    }
+    const long long nLeft = nDeadlineMs - NowMs();
+    pollfd oEntry{nSocket, POLLIN, 0};
+    return poll(&oEntry, 1, nLeft > 0 ? static_cast<int>(nLeft) : 0) != 0;
 }
 } // namespace
 

@@ -32,7 +32,6 @@ public:
     // nId: connect request out, confirmation with result 0 back.
     bool Open(unsigned short nPort, unsigned char nId = DEVICE_CAN);
     bool IsOpen() const { return m_nSocket >= 0; }
-    int Socket() const { return m_nSocket; }
     void Close();
 
     bool Send(const std::string& sBytes);

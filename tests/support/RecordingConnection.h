@@ -25,55 +25,45 @@ public:
 
     void ConnectInd(bool bConnected) override
     {
-        Record([&] { ++m_anInd[bConnected]; });
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        ++m_anInd[bConnected];
+        m_oChanged.notify_all();
     }
     void DataInd(const char* pData, unsigned short nLength) override
     {
         const std::string sMessage(pData, nLength);
         if (m_fOnData)
             m_fOnData(*this, sMessage);
-        Record([&] { m_asMessages.push_back(sMessage); });
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        m_asMessages.push_back(sMessage);
+        m_oChanged.notify_all();
     }
     bool WaitForMessages(size_t nCount)
     {
-        return Wait([&] { return m_asMessages.size() >= nCount; });
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        return m_oChanged.wait_for(oLock, WAIT, [&] { return m_asMessages.size() >= nCount; });
     }
     bool WaitForConnectInd(bool bConnected, int nCount)
     {
-        return Wait([&] { return m_anInd[bConnected] >= nCount; });
+        std::unique_lock<std::mutex> oLock(m_oMutex);
+        return m_oChanged.wait_for(oLock, WAIT, [&] { return m_anInd[bConnected] >= nCount; });
     }
     std::vector<std::string> Messages()
     {
-        return Read([&] { return m_asMessages; });
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_asMessages;
     }
     int ConnectIndCount(bool bConnected)
     {
-        return Read([&] { return m_anInd[bConnected]; });
+        std::lock_guard<std::mutex> oLock(m_oMutex);
+        return m_anInd[bConnected];
     }
 
     // Called on the read thread with each message before it is recorded.
     std::function<void(CRecordingConnection&, const std::string&)> m_fOnData;
 
 private:
-    template <class F>
-    void Record(F fChange)
-    {
-        std::lock_guard<std::mutex> oLock(m_oMutex);
-        fChange();
-        m_oChanged.notify_all();
-    }
-    template <class F>
-    auto Read(F fRead) -> decltype(fRead())
-    {
-        std::lock_guard<std::mutex> oLock(m_oMutex);
-        return fRead();
-    }
-    template <class F>
-    bool Wait(F fCondition)
-    {
-        std::unique_lock<std::mutex> oLock(m_oMutex);
-        return m_oChanged.wait_for(oLock, std::chrono::milliseconds(WAIT_MS), fCondition);
-    }
+    static constexpr std::chrono::milliseconds WAIT{WAIT_MS};
 
     std::mutex m_oMutex;
     std::condition_variable m_oChanged;

@@ -35,17 +35,6 @@ _can_msg_t makeRecord(uint32_t id, int ext, int rtr, const Bytes& data)
     return msg;
 }
 
-// Calls can_receive through empty seconds until a frame or another error
-// arrives; returns the last result and counts the empty ones.
-int receiveWithin(_can_msg_t& msg, int& empties)
-{
-    const auto deadline = Clock::now() + std::chrono::seconds(10); // generous: the VM is slow
-    int result;
-    while ((result = can_receive(&msg)) == -30 && Clock::now() < deadline)
-        ++empties;
-    return result;
-}
-
 // An adapter started on vcan0. Its filter list and flags would exclude every
 // frame these tests send if they were applied; the adapter ignores them.
 class StartedAdapterTest : public ::testing::Test
@@ -84,8 +73,14 @@ TEST_F(StartedAdapterTest, FramesFromCansendArriveWithIdentifierFlagsLengthAndDa
     {
         SCOPED_TRACE(expected.cansend);
         ASSERT_TRUE(CanSend("vcan0", expected.cansend));
+        // Through empty seconds, each counted, until the frame arrives
+        // (generous: the VM is slow).
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
         _can_msg_t msg{};
-        ASSERT_EQ(0, receiveWithin(msg, empties));
+        int result;
+        while ((result = can_receive(&msg)) == -30 && Clock::now() < deadline)
+            ++empties;
+        ASSERT_EQ(0, result);
         EXPECT_EQ(expected.id, msg.id);
         EXPECT_EQ(expected.ext, msg.ext);
         EXPECT_EQ(expected.rtr, msg.rtr);
@@ -129,23 +124,6 @@ TEST_F(StartedAdapterTest, CandumpSeesTransmittedFramesWithTheSameBytes)
     {
         EXPECT_EQ(entry.logged, candump.NextFrame());
     }
-}
-
-TEST_F(StartedAdapterTest, EmptyBusTimesOutAfterOneSecond)
-{
-    // A busy host may stretch one wait, so one of three has to end near a second.
-    bool aboutOneSecond = false;
-    for (int attempt = 0; attempt < 3 && !aboutOneSecond; ++attempt)
-    {
-        _can_msg_t msg{};
-        const auto start = Clock::now();
-        ASSERT_EQ(-30, can_receive(&msg));
-        const auto waited = Clock::now() - start;
-        EXPECT_GE(waited, std::chrono::milliseconds(990));
-        aboutOneSecond = waited < std::chrono::milliseconds(1500);
-    }
-    EXPECT_TRUE(aboutOneSecond) << "every empty receive took 1.5 s or more";
-    EXPECT_EQ(CAN_STATUS_RX_EMPTY, socket_can::Status());
 }
 
 TEST(SocketCanAdapter, StateMachineFromFailedInitThroughStartToExit)

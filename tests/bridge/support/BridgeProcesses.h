@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -89,6 +90,31 @@ public:
 private:
     int m_nSocket;
 };
+
+// Frame nIndex of a burst: standard and extended identifiers, every length,
+// the index in the first data bytes; remote frames now and then.
+inline can_frame BurstFrame(unsigned int nIndex)
+{
+    can_frame oFrame{};
+    oFrame.can_id = nIndex % 5 == 0 ? (CAN_EFF_FLAG | (nIndex * 2654435761u & CAN_EFF_MASK)) : nIndex % 0x800;
+    if (nIndex % 97 == 0)
+        oFrame.can_id |= CAN_RTR_FLAG;
+    else
+        oFrame.can_dlc = static_cast<unsigned char>(nIndex % 9);
+    for (unsigned int i = 0; i < oFrame.can_dlc; ++i)
+        oFrame.data[i] = static_cast<unsigned char>(nIndex >> (8 * (i % 4)));
+    return oFrame;
+}
+
+// The frame as text, for comparing and for messages.
+inline std::string Text(const can_frame& oFrame)
+{
+    std::ostringstream oText;
+    oText << std::hex << oFrame.can_id << "#" << int(oFrame.can_dlc);
+    for (unsigned int i = 0; i < oFrame.can_dlc && i < CAN_MAX_DLEN; ++i)
+        oText << "." << int(oFrame.data[i]);
+    return oText.str();
+}
 
 // A service manager's end of the notify socket, bound to a path or ('@'
 // first) an abstract name, with NOTIFY_SOCKET naming it while the object
@@ -167,7 +193,6 @@ protected:
         m_poSim = std::make_unique<CChildProcess>(asArgs);
         ASSERT_TRUE(m_poSim->WaitForOutput("listening on 127.0.0.1:5001", PATIENCE_MS)) << m_poSim->Output();
     }
-    void StopSim() { ASSERT_TRUE(ExitedWith(m_poSim->Stop(SIGTERM), 0)); }
 
     void StartBridge(const std::vector<std::string>& asOptions = {})
     {
@@ -176,6 +201,27 @@ protected:
         m_poBridge = std::make_unique<CChildProcess>(asArgs);
     }
     std::string BridgeOutput() const { return m_poBridge->Output(); }
+    // Frames nFirst to nFirst + nCount - 1 of a burst, sent each way once
+    // the link is up: every one arrives once, unchanged and in order. Frames
+    // with identifier nOther (other traffic on the buses) are passed over.
+    static void ExpectBurstBothWays(unsigned int nFirst, unsigned int nCount, canid_t nOther = CAN_ERR_FLAG)
+    {
+        for (const auto& oWay : {std::make_pair("vcan0", "vcan1"), std::make_pair("vcan1", "vcan0")})
+        {
+            SCOPED_TRACE(std::string(oWay.first) + " -> " + oWay.second);
+            CRawCan oReceiver(oWay.second), oSender(oWay.first, false);
+            for (unsigned int i = nFirst; i < nFirst + nCount; ++i)
+                ASSERT_TRUE(oSender.Send(BurstFrame(i)));
+            for (unsigned int i = nFirst; i < nFirst + nCount; ++i)
+            {
+                can_frame oFrame{};
+                do
+                    ASSERT_TRUE(oReceiver.Receive(oFrame)) << "frame " << i << " of " << nFirst << " + " << nCount;
+                while (oFrame.can_id == nOther);
+                ASSERT_EQ(Text(oFrame), Text(BurstFrame(i))) << "frame " << i;
+            }
+        }
+    }
     // True once the bridge has printed sLine at least nCount times.
     bool WaitForBridge(const std::string& sLine, int nCount = 1, unsigned int nTimeoutMs = PATIENCE_MS) const
     {

@@ -6,7 +6,7 @@
 #include "OrvaneDllCan.h"
 
 #include <cstring>
-#include <sstream>
+#include <regex>
 #include <thread>
 #include <tuple>
 
@@ -15,54 +15,17 @@ using namespace OrvaneTest;
 namespace
 {
 
-// Lines of the bridge's output that none of its start-up and connection
-// messages explain.
+// What is left of the bridge's output when its start-up, connection and
+// counter messages are taken out: lines that none of them explain.
 std::string UnexplainedLines(const std::string& sOutput)
 {
-    const std::vector<std::string> asKnown = {"orvane-bridge (Connection between SocketCAN and Orvane CAN)",
-                                              "Hardware=vcan0...OK!",
-                                              "Press ^C to abort.",
-                                              ESTABLISHED.substr(0, ESTABLISHED.size() - 1),
-                                              LOST.substr(0, LOST.size() - 1),
-                                              NOT_ESTABLISHED.substr(0, NOT_ESTABLISHED.size() - 1),
-                                              "Orvane Error:",
-                                              "counters: ",
-                                              "****"};
-    std::istringstream oLines(sOutput);
-    std::string sLine, sUnexplained;
-    while (std::getline(oLines, sLine))
-    {
-        bool bKnown = sLine.empty();
-        for (const std::string& sKnown : asKnown)
-            bKnown = bKnown || sLine.compare(0, sKnown.size(), sKnown) == 0;
-        if (!bKnown)
-            sUnexplained += sLine + "\n";
-    }
-    return sUnexplained;
-}
-
-// Frame nIndex of a burst: standard and extended identifiers, every length,
-// the index in the first data bytes; remote frames now and then.
-can_frame BurstFrame(unsigned int nIndex)
-{
-    can_frame oFrame{};
-    oFrame.can_id = nIndex % 5 == 0 ? (CAN_EFF_FLAG | (nIndex * 2654435761u & CAN_EFF_MASK)) : nIndex % 0x800;
-    if (nIndex % 97 == 0)
-        oFrame.can_id |= CAN_RTR_FLAG;
-    else
-        oFrame.can_dlc = static_cast<unsigned char>(nIndex % 9);
-    for (unsigned int i = 0; i < oFrame.can_dlc; ++i)
-        oFrame.data[i] = static_cast<unsigned char>(nIndex >> (8 * (i % 4)));
-    return oFrame;
-}
-
-std::string Text(const can_frame& oFrame)
-{
-    std::ostringstream oText;
-    oText << std::hex << oFrame.can_id << "#" << int(oFrame.can_dlc);
-    for (unsigned int i = 0; i < oFrame.can_dlc && i < CAN_MAX_DLEN; ++i)
-        oText << "." << int(oFrame.data[i]);
-    return oText.str();
+    static const std::regex oKnown("(orvane-bridge \\(Connection between SocketCAN and Orvane CAN\\)"
+                                   "|Hardware=vcan0\\.\\.\\.OK!|Press \\^C to abort\\."
+                                   "|\\+\\+\\+ connection to Orvane CAN established"
+                                   "|\\+\\+\\+ error: connection to Orvane CAN lost, reconnecting"
+                                   "|\\+\\+\\+ error: could not establish connection to Orvane CAN"
+                                   "|Orvane Error:|counters: |\\*\\*\\*\\*).*\n|\n");
+    return std::regex_replace(sOutput, oKnown, "");
 }
 
 // The value of "name=" in the bridge's last counters line, -1 when absent.
@@ -73,12 +36,23 @@ long long LastCounter(const std::string& sOutput, const std::string& sName)
     return nAt == std::string::npos ? -1 : std::atoll(sOutput.c_str() + nAt + sName.size() + 2);
 }
 
-using BridgeVm = CBridgeProcesses;
+class BridgeVm : public CBridgeProcesses
+{
+protected:
+    // SIGINT and SIGHUP (SIGTERM: the fault tests) end the bridge soon with
+    // status 0, its device closed with a disconnect request.
+    void ExpectEndedBy(int nSignal)
+    {
+        const int nDisconnects = Count(m_poSim->Output(), ": disconnected");
+        m_poBridge->Signal(nSignal);
+        EXPECT_TRUE(ExitedWith(m_poBridge->WaitExit(3000), 0)) << strsignal(nSignal) << ": no status 0 within 3 s";
+        EXPECT_TRUE(WaitUntil([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
+    }
+};
 
 // -t 2 means on, -s x off; with -d 1 the gateway adds its time stamp to every
 // frame it indicates. Bursts queue up in the sockets, so frames cross in
-// batches of what is there; every frame arrives once, unchanged and in
-// order, both ways.
+// batches of what is there.
 TEST_F(BridgeVm, OptionsReachTheGatewayAndBurstsCrossInBatchesInOrderBothWays)
 {
     StartSim();
@@ -96,24 +70,12 @@ TEST_F(BridgeVm, OptionsReachTheGatewayAndBurstsCrossInBatchesInOrderBothWays)
     EXPECT_EQ(std::make_tuple(nBaudrate, int(nMode), bTermination, bHighSpeed, bTimeStamp),
               std::make_tuple(500000u, 0, 1, 0, 1));
 
-    constexpr unsigned int COUNT = 3000;
-    for (const auto& oWay : {std::make_pair("vcan0", "vcan1"), std::make_pair("vcan1", "vcan0")})
-    {
-        SCOPED_TRACE(std::string(oWay.first) + " -> " + oWay.second);
-        CRawCan oReceiver(oWay.second), oSender(oWay.first, false);
-        for (unsigned int i = 0; i < COUNT; ++i)
-            ASSERT_TRUE(oSender.Send(BurstFrame(i)));
-        for (unsigned int i = 0; i < COUNT; ++i)
-        {
-            can_frame oFrame{};
-            ASSERT_TRUE(oReceiver.Receive(oFrame)) << "frame " << i << " of " << COUNT;
-            ASSERT_EQ(Text(oFrame), Text(BurstFrame(i))) << "frame " << i;
-        }
-    }
+    ExpectBurstBothWays(0, 3000);
     m_poBridge->Signal(SIGUSR1);
     EXPECT_TRUE(WaitForBridge(
         "counters: to_gateway=3000 from_gateway=3000 dropped=0 kernel_dropped=0 reconnects=0 state=connected\n"));
     EXPECT_EQ(UnexplainedLines(BridgeOutput()), "");
+    ExpectEndedBy(SIGINT);
 }
 
 // The gateway goes while a burst is crossing: the loss is reported once, the
@@ -135,7 +97,7 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
     can_frame oFrame{};
     for (int i = 0; i < 500; ++i)
         ASSERT_TRUE(oReceiver.Receive(oFrame));
-    StopSim();
+    ASSERT_TRUE(ExitedWith(m_poSim->Stop(SIGTERM), 0));
     oSender.join();
     ASSERT_TRUE(WaitForBridge(LOST));
 
@@ -160,16 +122,11 @@ TEST_F(BridgeVm, GatewayLostInABurstIsReportedOnceRetriedAndEveryFrameAccountedF
               COUNT + 4)
         << sOutput;
     EXPECT_GE(LastCounter(sOutput, "to_gateway"), 501);
-    EXPECT_GE(LastCounter(sOutput, "dropped"), 3);
-    EXPECT_EQ(LastCounter(sOutput, "from_gateway"), 0);
-    CCanDump oLocal("vcan0");
-    ASSERT_TRUE(oLocal.WaitUntilListening());
-    ASSERT_TRUE(CanSend("vcan1", "3CC#BEEF"));
-    EXPECT_EQ(oLocal.NextFrame(), "3CC#BEEF") << "vcan1 -> vcan0";
 
     EXPECT_EQ(Count(sOutput, LOST), 1);
     EXPECT_EQ(Count(sOutput, "Orvane Error:"), Count(sOutput, NOT_ESTABLISHED));
     EXPECT_EQ(UnexplainedLines(sOutput), "");
+    ExpectEndedBy(SIGHUP);
 }
 
 // The simulator answers nothing after its second telegram (the bit-rate
@@ -185,28 +142,6 @@ TEST_F(BridgeVm, FrozenGatewayIsFoundByTheAliveProtocolAndReconnected)
     ASSERT_TRUE(WaitForBridge(LOST, 1, 15000)) << "not noticed within about one alive period of 5 s";
     ASSERT_TRUE(WaitForBridge(ESTABLISHED, 2));
     EXPECT_EQ(Count(BridgeOutput(), LOST), 1);
-}
-
-// SIGINT, SIGTERM and SIGHUP end the bridge soon with status 0.
-TEST_F(BridgeVm, SignalsEndTheBridgeSoonWithStatusZero)
-{
-    StartSim();
-    for (const int nSignal : {SIGINT, SIGTERM, SIGHUP})
-    {
-        SCOPED_TRACE(strsignal(nSignal));
-        const bool bGatewayUp = nSignal != SIGHUP;
-        if (!bGatewayUp)
-            StopSim();
-        const int nDisconnects = Count(m_poSim->Output(), ": disconnected");
-        StartBridge();
-        ASSERT_TRUE(WaitForBridge(bGatewayUp ? ESTABLISHED : NOT_ESTABLISHED));
-        m_poBridge->Signal(nSignal);
-        EXPECT_TRUE(ExitedWith(m_poBridge->WaitExit(3000), 0)) << "not ended with status 0 within 3 s";
-        if (bGatewayUp) // the device was closed with a disconnect request
-        {
-            EXPECT_TRUE(WaitUntil([&] { return Count(m_poSim->Output(), ": disconnected") > nDisconnects; }));
-        }
-    }
 }
 
 } // namespace
