@@ -176,6 +176,9 @@ ssize_t readFrame(int fd, struct can_frame* frame, int flags)
     return count;
 }
 
+// Frames moved by one recvmmsg or sendmmsg call at the most.
+constexpr int kBatch = 64;
+
 // Header of one message of a batch read: the frame and room for its
 // receive time and the drop count.
 struct BatchSlot
@@ -412,7 +415,6 @@ extern "C" int can_receive_batch(_can_msg_t* msgs, int max, int* count)
     if (max < 1)
         return CAN_RC_ILLEGAL_PARAMETER;
 
-    constexpr int kBatch = 64;
     const unsigned int slots = static_cast<unsigned int>(max < kBatch ? max : kBatch);
     BatchSlot slot[kBatch];
     struct mmsghdr headers[kBatch];
@@ -472,7 +474,6 @@ extern "C" int can_transmit_batch(const _can_msg_t* msgs, int count, int* sent)
     if ((msgs == nullptr && count > 0) || sent == nullptr)
         return CAN_RC_NULL_POINTER;
     *sent = 0;
-    constexpr int kBatch = 64;
     struct can_frame frames[kBatch];
     struct iovec vectors[kBatch];
     struct mmsghdr headers[kBatch];
@@ -581,14 +582,13 @@ extern "C" int can_discard_pending(void)
 {
     if (!init)
         return CAN_RC_NOT_INIT;
-    constexpr unsigned int kBatch = 64;
     BatchSlot slot[kBatch];
     struct mmsghdr headers[kBatch];
     int discarded = 0;
     for (;;)
     {
-        prepareBatch(slot, headers, kBatch); // recvmmsg shortens the control lengths
-        const int count = recvmmsg(descriptor, headers, kBatch, MSG_DONTWAIT, nullptr);
+        prepareBatch(slot, headers, static_cast<unsigned int>(kBatch)); // recvmmsg shortens the control lengths
+        const int count = recvmmsg(descriptor, headers, static_cast<unsigned int>(kBatch), MSG_DONTWAIT, nullptr);
         if (count <= 0)
         {
             if (count < 0)
@@ -603,7 +603,7 @@ extern "C" int can_discard_pending(void)
             if ((slot[i].frame.can_id & CAN_ERR_FLAG) == 0)
                 ++discarded;
         }
-        if (static_cast<unsigned int>(count) < kBatch)
+        if (count < kBatch)
             return discarded;
     }
 }
