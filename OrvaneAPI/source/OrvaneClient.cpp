@@ -51,7 +51,7 @@ namespace
 // Depth of telegram delivery on this thread (see IsIndicationThread).
 thread_local int t_nIndicationDepth = 0;
 
-// Marks the calling thread as delivering for as long as it lives.
+// Marks the calling thread as delivering while the scope lasts.
 struct SIndicationScope
 {
     SIndicationScope() { ++t_nIndicationDepth; }
