@@ -34,6 +34,14 @@ bool SetBlocking(int nSocket, bool bBlocking)
     const int wanted = bBlocking ? (flags & ~O_NONBLOCK) : (flags | O_NONBLOCK);
     return fcntl(nSocket, F_SETFL, wanted) == 0;
 }
+
+// What a send request returns in a connection state other than connected.
+unsigned int RefusalInState(int nState)
+{
+    if (nState == CKelIPBase::eState6)
+        return eKelIPState6;
+    return nState == CKelIPBase::eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
+}
 } // namespace
 
 // ------------------------------------------------------------ construction
@@ -320,11 +328,7 @@ unsigned int CKelIPConnection::DataReq(const char* pcData, unsigned short nLengt
 {
     const int state = GetState();
     if (state != eConnected)
-    {
-        if (state == eState6)
-            return eKelIPState6;
-        return state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
-    }
+        return RefusalInState(state);
     if (GetProtocol() == eTCP)
     {
         size_t sent = 0;
@@ -340,7 +344,7 @@ unsigned int CKelIPConnection::DataReqBatch(const char* pcData, size_t nLength, 
     unsigned int result;
     const int state = GetState();
     if (state != eConnected)
-        result = state == eState6 ? eKelIPState6 : state == eDisconnected ? eKelIPNotConnected : eKelIPWrongState;
+        result = RefusalInState(state);
     else if (GetProtocol() == eTCP)
         result = SendStream(pcData, nLength, nTimeoutMs, sent);
     else
