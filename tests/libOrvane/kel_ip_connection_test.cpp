@@ -246,6 +246,27 @@ TEST(KelIPConnectionConnect, UnreachablePeers)
     EXPECT_EQ(0, connection.ConnectIndCount(true));
 }
 
+TEST(KelIPConnectionSend, RefusedInEveryStateButConnectedWithItsOwnResult)
+{
+    CRecordingConnection connection;
+    const std::pair<int, unsigned int> cases[] = {
+        {CKelIPBase::eDisconnected, eKelIPNotConnected},
+        {CKelIPBase::eConnecting, eKelIPWrongState},
+        {CKelIPBase::eDisconnecting, eKelIPWrongState},
+        {CKelIPBase::eWaitingForPeer, eKelIPWrongState},
+        {CKelIPBase::eState6, eKelIPState6},
+    };
+    for (const auto& test : cases)
+    {
+        connection.SetState(test.first);
+        size_t sent = 99;
+        EXPECT_EQ(test.second, connection.DataReq("\x00\x00", 2, 100)) << test.first;
+        EXPECT_EQ(test.second, connection.DataReqBatch("\x00\x00", 2, 100, &sent)) << test.first;
+        EXPECT_EQ(0u, sent);
+    }
+    connection.SetState(CKelIPBase::eDisconnected);
+}
+
 // Round 1 ends by the peer's close, round 2 (on the new socket) by a hook
 // that throws, which ends the connection from this side.
 TEST_F(MessageConnectionTest, PeerCloseOrThrowingHookEndsTheConnectionOnceAndReconnectServesTheNewSocket)

@@ -21,6 +21,7 @@ class CRecordingConnection : public CKelIPConnection
 {
 public:
     using CKelIPConnection::CKelIPConnection;
+    using CKelIPConnection::SetState; // for the states no peer can bring about
     ~CRecordingConnection() override { Shutdown(); }
 
     void ConnectInd(bool bConnected) override
